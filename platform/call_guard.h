@@ -1,0 +1,57 @@
+// call_guard.h - what a service call that touches files owes to the thread it runs on.
+#ifndef TARN_PLATFORM_CALL_GUARD_H
+#define TARN_PLATFORM_CALL_GUARD_H
+
+#include <csignal>
+#include <ctime>
+#include <initializer_list>
+#include <pthread.h>
+
+// Holds off thread cancellation: file calls are cancellation points, and unwinding out of one would end the process at
+// the first catch-all on its way.
+class CCancelGuard {
+  public:
+    CCancelGuard() noexcept { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_nPrevious); }
+    ~CCancelGuard() { (void)pthread_setcancelstate(m_nPrevious, nullptr); }
+    CCancelGuard(const CCancelGuard &) = delete;
+    CCancelGuard &operator=(const CCancelGuard &) = delete;
+
+  private:
+    int m_nPrevious = PTHREAD_CANCEL_ENABLE;
+};
+
+// Turns the signals of a refused write, SIGPIPE (no reader) and SIGXFSZ (file-size limit), into plain errors for this
+// thread: blocks them, consumes one that the write raised, restores the mask. Signals pending before stay pending, and
+// no process-wide handler is touched.
+class CWriteSignalGuard {
+  public:
+    CWriteSignalGuard() noexcept {
+        sigset_t writeSignals;
+        sigemptyset(&writeSignals);
+        sigemptyset(&m_toConsume);
+        sigset_t pending;
+        sigemptyset(&pending);
+        (void)sigpending(&pending);
+        for (const int nSignal : {SIGPIPE, SIGXFSZ}) {
+            sigaddset(&writeSignals, nSignal);
+            if (sigismember(&pending, nSignal) == 0) {
+                sigaddset(&m_toConsume, nSignal);
+            }
+        }
+        (void)pthread_sigmask(SIG_BLOCK, &writeSignals, &m_previousMask);
+    }
+    ~CWriteSignalGuard() {
+        const timespec noWait = {0, 0};
+        while (sigtimedwait(&m_toConsume, nullptr, &noWait) > 0) {
+        }
+        (void)pthread_sigmask(SIG_SETMASK, &m_previousMask, nullptr);
+    }
+    CWriteSignalGuard(const CWriteSignalGuard &) = delete;
+    CWriteSignalGuard &operator=(const CWriteSignalGuard &) = delete;
+
+  private:
+    sigset_t m_previousMask;
+    sigset_t m_toConsume;
+};
+
+#endif

@@ -1,0 +1,64 @@
+/* nubbase.h - the product's base services: bounded formatting, installation paths, ini files.
+ *
+ * The functions hold no state of their own; an ini handle belongs to one thread at a time.
+ */
+#ifndef TARN_PLATFORM_NUBBASE_H
+#define TARN_PLATFORM_NUBBASE_H
+
+#include <stddef.h>
+
+#if defined(__GNUC__)
+#pragma GCC visibility push(default)
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifndef TARN_PRINTF_LIKE
+#if defined(__GNUC__)
+#define TARN_PRINTF_LIKE(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
+#else
+#define TARN_PRINTF_LIKE(formatIndex, firstArgument)
+#endif
+#endif
+
+/* snprintf that always terminates buf (size > 0). Returns the length the whole text has, or -1. */
+int str_snprintf(char *buf, size_t size, const char *format, ...) TARN_PRINTF_LIKE(3, 4);
+
+/* Expands a leading "@" to the installation directory and normalises the result by its text alone: with "@" =
+ * /opt/t/lib,
+ * "@/../config/x" is /opt/t/config/x; a trailing "/" is kept. Other text is copied as it is. "@" is TARN_INSTALL_DIR
+ * when set (ignored with raised privileges), else the folder that this library was loaded from. in may be out. Returns
+ * 1, or 0 when out cannot hold the whole path, or in is null (out is then the empty string). */
+int dirutils_path_transform(const char *in, char *out, int outSize);
+
+/* Loads an ini file of at most 4 MiB; only a regular file, and never waiting for one that is not. Keys and sections
+ * match without regard to ASCII case. Returns a handle to be freed with ini_file_free, or NULL (errno is set). */
+void *ini_file_load(const char *path);
+
+/* The value's text, the last one when the key is repeated; NULL when absent. Owned by the handle: valid until the
+ * handle is freed or the key is set again. */
+const char *ini_file_get(void *ini, const char *section, const char *key);
+
+/* Sets or adds a key in memory; a repeated key becomes a single one. Text that would not survive a save (line breaks, a
+ * key that looks like a comment or section) is refused. Returns 0, or -1 with errno set and the handle unchanged. */
+int ini_file_set(void *ini, const char *section, const char *key, const char *value);
+
+/* Replaces the file atomically (new file in the same folder, flushed to disk, renamed), keeping mode and owner; a
+ * symbolic link is followed and stays. Comments, order, other keys and sections are kept. A new file has mode 0600.
+ * flags is reserved (0). Returns 0, or -1 with errno set and the old file in place. */
+int ini_file_save(void *ini, const char *path, int flags);
+
+/* Frees a handle; NULL is allowed. */
+void ini_file_free(void *ini);
+
+#ifdef __cplusplus
+}
+#endif
+
+#if defined(__GNUC__)
+#pragma GCC visibility pop
+#endif
+
+#endif

@@ -1,0 +1,249 @@
+#include "platform/nubbase.h"
+
+#include "platform/call_guard.h"
+#include "platform/file_descriptor.h"
+#include "platform/nubbase_replace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+
+// Without these two Debian's header expects its own library, and with that ICU.
+#define SI_NO_CONVERSION
+#define SI_IMPLEMENTATION
+#include <SimpleIni.h>
+
+namespace {
+
+constexpr size_t kMaxFileSize = 4 * 1024 * 1024; // bytes; far above any configuration, far below a mistaken path
+constexpr int kMaxPasses = 4;                    // two are usual
+constexpr char kBlanks[] = " \t\n";
+constexpr std::string_view kSignature = "\xef\xbb\xbf";
+
+// Returns 0 or an errno value.
+int ReadWholeFile(const char *path, std::string &strText) {
+    // Non-blocking, so that a fifo in the file's place cannot hold the caller.
+    const CFileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status = {};
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
+        return errno;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    }
+    char szBlock[4096];
+    for (;;) {
+        const ssize_t nRead = read(file.Get(), szBlock, sizeof(szBlock));
+        if (nRead == 0) {
+            return 0;
+        }
+        if (nRead < 0 && errno != EINTR) {
+            return errno;
+        }
+        strText.append(szBlock, nRead > 0 ? static_cast<size_t>(nRead) : 0);
+        if (strText.size() > kMaxFileSize) {
+            return EFBIG;
+        }
+    }
+}
+
+// Takes out what the parser trips over, keeping every line. A zero byte, as a crash can leave it in a file, would end
+// the text; a section header without its "]" would become a section named after all that follows: it is made a comment.
+std::string CleanText(std::string_view raw) {
+    std::string strText;
+    for (size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] != '\r' || i + 1 == raw.size() || raw[i + 1] != '\n') {
+            strText += raw[i] == '\0' || raw[i] == '\r' ? '\n' : raw[i];
+        }
+    }
+    for (size_t nStart = strText.starts_with(kSignature) ? kSignature.size() : 0; nStart < strText.size();) {
+        const size_t nEnd = std::min(strText.find('\n', nStart), strText.size());
+        const size_t nFirst = strText.find_first_not_of(kBlanks, nStart);
+        const bool bUnclosed = nFirst < nEnd && strText[nFirst] == '[' && strText.find(']', nFirst) >= nEnd;
+        if (bUnclosed) {
+            strText.insert(nFirst, "; ");
+        }
+        nStart = nEnd + (bUnclosed ? 2 : 0) + 1;
+    }
+    return strText;
+}
+
+// The text up to the end of its last line that is neither blank nor a comment.
+size_t BodyLength(std::string_view text) {
+    size_t nEnd = text.size();
+    while (nEnd > 0) {
+        const size_t nStart = nEnd < 2 ? 0 : text.rfind('\n', nEnd - 2) + 1; // npos + 1 is 0
+        const std::string_view line = text.substr(nStart, nEnd - nStart);
+        const size_t nFirst = line.find_first_not_of(kBlanks);
+        if (nFirst != std::string_view::npos && line[nFirst] != ';' && line[nFirst] != '#') {
+            break;
+        }
+        nEnd = nStart;
+    }
+    return nEnd;
+}
+
+// Whether the file's first key is written "key = value" rather than "key=value".
+bool UsesSpaces(std::string_view text) {
+    while (!text.empty()) {
+        const size_t nEnd = std::min(text.find('\n'), text.size());
+        const std::string_view line = text.substr(0, nEnd);
+        const size_t nFirst = line.find_first_not_of(kBlanks);
+        const size_t nEquals = line.find('=');
+        if (nFirst < nEquals && nEquals != std::string_view::npos &&
+            std::string_view(";#[").find(line[nFirst]) == std::string_view::npos) {
+            return line[nEquals - 1] == ' ';
+        }
+        text.remove_prefix(std::min(nEnd + 1, text.size()));
+    }
+    return false;
+}
+
+bool IsOneLine(std::string_view text) {
+    return text.find_first_of("\r\n") == std::string_view::npos;
+}
+
+bool IsUsableKey(std::string_view key) {
+    return !key.empty() && IsOneLine(key) && key.find('=') == std::string_view::npos &&
+           std::string_view(";#[ \t").find(key.front()) == std::string_view::npos;
+}
+
+class CIniFile {
+  public:
+    // Repeated keys are allowed, because other programs' sections may hold lists.
+    CIniFile() : m_ini(false, true, false) {}
+
+    [[nodiscard]] bool Parse(std::string_view raw) {
+        std::string strText = CleanText(raw);
+        m_ini.SetSpaces(UsesSpaces(strText));
+        const size_t nBody = BodyLength(strText);
+        m_strTail = strText.substr(nBody);
+        m_strTail.erase(0, m_strTail.find_first_not_of(kBlanks));
+        m_strTail.erase(m_strTail.find_last_not_of(kBlanks) + 1);
+        strText.resize(nBody);
+        return m_ini.LoadData(strText) >= 0;
+    }
+
+    [[nodiscard]] const char *Get(const char *section, const char *key) const {
+        bool bRepeated = false;
+        const char *pValue = m_ini.GetValue(section, key, nullptr, &bRepeated);
+        if (bRepeated) {
+            CSimpleIniA::TNamesDepend values;
+            m_ini.GetAllValues(section, key, values);
+            pValue = values.back().pItem;
+        }
+        return pValue;
+    }
+
+    [[nodiscard]] bool Set(const std::string &strSection, const std::string &strKey, const std::string &strValue) {
+        return m_ini.SetValue(strSection.c_str(), strKey.c_str(), strValue.c_str(), nullptr, true) >= 0;
+    }
+
+    // Reads back what it writes until the text stays the same: the parser may see a comment at the top as a section's
+    // at first and as the file's own afterwards, and saving twice has to give the same bytes.
+    [[nodiscard]] bool Serialise(std::string &strText) const {
+        bool bGood = WriteOnce(strText);
+        std::string strBefore;
+        for (int nPass = 0; bGood && nPass < kMaxPasses && strText != strBefore; ++nPass) {
+            strBefore.swap(strText);
+            CIniFile again;
+            bGood = again.Parse(strBefore) && again.WriteOnce(strText);
+        }
+        return bGood;
+    }
+
+  private:
+    [[nodiscard]] bool WriteOnce(std::string &strText) const {
+        strText.clear();
+        if (m_ini.Save(strText, m_ini.IsUnicode()) < 0) {
+            return false;
+        }
+        if (!m_strTail.empty()) {
+            strText += (strText.empty() ? "" : "\n") + m_strTail + "\n";
+        }
+        return true;
+    }
+
+    CSimpleIniA m_ini;
+    std::string m_strTail; // comments after the last entry, which the parser would drop
+};
+
+int Fail(int nError) {
+    errno = nError;
+    return -1;
+}
+
+} // namespace
+
+void *ini_file_load(const char *path) {
+    if (path == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const CCancelGuard noCancel;
+    try {
+        std::string strText;
+        const int nError = ReadWholeFile(path, strText);
+        if (nError != 0) {
+            errno = nError;
+            return nullptr;
+        }
+        auto file = std::make_unique<CIniFile>();
+        if (file->Parse(strText)) {
+            return file.release();
+        }
+    } catch (...) { // only memory can be short here; reported below
+    }
+    errno = ENOMEM;
+    return nullptr;
+}
+
+const char *ini_file_get(void *ini, const char *section, const char *key) {
+    if (ini == nullptr || section == nullptr || key == nullptr) {
+        return nullptr;
+    }
+    try {
+        return static_cast<const CIniFile *>(ini)->Get(section, key);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+int ini_file_set(void *ini, const char *section, const char *key, const char *value) {
+    if (ini == nullptr || section == nullptr || key == nullptr || value == nullptr || !IsOneLine(section) ||
+        std::string_view(section).find(']') != std::string_view::npos || !IsUsableKey(key) || !IsOneLine(value)) {
+        return Fail(EINVAL);
+    }
+    try {
+        // Copies, because the arguments may be text of this handle that the change frees.
+        return static_cast<CIniFile *>(ini)->Set(section, key, value) ? 0 : Fail(ENOMEM);
+    } catch (...) {
+        return Fail(ENOMEM);
+    }
+}
+
+int ini_file_save(void *ini, const char *path, int /*flags*/) {
+    if (ini == nullptr || path == nullptr) {
+        return Fail(EINVAL);
+    }
+    const CCancelGuard noCancel;
+    try {
+        std::string strText;
+        if (!static_cast<const CIniFile *>(ini)->Serialise(strText)) {
+            return Fail(ENOMEM);
+        }
+        const int nError = ReplaceFile(path, strText);
+        return nError == 0 ? 0 : Fail(nError);
+    } catch (...) {
+        return Fail(ENOMEM);
+    }
+}
+
+void ini_file_free(void *ini) {
+    delete static_cast<CIniFile *>(ini);
+}

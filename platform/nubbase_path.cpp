@@ -1,0 +1,91 @@
+#include "platform/nubbase.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+// The folder that holds this library, empty when it is not known. Found while the library is loaded: the loader may
+// know it by a relative name only, and the host may change its working directory later.
+char g_szLibraryDir[PATH_MAX];
+
+__attribute__((constructor)) void FindLibraryDir() noexcept {
+    Dl_info info;
+    if (dladdr(g_szLibraryDir, &info) == 0 || info.dli_fname == nullptr) {
+        return;
+    }
+    char szPath[2 * PATH_MAX] = "";
+    if (info.dli_fname[0] != '/') {
+        if (getcwd(szPath, PATH_MAX - 1) == nullptr) {
+            return;
+        }
+        szPath[strlen(szPath)] = '/';
+    }
+    const size_t nPrefix = strlen(szPath);
+    const char *pLastSlash = strrchr(info.dli_fname, '/');
+    const size_t nFolder = pLastSlash == nullptr ? 0 : static_cast<size_t>(pLastSlash - info.dli_fname);
+    if (nPrefix + nFolder + 1 >= sizeof(g_szLibraryDir)) {
+        return;
+    }
+    memcpy(g_szLibraryDir, szPath, nPrefix);
+    memcpy(g_szLibraryDir + nPrefix, info.dli_fname, nFolder);
+    if (nPrefix + nFolder == 0) {
+        g_szLibraryDir[0] = '/';
+    }
+}
+
+std::filesystem::path InstallDir() {
+    const char *pConfigured = secure_getenv("TARN_INSTALL_DIR");
+    if (pConfigured == nullptr || pConfigured[0] == '\0') {
+        return g_szLibraryDir;
+    }
+    std::error_code error;
+    std::filesystem::path path = std::filesystem::absolute(pConfigured, error);
+    return error ? std::filesystem::path() : path;
+}
+
+// Empty when the installation directory is not known.
+std::string Expand(std::string_view text) {
+    if (text.empty() || text.front() != '@') {
+        return std::string(text);
+    }
+    const std::filesystem::path installDir = InstallDir();
+    if (installDir.empty()) {
+        return {};
+    }
+    const std::string strBelow(text.substr(1));
+    std::string strPath = std::filesystem::path(installDir.native() + '/' + strBelow).lexically_normal().native();
+    // lexically_normal ends "a/b/.." in "/"; a caller who gave no "/" at the end gets none.
+    const bool bWantsSlash = text.back() == '/';
+    if (!bWantsSlash && strPath.size() > 1 && strPath.back() == '/') {
+        strPath.pop_back();
+    }
+    return strPath;
+}
+
+} // namespace
+
+int dirutils_path_transform(const char *in, char *out, int outSize) {
+    if (out == nullptr || outSize <= 0) {
+        return 0;
+    }
+    try {
+        const std::string strPath = in == nullptr ? std::string() : Expand(in);
+        const bool bLost = in == nullptr || (strPath.empty() && in[0] != '\0');
+        out[0] = '\0';
+        if (bLost || strPath.size() >= static_cast<size_t>(outSize)) {
+            return 0;
+        }
+        memcpy(out, strPath.c_str(), strPath.size() + 1);
+        return 1;
+    } catch (...) {
+        out[0] = '\0';
+        return 0;
+    }
+}

@@ -1,0 +1,18 @@
+#include "platform/nubbase.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+int str_snprintf(char *buf, size_t size, const char *format, ...) {
+    if (format == nullptr || (buf == nullptr && size > 0)) {
+        return -1;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int nLength = vsnprintf(buf, size, format, arguments);
+    va_end(arguments);
+    if (nLength < 0 && size > 0) {
+        buf[0] = '\0';
+    }
+    return nLength < 0 ? -1 : nLength;
+}

@@ -1,0 +1,205 @@
+#include "platform/tarncore.h"
+
+#include "platform/call_guard.h"
+#include "platform/log_output.h"
+#include "platform/log_text.h"
+#include "platform/nubbase.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <strings.h>
+
+namespace {
+
+enum LogLevel : int { LEVEL_UNREAD = -1, LEVEL_OFF, LEVEL_SEVERE, LEVEL_ERROR, LEVEL_INFO, LEVEL_DEBUG };
+
+constexpr size_t kMaxMessage = PATH_MAX + 1024; // bytes: the longest path and a sentence around it
+constexpr char kConfigFile[] = "@/../config/tarncfg.ini";
+constexpr char kConfigSection[] = "log";
+
+struct _LogSettings {
+    LogLevel level = LEVEL_ERROR;
+    std::string strFile; // empty: standard error
+};
+
+LogLevel ParseLevel(const std::string &strLevel) {
+    constexpr const char *kNames[] = {"off", "severe", "error", "info", "debug"};
+    for (int i = LEVEL_OFF; i <= LEVEL_DEBUG; ++i) {
+        if (strcasecmp(strLevel.c_str(), kNames[i]) == 0) {
+            return static_cast<LogLevel>(i);
+        }
+    }
+    return LEVEL_ERROR;
+}
+
+std::string AbsolutePath(const std::string &strPath) {
+    char szExpanded[PATH_MAX];
+    if (dirutils_path_transform(strPath.c_str(), szExpanded, sizeof(szExpanded)) == 0 || szExpanded[0] == '\0') {
+        return {};
+    }
+    // Absolute, because the file is opened again at each rotation and the host may change its folder meanwhile.
+    std::error_code error;
+    return std::filesystem::absolute(szExpanded, error).native();
+}
+
+_LogSettings ReadSettings() {
+    const auto fromEnvironment = [](const char *pName) -> std::optional<std::string> {
+        const char *pValue = secure_getenv(pName);
+        return pValue == nullptr || pValue[0] == '\0' ? std::nullopt : std::optional<std::string>(pValue);
+    };
+    std::optional<std::string> level = fromEnvironment("TARN_LOG_LEVEL");
+    std::optional<std::string> file = fromEnvironment("TARN_LOG_FILE");
+    char szConfig[PATH_MAX];
+    if ((!level || !file) && dirutils_path_transform(kConfigFile, szConfig, sizeof(szConfig)) != 0) {
+        const std::unique_ptr<void, decltype(&ini_file_free)> ini(ini_file_load(szConfig), &ini_file_free);
+        const auto fromFile = [&ini](const char *pKey) {
+            const char *pValue = ini == nullptr ? nullptr : ini_file_get(ini.get(), kConfigSection, pKey);
+            return std::string(pValue == nullptr ? "" : pValue);
+        };
+        level = level ? level : fromFile("level");
+        file = file ? file : fromFile("file");
+    }
+    return {ParseLevel(level.value_or("")), AbsolutePath(file.value_or(""))};
+}
+
+// True on a thread that is inside the logger. Whatever asks for a log line there, a replaced base service or a signal
+// handler, gets none: it would wait for itself.
+thread_local bool t_bInLogger = false;
+
+class CInLogger {
+  public:
+    CInLogger() noexcept { t_bInLogger = true; }
+    ~CInLogger() { t_bInLogger = false; }
+    CInLogger(const CInLogger &) = delete;
+    CInLogger &operator=(const CInLogger &) = delete;
+};
+
+class CLogger {
+  public:
+    CLogger() noexcept;
+
+    [[nodiscard]] int Level() noexcept {
+        const int nLevel = m_nLevel.load(std::memory_order_acquire);
+        return nLevel != LEVEL_UNREAD ? nLevel : ReadLevel();
+    }
+    void Write(int nLevel, const char *source, int line, const char *format, va_list arguments) noexcept
+        __attribute__((format(printf, 5, 0)));
+    void Close() noexcept;
+
+    std::mutex m_mutex; // guards m_file and the first setting of m_nLevel; held across a fork
+
+  private:
+    int ReadLevel() noexcept;
+    std::string WriteToFile(std::string strLine) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_file.Write(std::move(strLine));
+    }
+
+    std::atomic<int> m_nLevel{LEVEL_UNREAD};
+    CLogFile m_file;
+};
+
+// Made when the library is loaded and never destroyed: the host's threads and late destructors may still log at its
+// end.
+union CForever {
+    CForever() noexcept : m_logger() {}
+    ~CForever() {}
+    CLogger m_logger;
+} g_forever;
+
+CLogger &Logger() noexcept {
+    return g_forever.m_logger;
+}
+
+__attribute__((destructor)) void CloseLogger() noexcept {
+    Logger().Close();
+}
+
+CLogger::CLogger() noexcept {
+    // A child must not inherit a mutex that a thread it does not have was holding.
+    (void)pthread_atfork([] { Logger().m_mutex.lock(); }, [] { Logger().m_mutex.unlock(); },
+                         [] { Logger().m_mutex.unlock(); });
+}
+
+int CLogger::ReadLevel() noexcept {
+    if (t_bInLogger) {
+        return LEVEL_OFF;
+    }
+    const CInLogger inLogger;
+    const CCancelGuard noCancel;
+    const int nError = errno;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_nLevel.load(std::memory_order_relaxed) == LEVEL_UNREAD) {
+        LogLevel level = LEVEL_ERROR;
+        try {
+            _LogSettings settings = ReadSettings();
+            m_file.SetPath(std::move(settings.strFile));
+            level = settings.level;
+        } catch (...) { // out of memory: the defaults stand
+        }
+        m_nLevel.store(level, std::memory_order_release);
+    }
+    errno = nError;
+    return m_nLevel.load(std::memory_order_relaxed);
+}
+
+void CLogger::Write(int nLevel, const char *source, int line, const char *format, va_list arguments) noexcept {
+    if (t_bInLogger) {
+        return;
+    }
+    const CInLogger inLogger;
+    const CCancelGuard noCancel;
+    const int nError = errno;
+    char szMessage[kMaxMessage] = "";
+    const int nLength = vsnprintf(szMessage, sizeof(szMessage), format, arguments);
+    try {
+        // A format that cannot be filled in still tells where the trouble was.
+        std::string_view message = nLength < 0 ? format : szMessage;
+        if (nLength >= static_cast<int>(sizeof(szMessage))) {
+            memcpy(szMessage + sizeof(szMessage) - 4, "...", 4);
+        } else if (!message.empty() && message.back() == '\n') {
+            message.remove_suffix(1);
+        }
+        std::string strLine = FormatLogLine(std::clamp<int>(nLevel, LEVEL_SEVERE, LEVEL_DEBUG), source, line, message);
+        const CWriteSignalGuard noWriteSignals;
+        WriteToStandardError(WriteToFile(std::move(strLine)));
+    } catch (...) { // out of memory: the line is lost, the caller goes on
+    }
+    errno = nError;
+}
+
+void CLogger::Close() noexcept {
+    // A thread that is stuck in a write must not hold up the end of the process.
+    const std::unique_lock<std::mutex> lock(m_mutex, std::try_to_lock);
+    if (lock.owns_lock()) {
+        const CWriteSignalGuard noWriteSignals;
+        m_file.Close();
+    }
+}
+
+} // namespace
+
+void error_output(int level, const char *source, int line, const char *format, ...) {
+    if (format == nullptr || level > Logger().Level()) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    Logger().Write(level, source == nullptr ? "-" : source, line, format, arguments);
+    va_end(arguments);
+}
+
+int is_open_debug_log_avscan(void) {
+    return Logger().Level() == LEVEL_DEBUG ? 1 : 0;
+}

@@ -1,0 +1,113 @@
+#include "platform/tarncore.h"
+
+#include "platform/call_guard.h"
+#include "platform/nubbase.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <nettle/base16.h>
+#include <string_view>
+#include <strings.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+constexpr int kLevelError = 2;
+constexpr char kSource[] = "tarncore";
+constexpr char kFunction[] = "get_business_value";
+constexpr char kValueFile[] = "@/../config/business.ini";
+constexpr mode_t kGroupOrOthers = 066; // may read or write
+
+// Decoded secret bytes, wiped when they go.
+class CSecretBytes {
+  public:
+    explicit CSecretBytes(size_t nSize) : m_bytes(nSize) {}
+    ~CSecretBytes() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
+    CSecretBytes(const CSecretBytes &) = delete;
+    CSecretBytes &operator=(const CSecretBytes &) = delete;
+    uint8_t *Data() noexcept { return m_bytes.data(); }
+
+  private:
+    std::vector<uint8_t> m_bytes;
+};
+
+// Returns the bytes copied, or -1 when text is not hexadecimal.
+int DecodeHex(std::string_view text, unsigned char *out, int outLen) {
+    if (text.empty()) {
+        return -1;
+    }
+    CSecretBytes bytes(BASE16_DECODE_LENGTH(text.size()));
+    base16_decode_ctx context;
+    base16_decode_init(&context);
+    size_t nDecoded = 0;
+    if (base16_decode_update(&context, &nDecoded, bytes.Data(), text.size(), text.data()) == 0 ||
+        base16_decode_final(&context) == 0) {
+        return -1;
+    }
+    const int nCopied = static_cast<int>(std::min(nDecoded, static_cast<size_t>(outLen)));
+    memcpy(out, bytes.Data(), static_cast<size_t>(nCopied));
+    return nCopied;
+}
+
+bool IsPrivate(const char *path) {
+    struct stat status = {};
+    if (stat(path, &status) != 0) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]cannot read %s: %s", kFunction, path, strerrordesc_np(errno));
+        return false;
+    }
+    if ((status.st_mode & kGroupOrOthers) != 0) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]%s is refused: group or others may access it (mode %04o)",
+                     kFunction, path, static_cast<unsigned>(status.st_mode & 07777));
+        return false;
+    }
+    return true;
+}
+
+int ReadValue(const char *section, const char *name, unsigned char *out, int outLen) {
+    char szPath[PATH_MAX];
+    if (dirutils_path_transform(kValueFile, szPath, sizeof(szPath)) == 0) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]path of %s is too long", kFunction, kValueFile);
+        return -1;
+    }
+    if (!IsPrivate(szPath)) {
+        return -1;
+    }
+    const std::unique_ptr<void, decltype(&ini_file_free)> ini(ini_file_load(szPath), &ini_file_free);
+    if (ini == nullptr) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]cannot read %s: %s", kFunction, szPath,
+                     strerrordesc_np(errno));
+        return -1;
+    }
+    const char *pValue = ini_file_get(ini.get(), section, name);
+    if (pValue == nullptr) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]no value %s in section %s of %s", kFunction, name, section,
+                     szPath);
+        return -1;
+    }
+    const int nCopied = DecodeHex(pValue, out, outLen);
+    if (nCopied < 0) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]value %s in section %s of %s is not hexadecimal", kFunction,
+                     name, section, szPath);
+    }
+    return nCopied;
+}
+
+} // namespace
+
+int get_business_value(const char *section, const char *name, int /*reserved0*/, int /*reserved1*/, unsigned char *out,
+                       int outLen) {
+    if (section == nullptr || name == nullptr || out == nullptr || outLen <= 0) {
+        return -1;
+    }
+    const CCancelGuard noCancel;
+    try {
+        return ReadValue(section, name, out, outLen);
+    } catch (...) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]out of memory", kFunction);
+        return -1;
+    }
+}
