@@ -1,0 +1,23 @@
+# libtarncache: the layers as explicit lists, one shared library.
+add_library(tarncache SHARED
+  util/cacheutil.cpp
+  util/dbconfig.cpp
+  util/dbfileutil.cpp
+  util/file_size_signal.cpp
+  tables/cachetable.cpp
+  tables/cachetable_bulk.cpp
+  tables/statement_pool.cpp
+  tables/versiontable.cpp
+  tables/vsdesctable.cpp
+  tables/xdatatable.cpp)
+target_compile_definitions(tarncache PRIVATE TARN_BUILDING_LIBRARY)
+target_link_libraries(tarncache
+  PRIVATE tarn_warnings tarn_settings tarncore nubbase nubcl_ev SQLite::SQLite3 Threads::Threads)
+target_include_directories(tarncache INTERFACE
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/interface> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+set_target_properties(tarncache PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION 1 INSTALL_RPATH "$ORIGIN" EXPORT_NAME tarncache)
+# An undefined symbol is a build error, not a surprise in the host's process.
+if(NOT TARN_SANITIZE)
+  target_link_options(tarncache PRIVATE -Wl,-z,defs)
+endif()

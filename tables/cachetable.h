@@ -1,0 +1,73 @@
+// cachetable.h - table "CT": one row per scanned file.
+//
+// No lock of its own. QueryRecord, QueryRecordsCount and QueryFilePathHashByMD5 may run side by side under the agent's
+// read lock; everything else runs under its write lock or on the writer thread.
+#ifndef TARN_TABLES_CACHETABLE_H
+#define TARN_TABLES_CACHETABLE_H
+
+#include "tables/statement_pool.h"
+#include "tables/xdatatable.h"
+#include "util/cache_record.h"
+
+#include <set>
+
+class TARN_EXPORT CCacheTable : public CTableBase<_CacheRecord> {
+  public:
+    explicit CCacheTable(sqlite3 *pDB = nullptr);
+    virtual ~CCacheTable();
+
+    // Sets the name and builds the statement texts; calling it again changes nothing.
+    void RegisterSQLs();
+
+    // Makes the index over the MD5 columns where it is missing and prepares m_stSetQueryTime.
+    // 0; 1 without a connection; else the SQLite code of the failed preparation.
+    uint32_t OnCreate() override;
+    void OnRelease() override;
+
+    // Replaces the whole row with the record's key. 0 or the SQLite code; 1 for a null argument.
+    uint32_t InsertRecord(_CacheRecord *pRecord) override;
+    // 0: found, every field filled. 101 (SQLITE_DONE): no such row, record unchanged. Else another SQLite code, or 1
+    // for a null argument.
+    uint32_t QueryRecord(_CacheRecord *pRecord) override;
+    // 0 or the SQLite code; 1 for a null argument.
+    uint32_t DeleteRecord(_CacheRecord *pRecord) override;
+
+    // Adds 1 to the row's query count and sets its time stamp (seconds). An absent row changes nothing.
+    void AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStamp);
+    // Row count. 0 or the SQLite code (*piCounts untouched); 1 for a null argument.
+    uint32_t QueryRecordsCount(int *piCounts);
+    // Sets every row's query count. 0 or the SQLite code; 1 without a connection.
+    uint32_t ResetAllRecordsQueryCount(int iValue);
+    // Empties the table. 1 success, 0 failure; 1 without a connection. A busy database is not tried again.
+    int DeleteAllRecords();
+
+    // Bulk operations, each one statement.
+
+    // From 1,000,000 rows on, deletes the excess over a million plus iExtraTenThousands * 10,000 rows, oldest time
+    // stamp first. 0 or the SQLite code; 1 without a connection. *piDeleted (may be null) is set when a deletion was
+    // done.
+    uint32_t DeleteExcessRecords(int iExtraTenThousands, int *piDeleted);
+    // Deletes rows with a query count of at most iMaxQueryCount and a time stamp of at most liOlderThan (seconds).
+    // 0 (also after a failed preparation) or the SQLite code; 1 without a connection. *piDeleted as above.
+    uint32_t DeleteExpireRecords(int iMaxQueryCount, int64_t liOlderThan, int *piDeleted);
+    // Deletes every row with this MD5. 1 success, 0 failure; 1 without a connection.
+    int DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5);
+    // Deletes every row whose verdict came from one of the engines. 1 success (an empty set too), 0 failure; 1 without
+    // a connection.
+    int BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds);
+    // Appends one new record, zeroed path, for each row with this MD5. 1 success, 0 failure; 1 without a connection.
+    // The caller frees the records with delete, after a failure too.
+    int QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut);
+    // "(3,7,12)" in ascending order; "()" for an empty set.
+    std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
+
+    _SQLStmt m_stSetQueryTime;
+
+  private:
+    const std::string &ColumnName(size_t nPosition) const { return m_vecColumns[nPosition].strColumnName; }
+    uint32_t StepBulkDeletion(sqlite3_stmt *pStmt, const char *pszFunction, int *piDeleted);
+
+    CStatementPool m_queryPool;
+};
+
+#endif

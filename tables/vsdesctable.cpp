@@ -1,0 +1,207 @@
+#include "tables/vsdesctable.h"
+
+#include "platform/nubbase.h"
+#include "tables/sqlite_support.h"
+#include "util/log.h"
+
+#include <algorithm>
+#include <cstring>
+#include <sqlite3.h>
+
+namespace {
+
+constexpr char kLogSource[] = "vsdesctable";
+constexpr int kNoDescription = -1;
+
+} // namespace
+
+CVirusTable::CVirusTable(sqlite3 *pDB) : CTableBase(pDB) {
+    RegisterSQLs();
+}
+
+CVirusTable::~CVirusTable() {
+    FinalizeStatements();
+    CVirusTable::OnRelease();
+}
+
+void CVirusTable::RegisterSQLs() {
+    RegisterTexts("VDT", {{"VID", "integer(4)", "primary key"}, {"VD", "varchar(64)", "not null"}});
+}
+
+uint32_t CVirusTable::InsertRecord(_VirusRecord *pRecord) {
+    sqlite3_stmt *const pStmt = m_stInsert.pStmt;
+    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+        TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stInsert.pStmt is null, or pRecord is null.");
+        return 1;
+    }
+    const CStatementUse use(pStmt);
+    const int nBytes = static_cast<int>(strnlen(pRecord->szVirusDesc, sizeof pRecord->szVirusDesc));
+    int iResult = sqlite3_bind_int(pStmt, 1, pRecord->iVirusIndex);
+    iResult |= sqlite3_bind_text(pStmt, 2, pRecord->szVirusDesc, nBytes, nullptr);
+    if (iResult == SQLITE_OK) {
+        const int iStep = sqlite3_step(pStmt);
+        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
+    }
+    return static_cast<uint32_t>(iResult);
+}
+
+uint32_t CVirusTable::QueryRecord(_VirusRecord *pRecord) {
+    if (m_pDB == nullptr || m_stQuery.pStmt == nullptr || pRecord == nullptr) {
+        TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stQuery.pStmt is null, or pRecord is null.");
+        return 1;
+    }
+    _SQLStmt stQuery(m_stQuery.strSQL); // the map answers all but the first query of an index
+    int iResult = stQuery.Prepare(m_pDB);
+    if (iResult == SQLITE_OK) {
+        iResult = sqlite3_bind_int(stQuery.pStmt, 1, pRecord->iVirusIndex);
+    }
+    if (iResult != SQLITE_OK) {
+        return static_cast<uint32_t>(iResult);
+    }
+    iResult = sqlite3_step(stQuery.pStmt);
+    if (iResult != SQLITE_ROW) {
+        return static_cast<uint32_t>(iResult);
+    }
+    const void *pText = sqlite3_column_text(stQuery.pStmt, 1);
+    const size_t nBytes = static_cast<size_t>(sqlite3_column_bytes(stQuery.pStmt, 1));
+    if (pText == nullptr || nBytes == 0) {
+        return 1;
+    }
+    std::memset(pRecord->szVirusDesc, 0, sizeof pRecord->szVirusDesc);
+    std::memcpy(pRecord->szVirusDesc, pText, std::min(nBytes, kVirusDescSize - 1));
+    return 0;
+}
+
+uint32_t CVirusTable::DeleteRecord(_VirusRecord *pRecord) {
+    sqlite3_stmt *const pStmt = m_stDelete.pStmt;
+    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+        TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stDelete.pStmt is null, or pRecord is null.");
+        return 1;
+    }
+    const CStatementUse use(pStmt);
+    int iResult = sqlite3_bind_int(pStmt, 1, pRecord->iVirusIndex);
+    if (iResult == SQLITE_OK) {
+        const int iStep = sqlite3_step(pStmt);
+        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
+    }
+    return static_cast<uint32_t>(iResult);
+}
+
+uint32_t CVirusTable::QueryRecordCounts(int &iCounts) {
+    if (m_pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]m_pDB is null.");
+        return 1;
+    }
+    return static_cast<uint32_t>(CountRows(&iCounts));
+}
+
+bool CVirusTable::FindInMap(const std::string &strVirusDesc, int *pVirusIndex) {
+    const std::lock_guard<std::mutex> guard(m_mapMutex);
+    const auto it = std::find_if(m_mapVirusDesc.begin(), m_mapVirusDesc.end(),
+                                 [&](const auto &entry) { return entry.second == strVirusDesc; });
+    if (it == m_mapVirusDesc.end()) {
+        return false;
+    }
+    *pVirusIndex = it->first;
+    return true;
+}
+
+int CVirusTable::GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex) {
+    if (m_pDB == nullptr || pszVirusDesc == nullptr || pVirusIndex == nullptr) {
+        TARN_LOG_ERROR("[%s]arg m_pDB or pMap or pszVirusDesc or pVirusIndex is null.");
+        return 1;
+    }
+    if (*pszVirusDesc == '\0') {
+        *pVirusIndex = kNoDescription;
+        return 1;
+    }
+    // Cut before the search, so that what is looked for is what is stored.
+    const std::string strVirusDesc(pszVirusDesc, strnlen(pszVirusDesc, kVirusDescSize - 1));
+    if (FindInMap(strVirusDesc, pVirusIndex)) {
+        return 1;
+    }
+    return LoadRecords(&m_mapVirusDesc, strVirusDesc.c_str(), pVirusIndex) == 0 ? 1 : 0;
+}
+
+// New descriptions take the row count as their index. After a deletion that index may be taken, and the insert then
+// replaces its row: kept, since stored records refer to these numbers.
+uint32_t CVirusTable::AddDescription(const char *pszVirusDesc, int *pVirusIndex) {
+    int iCounts = 0;
+    if (const uint32_t uResult = QueryRecordCounts(iCounts); uResult != 0) {
+        return uResult;
+    }
+    _VirusRecord record = {};
+    record.iVirusIndex = iCounts;
+    std::memcpy(record.szVirusDesc, pszVirusDesc, strnlen(pszVirusDesc, kVirusDescSize - 1));
+    if (const uint32_t uResult = InsertRecord(&record); uResult != 0) {
+        return uResult;
+    }
+    *pVirusIndex = iCounts;
+    return 0;
+}
+
+uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *pszVirusDesc, int *pVirusIndex) {
+    if (m_pDB == nullptr || pMap == nullptr || pszVirusDesc == nullptr || pVirusIndex == nullptr) {
+        TARN_LOG_ERROR("[%s]arg m_pDB or pMap or pszVirusDesc or pVirusIndex is null.");
+        return 1;
+    }
+    if (*pszVirusDesc == '\0') {
+        *pVirusIndex = kNoDescription;
+        return 0;
+    }
+    // The description goes in as it is: one with a double quote makes the text malformed and is refused that way.
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s = \"%s\";", m_vecColumns[0].strColumnName.c_str(),
+                 m_strTableName.c_str(), m_vecColumns[1].strColumnName.c_str(), pszVirusDesc);
+    _SQLStmt stQuery(szSQL);
+    if (const int iResult = stQuery.Prepare(m_pDB); iResult != SQLITE_OK) {
+        return static_cast<uint32_t>(iResult);
+    }
+    int iStep = sqlite3_step(stQuery.pStmt);
+    if (iStep == SQLITE_BUSY) {
+        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
+        sqlite3_reset(stQuery.pStmt);
+        iStep = sqlite3_step(stQuery.pStmt);
+    }
+    if (iStep == SQLITE_ROW) {
+        *pVirusIndex = sqlite3_column_int(stQuery.pStmt, 0);
+    } else if (iStep == SQLITE_DONE) {
+        if (const uint32_t uResult = AddDescription(pszVirusDesc, pVirusIndex); uResult != 0) {
+            return uResult;
+        }
+    } else {
+        return static_cast<uint32_t>(iStep);
+    }
+    const std::lock_guard<std::mutex> guard(m_mapMutex);
+    pMap->emplace(*pVirusIndex, pszVirusDesc);
+    return 0;
+}
+
+int CVirusTable::GetVirusDescByIndex(int iVirusIndex, char *pszVirusDesc, unsigned int ccbVirusDesc) {
+    if (m_pDB == nullptr || pszVirusDesc == nullptr || ccbVirusDesc == 0) {
+        TARN_LOG_ERROR("[%s]arg m_pDB or pszVirusDesc is null, or ccbVirusDesc is 0.");
+        return 1;
+    }
+    if (iVirusIndex < 0) {
+        std::memset(pszVirusDesc, 0, ccbVirusDesc);
+        return 1;
+    }
+    {
+        const std::lock_guard<std::mutex> guard(m_mapMutex);
+        if (const auto it = m_mapVirusDesc.find(iVirusIndex); it != m_mapVirusDesc.end()) {
+            str_snprintf(pszVirusDesc, ccbVirusDesc, "%s", it->second.c_str());
+            return 1;
+        }
+    }
+    _VirusRecord record = {};
+    record.iVirusIndex = iVirusIndex;
+    if (QueryRecord(&record) != 0) {
+        return 0;
+    }
+    {
+        const std::lock_guard<std::mutex> guard(m_mapMutex);
+        m_mapVirusDesc[iVirusIndex] = record.szVirusDesc;
+    }
+    str_snprintf(pszVirusDesc, ccbVirusDesc, "%s", record.szVirusDesc);
+    return 1;
+}

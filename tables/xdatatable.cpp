@@ -1,0 +1,145 @@
+#include "tables/xdatatable.h"
+
+#include "platform/nubbase.h"
+#include "tables/sqlite_support.h"
+#include "util/log.h"
+
+#include <algorithm>
+#include <cctype>
+#include <memory>
+#include <sqlite3.h>
+
+namespace {
+
+constexpr char kLogSource[] = "xdatatable";
+constexpr char kPrimaryKey[] = "primary key";
+
+struct _SqliteFree {
+    void operator()(char *pszText) const { sqlite3_free(pszText); }
+};
+
+void ToLower(std::string &strText) {
+    std::transform(strText.begin(), strText.end(), strText.begin(),
+                   [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
+}
+
+// Does the stored CREATE text, less everything up to "table" and less its closing parenthesis, stand in the expected
+// one? SQLite stores a text without "if not exists" and the final semicolon, so the two never match whole.
+bool SchemaMatches(std::string strStored, std::string strExpected) {
+    ToLower(strStored);
+    ToLower(strExpected);
+    constexpr char kTable[] = "table";
+    const size_t nTable = strStored.find(kTable);
+    if (nTable == std::string::npos) {
+        return false;
+    }
+    const std::string strColumns = strStored.substr(nTable + sizeof kTable - 1);
+    return strExpected.find(strColumns.substr(0, strColumns.empty() ? 0 : strColumns.size() - 1)) != std::string::npos;
+}
+
+} // namespace
+
+int _SQLStmt::Prepare(sqlite3 *pDB) {
+    return pStmt != nullptr ? SQLITE_OK : sqlite3_prepare_v2(pDB, strSQL.c_str(), -1, &pStmt, nullptr);
+}
+
+void _SQLStmt::Finalize() {
+    sqlite3_finalize(pStmt);
+    pStmt = nullptr;
+}
+
+CStatementUse::~CStatementUse() {
+    sqlite3_clear_bindings(m_pStmt);
+    sqlite3_reset(m_pStmt);
+}
+
+int __implExecDDL(sqlite3 *pDB, const std::string &strSQL) {
+    if (pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]arg pDB is null.");
+        return 1;
+    }
+    char *pszError = nullptr;
+    int iResult = sqlite3_exec(pDB, strSQL.c_str(), nullptr, nullptr, &pszError);
+    if (iResult == SQLITE_BUSY) {
+        sqlite3_free(pszError);
+        pszError = nullptr;
+        sqlite3_busy_timeout(pDB, kBusyTimeoutMs);
+        iResult = sqlite3_exec(pDB, strSQL.c_str(), nullptr, nullptr, &pszError);
+    }
+    const std::unique_ptr<char, _SqliteFree> pError(pszError);
+    if (iResult != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s]Create SQL Stmt (%s) failed with error msg, %s", strSQL.c_str(),
+                       pError != nullptr ? pError.get() : sqlite3_errstr(iResult));
+        return 1;
+    }
+    return 0;
+}
+
+int __implCheckIntegrity(sqlite3 *pDB, std::string strCheckSQL, std::string strCreateSQL) {
+    if (pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]arg pDB is null.");
+        return 1;
+    }
+    _SQLStmt stCheck(std::move(strCheckSQL));
+    if (const int iResult = stCheck.Prepare(pDB); iResult != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s]check table failed with error msg = %s", sqlite3_errstr(iResult));
+        return iResult;
+    }
+    if (sqlite3_step(stCheck.pStmt) != SQLITE_ROW) {
+        // Always the text of the generic error, whatever the step returned.
+        TARN_LOG_ERROR("[%s]step table failed with error msg = %s", sqlite3_errstr(SQLITE_ERROR));
+        return 1;
+    }
+    const auto *pszStored = reinterpret_cast<const char *>(sqlite3_column_text(stCheck.pStmt, 0));
+    return pszStored != nullptr && SchemaMatches(pszStored, std::move(strCreateSQL)) ? 0 : 1;
+}
+
+void CTableSchema::RegisterTexts(const std::string &strName, std::vector<_TableColumnValue> vecColumns) {
+    m_strTableName = strName;
+    m_vecColumns = std::move(vecColumns);
+    m_strCheckSQL = "select sql from sqlite_master where type = \"table\" and name = \"" + strName + "\";";
+    m_strCreateSQL = "create table if not exists " + strName + "(";
+    m_strDropSQL = "drop table if exists " + strName + ";";
+    m_stInsert.strSQL = "replace into " + strName + " values(";
+    m_stDelete.strSQL = "delete from " + strName + " where ";
+    m_stQuery.strSQL = "select * from " + strName + " where ";
+    for (const _TableColumnValue &column : m_vecColumns) {
+        m_stInsert.strSQL += "?,";
+        m_strCreateSQL += column.strColumnName + " " + column.strColumnType + " " + column.strConstraint + ",";
+        if (column.strConstraint == kPrimaryKey) {
+            m_stDelete.strSQL += column.strColumnName + " = ?;";
+            m_stQuery.strSQL += column.strColumnName + " = ?;";
+        }
+    }
+    m_strCreateSQL.replace(m_strCreateSQL.size() - 1, 1, ");");
+    m_stInsert.strSQL.replace(m_stInsert.strSQL.size() - 1, 1, ");");
+}
+
+int CTableSchema::PrepareStatements() {
+    int iResult = SQLITE_OK;
+    for (_SQLStmt *pStatement : {&m_stInsert, &m_stDelete, &m_stQuery}) {
+        iResult |= pStatement->Prepare(m_pDB);
+    }
+    return iResult;
+}
+
+void CTableSchema::FinalizeStatements() {
+    for (_SQLStmt *pStatement : {&m_stInsert, &m_stDelete, &m_stQuery}) {
+        pStatement->Finalize();
+    }
+}
+
+int CTableSchema::CountRows(int *pCount) const {
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "select count(*) from %s;", m_strTableName.c_str());
+    _SQLStmt stCount(szSQL);
+    if (const int iResult = stCount.Prepare(m_pDB); iResult != SQLITE_OK) {
+        return iResult;
+    }
+    const int iResult = sqlite3_step(stCount.pStmt);
+    if (iResult != SQLITE_ROW) {
+        return iResult;
+    }
+    *pCount = sqlite3_column_int(stCount.pStmt, 0);
+    return SQLITE_OK;
+}

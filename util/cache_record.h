@@ -1,0 +1,59 @@
+// cache_record.h - one row of the cache in memory, and the packing of its verdict.
+#ifndef TARN_UTIL_CACHE_RECORD_H
+#define TARN_UTIL_CACHE_RECORD_H
+
+#include "util/paths.h"
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+constexpr unsigned int kPathIndexLength = 5; // characters of a file path index that are kept
+
+// A scan result as the cache table stores it. The comment names the column.
+struct _CacheRecord {
+    int64_t liFilePathHash;                     // FPH, the key
+    int32_t lFileAttrHash;                      // FAH
+    int64_t liHighMD5;                          // FHMD: bytes 0-7 of the binary MD5, little-endian
+    int64_t liLowMD5;                           // FLMD: bytes 8-15 of it
+    int64_t liTreatVirus;                       // FTV: packed verdict, see PackVerdict
+    int32_t lQueryCounts;                       // QC: hits since the last reset
+    int64_t lTimeStamp;                         // TS: seconds since the epoch of the last write or hit
+    int32_t lResultState;                       // RS: 4 significant bits
+    char szFilePathIndex[kPathIndexLength + 1]; // FFI: NUL-terminated
+};
+
+// A record and the full path that the reverse lookup found for it (empty until then).
+struct _CacheRecordEx : _CacheRecord {
+    char szFilePath[kPathSize];
+};
+
+// A file digest as the cache table keys it.
+struct CacheMD5 {
+    int64_t liHighMD5;
+    int64_t liLowMD5;
+};
+
+static_assert(std::is_trivially_copyable_v<_CacheRecordEx>);
+static_assert(sizeof(CacheMD5) == 16, "an MD5 is copied into it byte for byte");
+
+// The packed verdict: flag word in bits 0-31, engine code in bits 32-47, virus description index in bits 48-63.
+constexpr int64_t PackVerdict(uint32_t ulFlags, int16_t sEngineCode, int16_t sVirusIndex) {
+    return static_cast<int64_t>(static_cast<uint64_t>(ulFlags) |
+                                static_cast<uint64_t>(static_cast<uint16_t>(sEngineCode)) << 32U |
+                                static_cast<uint64_t>(static_cast<uint16_t>(sVirusIndex)) << 48U);
+}
+constexpr uint32_t VerdictFlags(int64_t liTreatVirus) {
+    return static_cast<uint32_t>(liTreatVirus & 0xFFFFFFFF);
+}
+constexpr int16_t VerdictEngineCode(int64_t liTreatVirus) {
+    return static_cast<int16_t>(static_cast<uint64_t>(liTreatVirus) >> 32U & 0xFFFFU);
+}
+constexpr int16_t VerdictVirusIndex(int64_t liTreatVirus) {
+    return static_cast<int16_t>(static_cast<uint64_t>(liTreatVirus) >> 48U);
+}
+
+static_assert(PackVerdict(0x12345678U, 48, 2) == 0x0002003012345678, "stored layout");
+static_assert(VerdictEngineCode(PackVerdict(~0U, -3, -1)) == -3 && VerdictVirusIndex(PackVerdict(0, 0, -1)) == -1);
+
+#endif

@@ -1,0 +1,198 @@
+#include "util/dbfileutil.h"
+
+#include "platform/nubbase.h"
+#include "util/cacheutil.h"
+#include "util/log.h"
+#include "util/result_codes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace {
+
+constexpr char kLogSource[] = "dbfileutil";
+constexpr char kWalk[] = "FindFilesByCchRecords"; // every message of the walk names it
+
+struct _DirClose {
+    void operator()(DIR *pDir) const { (void)closedir(pDir); }
+};
+using DirHandle = std::unique_ptr<DIR, _DirClose>;
+
+// A directory's own index, NUL-terminated; empty when it cannot be computed.
+struct _DirIndex {
+    char szIndex[kPathIndexLength + 1] = {};
+    explicit _DirIndex(const char *dirPath) {
+        if (CalcFilePathIndex(dirPath, szIndex, kPathIndexLength) == 0) {
+            TARN_LOG_AS(LOG_FAILURE, "FilterDir", "[%s]CalFilePathIndex failed.");
+        }
+    }
+    bool IsValid() const { return szIndex[0] != '\0'; }
+};
+
+// opendir that does not follow a link put in the directory's place since it was listed.
+DirHandle OpenDirectory(const std::string &strDir) {
+    const std::string strName = strDir.size() > 1 ? strDir.substr(0, strDir.size() - 1) : strDir;
+    const int fd = open(strName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return nullptr;
+    }
+    DirHandle pDir(fdopendir(fd));
+    if (pDir == nullptr) {
+        (void)close(fd);
+    }
+    return pDir;
+}
+
+// What one walk looks for, in a form whose cost does not grow with the number of records.
+class CWalkTargets {
+  public:
+    CWalkTargets(CdbFileUtil::RecordMap &records, const std::vector<std::string> &vecIndexes) {
+        for (const std::string &strIndex : vecIndexes) {
+            for (size_t nLength = 1; nLength <= strIndex.size(); ++nLength) {
+                m_setPrefixes.insert(strIndex.substr(0, nLength));
+            }
+        }
+        for (auto &[strMD5, vecRecords] : records) {
+            for (_CacheRecordEx *pRecord : vecRecords) {
+                if (pRecord != nullptr) {
+                    m_mapByHash.emplace(pRecord->liFilePathHash, pRecord); // the first in map order takes the hash
+                }
+            }
+        }
+    }
+
+    bool ShouldEnter(const char *dirPath) const {
+        const _DirIndex index(dirPath);
+        return !index.IsValid() || m_setPrefixes.count(index.szIndex) != 0;
+    }
+
+    // szPath is the whole buffer, zero-padded.
+    void Resolve(int64_t liFilePathHash, const char (&szPath)[kPathSize]) const {
+        if (const auto it = m_mapByHash.find(liFilePathHash); it != m_mapByHash.end()) {
+            std::memcpy(it->second->szFilePath, szPath, kPathSize);
+        }
+    }
+
+  private:
+    std::unordered_set<std::string> m_setPrefixes;
+    std::unordered_map<int64_t, _CacheRecordEx *> m_mapByHash;
+};
+
+void VisitFile(const CWalkTargets &targets, const char (&szPath)[kPathSize]) {
+    uint32_t aulWords[2] = {};
+    if (CalcFilePathCrc32(szPath, aulWords) == 0) {
+        TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]cal file (%s) crc failed.", szPath);
+        return;
+    }
+    int64_t liFilePathHash = 0;
+    std::memcpy(&liFilePathHash, aulWords, sizeof liFilePathHash);
+    targets.Resolve(liFilePathHash, szPath);
+}
+
+void VisitDirectory(const CWalkTargets &targets, char (&szPath)[kPathSize], size_t nLength,
+                    std::list<std::string> &listDirs) {
+    TARN_LOG_DEBUG_AS(kWalk, "[%s]find dir:%s.", szPath);
+    if (nLength + 2 > kPathSize) { // no room for the '/' and the NUL
+        TARN_LOG_DEBUG_AS(kWalk, "[%s]the length of path:%s is over the max size of linux path.", szPath);
+        return;
+    }
+    szPath[nLength] = '/';
+    if (targets.ShouldEnter(szPath)) {
+        listDirs.emplace_back(szPath);
+    }
+}
+
+void VisitEntry(const CWalkTargets &targets, DIR *pDir, const std::string &strDir, const char *pszName,
+                std::list<std::string> &listDirs) {
+    const size_t nLength = strDir.size() + std::strlen(pszName);
+    if (nLength + 1 > kPathSize) {
+        TARN_LOG_DEBUG_AS(kWalk, "[%s]the length of the [%s%s]  is over the %d.", strDir.c_str(), pszName,
+                          static_cast<int>(kPathSize));
+        return;
+    }
+    char szPath[kPathSize] = {};
+    str_snprintf(szPath, sizeof szPath, "%s%s", strDir.c_str(), pszName);
+    struct stat status = {};
+    if (fstatat(dirfd(pDir), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]get file %s stat failed. error:%s", szPath, std::strerror(errno));
+    } else if (S_ISDIR(status.st_mode)) {
+        VisitDirectory(targets, szPath, nLength, listDirs);
+    } else if (S_ISREG(status.st_mode)) {
+        VisitFile(targets, szPath);
+    } else {
+        TARN_LOG_DEBUG_AS(kWalk, "[%s]file:%s is not regular file or dir.", szPath);
+    }
+}
+
+void ReadDirectory(const CWalkTargets &targets, DIR *pDir, const std::string &strDir,
+                   std::list<std::string> &listDirs) {
+    const int iErrnoAtOpen = errno;
+    while (const dirent *pEntry = readdir(pDir)) {
+        if (std::strcmp(pEntry->d_name, ".") != 0 && std::strcmp(pEntry->d_name, "..") != 0) {
+            VisitEntry(targets, pDir, strDir, pEntry->d_name, listDirs);
+        }
+    }
+    // errno is not cleared on purpose: a status that could not be read shows here once more, at its directory's end.
+    if (errno == EBADF || errno != iErrnoAtOpen) {
+        TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]readdir failed with error:%s.", std::strerror(errno));
+    }
+}
+
+} // namespace
+
+CdbFileUtil::CdbFileUtil() = default;
+
+CdbFileUtil::~CdbFileUtil() = default;
+
+void CdbFileUtil::GetAllFilePathIndex(const RecordMap &records, std::vector<std::string> &indexes) {
+    for (const auto &[strMD5, vecRecords] : records) {
+        for (const _CacheRecordEx *pRecord : vecRecords) {
+            if (pRecord != nullptr) {
+                indexes.emplace_back(pRecord->szFilePathIndex,
+                                     strnlen(pRecord->szFilePathIndex, sizeof pRecord->szFilePathIndex));
+            }
+        }
+    }
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a fixed signature
+bool CdbFileUtil::FilterDir(const char *dirPath, std::vector<std::string> indexes) {
+    const _DirIndex index(dirPath);
+    if (!index.IsValid()) {
+        return false;
+    }
+    const size_t nLength = std::strlen(index.szIndex);
+    return std::none_of(indexes.begin(), indexes.end(), [&](const std::string &strIndex) {
+        return std::strncmp(strIndex.c_str(), index.szIndex, nLength) == 0;
+    });
+}
+
+uint32_t CdbFileUtil::FindFilesByCchRecords(RecordMap &records) {
+    std::vector<std::string> vecIndexes;
+    GetAllFilePathIndex(records, vecIndexes);
+    const CWalkTargets targets(records, vecIndexes);
+    m_listDirs.emplace_back("/");
+    while (!m_listDirs.empty()) {
+        const std::string strDir = std::move(m_listDirs.front());
+        m_listDirs.pop_front();
+        if (!targets.ShouldEnter(strDir.c_str())) {
+            continue;
+        }
+        const DirHandle pDir = OpenDirectory(strDir);
+        if (pDir == nullptr) {
+            TARN_LOG_DEBUG_AS(kWalk, "[%s]open dir:%s failed, err:%s.", strDir.c_str(), std::strerror(errno));
+            continue;
+        }
+        ReadDirectory(targets, pDir.get(), strDir, m_listDirs);
+    }
+    TARN_LOG_DEBUG_AS(kWalk, "[%s]already finish enum files.");
+    return TARN_OK;
+}

@@ -1,0 +1,41 @@
+// dbfileutil.h - the walk that turns path hashes back into paths.
+//
+// Holds no lock and uses only its own object: walks on different threads do not interfere. May run long.
+#ifndef TARN_UTIL_DBFILEUTIL_H
+#define TARN_UTIL_DBFILEUTIL_H
+
+#include "util/cache_record.h"
+#include "util/export.h"
+
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+class TARN_EXPORT CdbFileUtil {
+  public:
+    using RecordMap = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> records, not owned
+
+    CdbFileUtil();
+    virtual ~CdbFileUtil();
+    CdbFileUtil(const CdbFileUtil &) = delete;
+    CdbFileUtil &operator=(const CdbFileUtil &) = delete;
+
+    // Walks from "/", breadth first, into every directory that could hold one of the records, and writes the path of a
+    // regular file into the first record (in map order) with the file's path hash; a later file with the same hash
+    // overwrites it. Links are not followed and no file is opened. Always TARN_OK: what cannot be read is logged and
+    // skipped. Unmatched records keep what their path field held.
+    uint32_t FindFilesByCchRecords(RecordMap &records);
+
+    // Appends each record's path index, in map order, duplicates kept, null pointers skipped.
+    void GetAllFilePathIndex(const RecordMap &records, std::vector<std::string> &indexes);
+
+    // True: skip the directory (absolute, ending in '/'), since no index begins with its own. The walk itself asks a
+    // prefix set with the same answers.
+    bool FilterDir(const char *dirPath, std::vector<std::string> indexes);
+
+  private:
+    std::list<std::string> m_listDirs; // directories still to be read, each ending in '/'
+};
+
+#endif
