@@ -9,7 +9,20 @@ add_library(tarncache SHARED
   tables/statement_pool.cpp
   tables/versiontable.cpp
   tables/vsdesctable.cpp
-  tables/xdatatable.cpp)
+  tables/xdatatable.cpp
+  agent/cleaning.cpp
+  agent/database_file.cpp
+  agent/dbagent.cpp
+  agent/engine_flags.cpp
+  agent/lookup_add.cpp
+  agent/reverse_lookup.cpp
+  agent/statistics.cpp
+  agent/transactions.cpp
+  agent/update_cache.cpp
+  agent/update_list.cpp
+  agent/writer.cpp
+  interface/tarncache.cpp
+  interface/hash_to_path.cpp)
 target_compile_definitions(tarncache PRIVATE TARN_BUILDING_LIBRARY)
 target_link_libraries(tarncache
   PRIVATE tarn_warnings tarn_settings tarncore nubbase nubcl_ev SQLite::SQLite3 Threads::Threads)

@@ -1,0 +1,135 @@
+// Cleaning, on the writer thread: the expiry pass at its start, trimming and compaction from its timer. Deletions run
+// under the table lock held for writing; compaction and the integrity probe run without it.
+#include "agent/dbagent.h"
+
+#include "tables/sqlite_support.h"
+#include "util/log.h"
+
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <sqlite3.h>
+
+namespace {
+
+constexpr char kLogSource[] = "dbagent";
+constexpr uint32_t kSecondsPerDay = 86400;
+constexpr int64_t kRecencyMarginSeconds = 3600; // what was used in the last hour survives
+constexpr int kProbeRetries = 3;
+
+// The message has always asked for wide text ("%S", not ISO C), so it gets wide text.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+#if defined(__clang__)
+#pragma GCC diagnostic ignored "-Wformat-non-iso"
+#endif
+void LogFailedReset(const char *pszError) {
+    TARN_LOG_AS(LOG_FAILURE, "DoCleanCachesJob", "[%s][cache] Reset records QC failed with error code msg = %S",
+                std::wstring(pszError, pszError + std::strlen(pszError)).c_str());
+}
+#pragma GCC diagnostic pop
+
+} // namespace
+
+void CDataBaseAgent::DoCleanCachesJob() {
+    const int64_t liNow = time(nullptr);
+    TARN_LOG_DEBUG("[%s][cache] current time:%lld, config expire time:%lld, config querytimes:%u.",
+                   static_cast<long long>(liNow), static_cast<long long>(m_config.liExpireTime),
+                   m_config.lDBQueryCounts);
+    if (liNow < m_config.liExpireTime) {
+        return;
+    }
+    // 32-bit arithmetic that wraps; percent 100 means every start since the last pass.
+    const int iQueryTimes = static_cast<int>(m_config.lExpirePercent * m_config.lDBQueryCounts / 100);
+    const int64_t liCutOff = m_config.lExpirePercent == 100 ? liNow : liNow - kRecencyMarginSeconds;
+    TARN_LOG_DEBUG("[%s][cache] iQueryTimes:%d.", iQueryTimes);
+    const CWriteLock lock(m_tableLock);
+    int iDeleted = static_cast<int>(m_ulWeedOutCount);
+    if (const uint32_t uResult = m_pCacheTable->DeleteExpireRecords(iQueryTimes, liCutOff, &iDeleted); uResult != 0) {
+        TARN_LOG_ERROR("[%s][cache] Expire records failed with error code msg = %s",
+                       sqlite3_errstr(static_cast<int>(uResult)));
+        return; // the date stays, so the next start tries again
+    }
+    m_ulWeedOutCount = static_cast<uint32_t>(iDeleted); // replaces the count, where trimming adds to it
+    if (const uint32_t uResult = m_pCacheTable->ResetAllRecordsQueryCount(0); uResult != 0) {
+        LogFailedReset(sqlite3_errstr(static_cast<int>(uResult)));
+        return;
+    }
+    TARN_LOG_DEBUG("[%s][cache] expire time is come.");
+    const uint32_t ulInterval = m_config.lExpireInterval * kSecondsPerDay; // wraps too
+    m_config.liExpireTime = time(nullptr) + int64_t{ulInterval};
+    m_config.lDBQueryCounts = 0;
+    ++m_ulWeedOutRuns;
+    (void)WriteDBConfig(&m_config); // when it fails the next start repeats the pass
+}
+
+void CDataBaseAgent::CleanTimerCallback(cl_timerplus *pTimer) {
+    if (pTimer == nullptr) {
+        TARN_LOG_ERROR("[%s]pTimer is null, param invalid");
+        return;
+    }
+    TARN_LOG_INFO("[%s]time over, start clean");
+    auto *pAgent = static_cast<CDataBaseAgent *>(pTimer->userData);
+    if (pAgent == nullptr) {
+        TARN_LOG_ERROR("[%s]No userdata inputed, invalid");
+        return;
+    }
+    try {
+        pAgent->TimerCleanCaches();
+        (void)pAgent->AdjustDBToActualSize(); // logged there
+    } catch (const std::exception &error) {
+        TARN_LOG_ERROR("[%s][cache] cleaning ended early: %s", error.what());
+    }
+}
+
+void CDataBaseAgent::TimerCleanCaches() {
+    TARN_LOG_DEBUG("[%s][cache] Check max storage count to clean cache");
+    int iDeleted = 0;
+    const CWriteLock lock(m_tableLock);
+    if (m_pCacheTable->DeleteExcessRecords(static_cast<int>(m_config.lExpirePercent), &iDeleted) != 0) {
+        TARN_LOG_ERROR("[%s][cache] delete excess records failed with error");
+    }
+    m_ulWeedOutCount += static_cast<uint32_t>(iDeleted);
+}
+
+int64_t CDataBaseAgent::AdjustDBToActualSize() {
+    if (m_pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]db is null.");
+        return 1;
+    }
+    char *pszError = nullptr;
+    const int iResult = sqlite3_exec(m_pDB, "vacuum;", nullptr, nullptr, &pszError);
+    if (iResult != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_exec failed with error msg %s",
+                       pszError != nullptr ? pszError : sqlite3_errstr(iResult));
+    }
+    sqlite3_free(pszError);
+    return iResult == SQLITE_OK ? 1 : 0;
+}
+
+int64_t CDataBaseAgent::CheckDBIntegrity() {
+    if (m_pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]db is null.");
+        return 1;
+    }
+    _SQLStmt stCheck("pragma quick_check;");
+    if (stCheck.Prepare(m_pDB) != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_prepare_v2 failed with error code = %d", sqlite3_errcode(m_pDB));
+        return 0;
+    }
+    int iStep = sqlite3_step(stCheck.pStmt);
+    if (iStep != SQLITE_ROW && iStep != SQLITE_BUSY) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_step failed with error msg = %s", sqlite3_errmsg(m_pDB));
+        return 0;
+    }
+    for (int nRetry = 0; iStep == SQLITE_BUSY && nRetry < kProbeRetries; ++nRetry) {
+        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
+        sqlite3_reset(stCheck.pStmt);
+        iStep = sqlite3_step(stCheck.pStmt);
+    }
+    if (iStep != SQLITE_ROW) {
+        return 0;
+    }
+    const auto *pszAnswer = reinterpret_cast<const char *>(sqlite3_column_text(stCheck.pStmt, 0));
+    return pszAnswer != nullptr && std::strcmp(pszAnswer, "ok") == 0 ? 1 : 0;
+}

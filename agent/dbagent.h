@@ -1,0 +1,219 @@
+// dbagent.h - the one object behind the library's entry points.
+//
+// Threads: any number of callers; one writer thread (none in read-only mode), which also runs all maintenance.
+//
+// Lock order, outermost first:
+//   1. g_DBMutex (interface): start-up and shut-down, never two of them at once.
+//   2. m_tableLock: the connection and the table objects. Read: lookups, counting, queries of the reverse lookup.
+//   Write:
+//      the virus index of an addition, the writer's batches, every deletion.
+//   2. m_queueMutex: the front queues and the flags. Never held together with m_tableLock.
+//   3. the small mutexes inside the tables (description map, statement pool).
+// The vacuum and the integrity probe run on the connection with no lock of ours; SQLite's own mutex serialises them.
+#ifndef TARN_AGENT_DBAGENT_H
+#define TARN_AGENT_DBAGENT_H
+
+#include "platform/nubcl_ev.h"
+#include "tables/cachetable.h"
+#include "tables/versiontable.h"
+#include "tables/vsdesctable.h"
+#include "util/dbconfig.h"
+#include "util/export.h"
+#include "util/locks.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+struct _SCAN_FILE_RESULT;
+
+// The agent's counters, in the order in which they are reported.
+struct _DBStatistics {
+    uint32_t ulHitCount;
+    uint32_t ulAddedCount;
+    uint32_t ulCacheSize;
+    uint32_t ulWeedOutCount;
+    uint32_t ulWeedOutRuns;
+};
+static_assert(sizeof(_DBStatistics) == 20);
+
+using ENGID = int32_t;               // one engine
+using EngineSet = std::set<int16_t>; // engines as the cache table stores them
+using HitMap = std::map<long, long>; // file path hash -> seconds since the epoch of the hit
+using HashRequests = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> its records, caller's
+
+// Path of the enciphered digest list into path (size bytes). True when the file exists; else logged and false.
+TARN_EXPORT bool GetUpdateCacheFilePath(char *path, int32_t size);
+
+class TARN_EXPORT CDataBaseAgent {
+  public:
+    enum TransactionType : int { TRANSACTION_DEFERRED = 1, TRANSACTION_IMMEDIATE = 2, TRANSACTION_EXCLUSIVE = 3 };
+
+    CDataBaseAgent();
+    virtual ~CDataBaseAgent(); // frees what is still queued, without writing it
+    CDataBaseAgent(const CDataBaseAgent &) = delete;
+    CDataBaseAgent &operator=(const CDataBaseAgent &) = delete;
+
+    // --- dbagent.cpp: start-up and shut-down, under g_DBMutex
+
+    // Locks, configuration, free space, database, tables; mode 0 also starts the writer thread. TARN_OK; TARN_E_FAIL,
+    // TARN_E_OUTOFMEMORY or a table's code, with everything taken down again. A writer that cannot be started is logged
+    // only.
+    [[nodiscard]] uint32_t AgentInit(int mode);
+    // Ends the writer (it writes both queues a last time), then releases everything. The result of CloseDB.
+    uint32_t AgentUnInit();
+
+    // --- database_file.cpp: start-up and shut-down only, no lock
+
+    // Opens the database, rebuilding it when SQLite cannot. TARN_OK or TARN_E_FAIL (closed again).
+    [[nodiscard]] uint32_t OpenDB();
+    // Deletes the file, or moves to the fallback name when it cannot be deleted, and opens an empty database.
+    [[nodiscard]] uint32_t RebuildDB();
+    // Makes and checks the three tables and the version row. TARN_OK; TARN_E_FAIL, TARN_E_OUTOFMEMORY: no tables.
+    [[nodiscard]] uint32_t DBTablesInit();
+    // Writes the version row when there is none. 0, a SQLite code, or 0xFFFFFFFF without a connection.
+    [[nodiscard]] uint32_t CheckModuleVersion();
+    void DBTablesUnInit();
+    // TARN_OK (also without a connection); TARN_E_FAIL: the connection stays.
+    uint32_t CloseDB();
+
+    // --- lookup_add.cpp: any thread
+
+    // TARN_OK (found), TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_FAIL. Table lock for reading, then queue mutex.
+    // md5_text: 33 bytes. On a miss nothing but out's description may have been written.
+    [[nodiscard]] uint32_t CacheLookup(const char *file, char *md5_text, _SCAN_FILE_RESULT *out);
+    // TARN_OK (queued), TARN_E_INVALIDARG, TARN_E_OUTOFMEMORY, TARN_E_FAIL. Table lock for writing, then queue mutex.
+    [[nodiscard]] uint32_t CacheAdd(const char *file, const char *md5_text, _SCAN_FILE_RESULT *in);
+    // The stored verdict, whether the file is unchanged or not, without counting a hit. TARN_OK: *pbCurrent says
+    // whether the file is as it was; TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_FAIL. Table lock for reading.
+    [[nodiscard]] uint32_t CachePeek(const char *file, char *md5_text, _SCAN_FILE_RESULT *out, bool *pbCurrent);
+
+    // --- writer.cpp: the writer thread
+
+    static void *UpdateWorkThread(void *agent);
+    void UpdateRecords();
+    // Decides what the coming pass writes, swapping front and back containers. Queue mutex held.
+    void PreDoJobs() REQUIRES(m_queueMutex);
+    // Writes the back containers in one transaction and empties them. Takes the table lock for writing.
+    void DoBatchWriteJobs() EXCLUDES(m_tableLock);
+    // One pass without the wait: PreDoJobs under the queue mutex, then DoBatchWriteJobs.
+    void RunWritePass(bool bWait) EXCLUDES(m_tableLock, m_queueMutex);
+
+    // --- transactions.cpp: table lock held for writing. TARN_OK or TARN_E_FAIL.
+
+    [[nodiscard]] uint32_t BeginTransactoion(TransactionType type); // TARN_E_INVALIDARG for an unknown type
+    [[nodiscard]] uint32_t CommitTransaction();
+    uint32_t RollbackTransaction();
+
+    // --- statistics.cpp: any thread
+
+    // TARN_OK; TARN_E_INVALIDARG; TARN_E_FAIL when counting failed (*out is filled, with the size known before).
+    // Wakes the writer. Queue mutex, then table lock for reading.
+    [[nodiscard]] uint32_t GetCacheStatistic(_DBStatistics *out);
+    // TARN_OK, also when no record had this MD5; TARN_E_FAIL (null too). Table lock for writing.
+    [[nodiscard]] uint32_t DeleteRecordByFileHash(const char *md5_text);
+    // TARN_OK or TARN_E_FAIL. Table lock for writing.
+    [[nodiscard]] uint32_t DeleteAllRecords();
+
+    // --- cleaning.cpp: the writer thread
+
+    // The expiry pass: due once per configured interval. Table lock for writing across deletion and counter reset.
+    void DoCleanCachesJob();
+    static void CleanTimerCallback(cl_timerplus *pTimer);
+    // Trims a table of a million records or more. Table lock for writing.
+    void TimerCleanCaches();
+    // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
+    int64_t AdjustDBToActualSize();
+    // "pragma quick_check;". 1 sound (also without a connection), 0 not. Nothing here calls it.
+    [[nodiscard]] int64_t CheckDBIntegrity();
+
+    // --- engine_flags.cpp: the writer thread at its start
+
+    // True when the named marker file exists; *flag then is the value it stands for.
+    [[nodiscard]] bool ReadCleanCacheFlag(const char *name, int32_t *flag);
+    // Removes the named marker (and the update-cache file with the hash marker). False only for a null name.
+    bool ResetCleanCacheFlag(const char *name);
+    // The engines whose bit is set in flag; none for 0 and for -1. Table lock for writing.
+    void GetEngineListByFlag(int32_t flag, EngineSet &engines);
+    // Deletes the records of the flag's engines; 0 none, -1 every record. TARN_OK or TARN_E_FAIL.
+    uint32_t CheckDeleteAllCacheRecordsByFlag(int32_t flag);
+    // Consumes the marker "clean_engine_flag". TARN_OK, or TARN_E_FAIL without a marker.
+    uint32_t CheckDeleteAllCacheRecords();
+
+    // --- update_cache.cpp: the writer thread at its start
+
+    // Consumes the marker "clean_engine_hash_flag" and the digest list. TARN_OK; TARN_E_FAIL (no marker, or the list
+    // stays for the next start).
+    uint32_t CheckDeleteFrepCacheRecords();
+    // Reads, deciphers and applies the list. TARN_OK; TARN_E_FAIL, TARN_E_OUTOFMEMORY, TARN_E_INVALIDARG (no version
+    // line or no digest line), TARN_E_ABORT (shut-down).
+    [[nodiscard]] uint32_t DeleteCacheRecordsByFileMD5();
+    // Applies the digest lines of text, which is cut up in place, 1000 to a transaction. Codes as above.
+    [[nodiscard]] uint32_t ParseAndDeleteCacheRecordsByFileMD5(char *text);
+    // One batch in one transaction, table lock for writing. The result of the rollback when it failed: a batch that was
+    // rolled back cleanly reports TARN_OK.
+    [[nodiscard]] uint32_t BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> &batch);
+
+    // --- reverse_lookup.cpp: any thread
+
+    // Fills each MD5's vector with its records and their paths; may take long. TARN_OK, or TARN_E_FAIL with every
+    // vector freed and empty. Table lock for reading, once per MD5; none during the walk. The caller frees the records.
+    [[nodiscard]] uint32_t LookupFilePathsByHashs(HashRequests &requests);
+
+  private:
+    enum QueueFlag : int32_t { FLAG_ADD_QUEUE_FULL = 1, FLAG_HIT_MAP_FULL = 2 };
+
+    uint32_t StartDatabase();
+    bool IsDiskSpaceEnough() const;
+    uint32_t PrepareEndStatements();
+    template <typename Table> uint32_t CheckTable(Table *pTable) NO_THREAD_SAFETY_ANALYSIS;
+    void NoteHit(int64_t liFilePathHash);
+    bool QueryHit(const char *file, _CacheRecord &record, int32_t lFileAttrHash, char *md5_text,
+                  _SCAN_FILE_RESULT *out);
+    uint32_t FillRecord(const char *file, const char *md5_text, const _SCAN_FILE_RESULT *in, _CacheRecord &record);
+    void Enqueue(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow);
+    uint32_t RunEndStatement(sqlite3_stmt *pStmt);
+    void WriteBackQueue() REQUIRES(m_tableLock);
+    void ApplyBatch(std::vector<CacheMD5> &batch);
+    bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_tableLock);
+    bool QueryRequests(HashRequests &requests);
+
+    // Counters: read and raised by any thread.
+    std::atomic<uint32_t> m_ulHitCount = 0;
+    std::atomic<uint32_t> m_ulAddedCount = 0;
+    std::atomic<uint32_t> m_ulCacheSize = 0;
+    std::atomic<uint32_t> m_ulWeedOutCount = 0;
+    std::atomic<uint32_t> m_ulWeedOutRuns = 0;
+
+    // Filled at start-up, then the writer thread's alone.
+    _DBConfig m_config = {};
+
+    CRwLock m_tableLock;
+
+    // Queues: front ones guarded by the queue mutex, back ones the writer thread's alone.
+    CMutex m_queueMutex;
+    CCondition m_queueCondition; // wakes the writer
+    std::vector<std::unique_ptr<_CacheRecord>> m_vecAddFront GUARDED_BY(m_queueMutex);
+    std::vector<std::unique_ptr<_CacheRecord>> m_vecAddBack;
+    HitMap m_mapHitFront GUARDED_BY(m_queueMutex);
+    HitMap m_mapHitBack;
+    int32_t m_lFlags GUARDED_BY(m_queueMutex) = 0; // QueueFlag bits
+    std::atomic<bool> m_bRunning = false;          // changed under the queue mutex; maintenance reads it without
+
+    // Guarded by the table lock once the writer runs.
+    _SQLStmt m_stBegin; // the begin statement last used
+    _SQLStmt m_stCommit{"commit;"};
+    _SQLStmt m_stRollback{"rollback;"};
+    sqlite3 *m_pDB = nullptr; // set at start-up, cleared at shut-down
+    std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_tableLock);
+    std::unique_ptr<CVirusTable> m_pVirusTable PT_GUARDED_BY(m_tableLock);
+    std::unique_ptr<CVersionTable> m_pVersionTable;
+
+    pthread_t m_writerThread = 0;          // set at start-up, joined at shut-down
+    cl_timerplus *m_pCleanTimer = nullptr; // the writer thread's alone
+};
+
+#endif

@@ -1,0 +1,123 @@
+// The writer thread: swaps the queues out under the queue mutex, then writes them under the table lock held for
+// writing.
+#include "agent/dbagent.h"
+
+#include "util/file_size_signal.h"
+#include "util/log.h"
+
+#include <exception>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char kLogSource[] = "dbagent";
+constexpr uint64_t kCleanPeriodMs = 1800000; // 30 minutes
+constexpr useconds_t kPassPauseUs = 500000;
+
+// The next whole second but one at most: a wait of up to a second.
+timespec NextSecond() {
+    timeval now = {};
+    (void)gettimeofday(&now, nullptr);
+    return {now.tv_sec + 1, 0};
+}
+
+} // namespace
+
+void *CDataBaseAgent::UpdateWorkThread(void *agent) {
+    if (agent == nullptr) {
+        TARN_LOG_ERROR("[%s]arg pData is null.");
+        return nullptr;
+    }
+    const CFileSizeSignalBlock signalBlock; // this thread writes: a file-size limit must not kill the host
+    try {
+        static_cast<CDataBaseAgent *>(agent)->UpdateRecords();
+    } catch (const std::exception &error) {
+        TARN_LOG_SEVERE("[%s][cache] writer thread ended: %s", error.what());
+    }
+    return nullptr;
+}
+
+void CDataBaseAgent::UpdateRecords() {
+    (void)CheckDeleteAllCacheRecords(); // no marker is the normal case
+    (void)CheckDeleteFrepCacheRecords();
+    m_pCleanTimer = cl_timerplus_start(0, kCleanPeriodMs, CleanTimerCallback, this, 0, 0);
+    if (m_pCleanTimer == nullptr) {
+        TARN_LOG_SEVERE("[%s]Start timer failed");
+        m_bRunning = false;
+        return;
+    }
+    DoCleanCachesJob();
+    (void)AdjustDBToActualSize(); // logged there; the cache works uncompacted too
+    ++m_config.lDBQueryCounts;
+    (void)WriteDBConfig(&m_config); // a start that is not counted only makes the next expiry pass stricter
+    for (;;) {
+        RunWritePass(true);
+        cl_ev_loop_nowait(1);
+        cl_event_loop_once(); // the clean timer's callback runs here
+        if (!m_bRunning) {
+            break;
+        }
+        if (cl_ev_cb_count() == 0) {
+            usleep(kPassPauseUs);
+        }
+    }
+    TARN_LOG_DEBUG("[%s]UpdateRecords work thread exit normally!");
+    cl_timerplus_stop(m_pCleanTimer);
+    cl_timerplus_close(m_pCleanTimer);
+    m_pCleanTimer = nullptr;
+    m_bRunning = false;
+}
+
+void CDataBaseAgent::RunWritePass(bool bWait) {
+    {
+        const CMutexLock lock(m_queueMutex);
+        if (bWait && m_bRunning && m_lFlags <= 0 && (m_vecAddFront.empty() || m_mapHitFront.empty())) {
+            m_queueCondition.WaitUntil(m_queueMutex, NextSecond());
+        }
+        PreDoJobs();
+    }
+    DoBatchWriteJobs();
+}
+
+void CDataBaseAgent::PreDoJobs() {
+    if (!m_bRunning || (!m_vecAddFront.empty() && (m_lFlags == 0 || (m_lFlags & FLAG_ADD_QUEUE_FULL) != 0))) {
+        m_vecAddFront.swap(m_vecAddBack);
+        m_lFlags &= ~FLAG_ADD_QUEUE_FULL;
+    }
+    // With the flags as they are now: a full hit map goes first, queued additions wait for a later pass.
+    if (!m_bRunning || (!m_mapHitFront.empty() && (m_lFlags == 0 || (m_lFlags & FLAG_HIT_MAP_FULL) != 0))) {
+        m_mapHitFront.swap(m_mapHitBack);
+        m_lFlags &= ~FLAG_HIT_MAP_FULL;
+    }
+}
+
+void CDataBaseAgent::DoBatchWriteJobs() {
+    {
+        const CWriteLock lock(m_tableLock);
+        if (BeginTransactoion(TRANSACTION_DEFERRED) == 0) {
+            WriteBackQueue();
+            if (CommitTransaction() != 0) {
+                (void)RollbackTransaction(); // the batch is dropped either way
+            }
+        } else {
+            (void)RollbackTransaction();
+        }
+    }
+    m_vecAddBack.clear();
+    m_mapHitBack.clear();
+}
+
+void CDataBaseAgent::WriteBackQueue() {
+    constexpr char kFunction[] = "DoBatchWriteJobs";
+    for (const std::unique_ptr<_CacheRecord> &pRecord : m_vecAddBack) {
+        if (const uint32_t uResult = m_pCacheTable->InsertRecord(pRecord.get()); uResult != 0) {
+            TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]InsertRecord failed with error code = %u", uResult);
+            break; // the rest of the batch is dropped; what was inserted is committed
+        }
+        m_ulAddedCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    for (const auto &[liFilePathHash, liHitTime] : m_mapHitBack) {
+        m_pCacheTable->AddRecordQueryCount(liFilePathHash, liHitTime);
+    }
+}
