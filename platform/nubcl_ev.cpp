@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <initializer_list>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -149,6 +150,10 @@ int cl_ev_create_isolated_thread(pthread_t *thread, int /*flags*/, void *(*entry
     sigset_t all;
     sigset_t previous;
     sigfillset(&all);
+    // Faults of the thread itself still reach the host's crash handler.
+    for (const int nFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+        sigdelset(&all, nFault);
+    }
     const int nMaskError = pthread_sigmask(SIG_SETMASK, &all, &previous);
     if (nMaskError != 0) {
         return nMaskError;
