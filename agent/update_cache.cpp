@@ -95,7 +95,8 @@ uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
         TARN_LOG_ERROR("[%s]GetFileSize() %s failed with hr = 0x%08x", szPath, TARN_E_OUTOFMEMORY);
         return TARN_E_OUTOFMEMORY;
     }
-    (void)std::fread(pText.get(), 1, nSize, pFile.get()); // what is not read stays zero and deciphers to no digest
+    // What a short read leaves out stays zero and deciphers to no digest.
+    [[maybe_unused]] const size_t nRead = std::fread(pText.get(), 1, nSize, pFile.get());
     ParseMemToChar(pText.get(), nSize);
     char szVersionId[kVersionIdSize] = {};
     char *pszDigests = SplitVersionLine(pText.get(), szVersionId);

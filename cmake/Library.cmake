@@ -29,7 +29,7 @@ target_link_libraries(tarncache
 target_include_directories(tarncache INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/interface> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(tarncache PROPERTIES
-  VERSION ${PROJECT_VERSION} SOVERSION 1 INSTALL_RPATH "$ORIGIN" EXPORT_NAME tarncache)
+  VERSION ${PROJECT_VERSION} SOVERSION 1 INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON EXPORT_NAME tarncache)
 # An undefined symbol is a build error, not a surprise in the host's process.
 if(NOT TARN_SANITIZE)
   target_link_options(tarncache PRIVATE -Wl,-z,defs)
