@@ -1,8 +1,7 @@
 // Cleaning, on the writer thread: the expiry pass at its start, trimming and compaction from its timer. Deletions run
-// under the table lock held for writing; compaction and the integrity probe run without it.
+// under the table lock held for writing.
 #include "agent/dbagent.h"
 
-#include "tables/sqlite_support.h"
 #include "util/log.h"
 
 #include <cstring>
@@ -15,7 +14,6 @@ namespace {
 constexpr char kLogSource[] = "dbagent";
 constexpr uint32_t kSecondsPerDay = 86400;
 constexpr int64_t kRecencyMarginSeconds = 3600; // what was used in the last hour survives
-constexpr int kProbeRetries = 3;
 
 // The message has always asked for wide text ("%S", not ISO C), so it gets wide text.
 #pragma GCC diagnostic push
@@ -90,46 +88,4 @@ void CDataBaseAgent::TimerCleanCaches() {
         TARN_LOG_ERROR("[%s][cache] delete excess records failed with error");
     }
     m_ulWeedOutCount += static_cast<uint32_t>(iDeleted);
-}
-
-int64_t CDataBaseAgent::AdjustDBToActualSize() {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]db is null.");
-        return 1;
-    }
-    char *pszError = nullptr;
-    const int iResult = sqlite3_exec(m_pDB, "vacuum;", nullptr, nullptr, &pszError);
-    if (iResult != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s][cache] sqlite3_exec failed with error msg %s",
-                       pszError != nullptr ? pszError : sqlite3_errstr(iResult));
-    }
-    sqlite3_free(pszError);
-    return iResult == SQLITE_OK ? 1 : 0;
-}
-
-int64_t CDataBaseAgent::CheckDBIntegrity() {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]db is null.");
-        return 1;
-    }
-    _SQLStmt stCheck("pragma quick_check;");
-    if (stCheck.Prepare(m_pDB) != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s][cache] sqlite3_prepare_v2 failed with error code = %d", sqlite3_errcode(m_pDB));
-        return 0;
-    }
-    int iStep = sqlite3_step(stCheck.pStmt);
-    if (iStep != SQLITE_ROW && iStep != SQLITE_BUSY) {
-        TARN_LOG_ERROR("[%s][cache] sqlite3_step failed with error msg = %s", sqlite3_errmsg(m_pDB));
-        return 0;
-    }
-    for (int nRetry = 0; iStep == SQLITE_BUSY && nRetry < kProbeRetries; ++nRetry) {
-        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
-        sqlite3_reset(stCheck.pStmt);
-        iStep = sqlite3_step(stCheck.pStmt);
-    }
-    if (iStep != SQLITE_ROW) {
-        return 0;
-    }
-    const auto *pszAnswer = reinterpret_cast<const char *>(sqlite3_column_text(stCheck.pStmt, 0));
-    return pszAnswer != nullptr && std::strcmp(pszAnswer, "ok") == 0 ? 1 : 0;
 }

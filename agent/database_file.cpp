@@ -36,6 +36,15 @@ uint32_t CDataBaseAgent::OpenDB() {
             return uResult;
         }
     }
+    if (sqlite3_db_mutex(m_pDB) == nullptr) {
+        TARN_LOG_SEVERE("[%s][cache] the host has switched off SQLite's serialized mode, which lookups rely on.");
+        (void)CloseDB();
+        return TARN_E_FAIL;
+    }
+#ifdef SQLITE_DBCONFIG_DQS_DML
+    // Some statement texts quote values with double quotes, which an SQLite may be built to refuse.
+    (void)sqlite3_db_config(m_pDB, SQLITE_DBCONFIG_DQS_DML, 1, nullptr);
+#endif
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "%s=%d;", "pragma cache_size", m_config.lCacheSize);
     char *pszError = nullptr;
@@ -45,6 +54,8 @@ uint32_t CDataBaseAgent::OpenDB() {
         sqlite3_free(pszError);
         return TARN_OK; // on purpose: lookups still work; every later commit says that it has no statement
     }
+    // What is deleted holds no secrets; overwriting it would double the time that lookups wait for a large deletion.
+    (void)sqlite3_exec(m_pDB, "pragma secure_delete=off;", nullptr, nullptr, nullptr);
     return PrepareEndStatements();
 }
 

@@ -6,6 +6,7 @@
 #include "util/result_codes.h"
 
 #include <cstring>
+#include <new>
 #include <sqlite3.h>
 #include <sys/statfs.h>
 
@@ -20,7 +21,12 @@ CDataBaseAgent::CDataBaseAgent() = default;
 CDataBaseAgent::~CDataBaseAgent() = default;
 
 uint32_t CDataBaseAgent::AgentInit(int mode) {
-    const uint32_t uResult = StartDatabase();
+    uint32_t uResult = TARN_E_OUTOFMEMORY;
+    try {
+        uResult = StartDatabase();
+    } catch (const std::bad_alloc &) {
+        TARN_LOG_SEVERE("[%s][cache] out of memory.");
+    }
     if (uResult != TARN_OK) {
         (void)AgentUnInit(); // the failure that counts is the one of the start
         return uResult;

@@ -99,8 +99,9 @@ class TARN_EXPORT CDataBaseAgent {
     void PreDoJobs() REQUIRES(m_queueMutex);
     // Writes the back containers in one transaction and empties them. Takes the table lock for writing.
     void DoBatchWriteJobs() EXCLUDES(m_tableLock);
-    // One pass without the wait: PreDoJobs under the queue mutex, then DoBatchWriteJobs.
-    void RunWritePass(bool bWait) EXCLUDES(m_tableLock, m_queueMutex);
+    // One pass: PreDoJobs under the queue mutex (after up to a second of waiting for work, if asked), then
+    // DoBatchWriteJobs. Returns whether the agent was running when the queues were swapped.
+    bool RunWritePass(bool bWait) EXCLUDES(m_tableLock, m_queueMutex);
 
     // --- transactions.cpp: table lock held for writing. TARN_OK or TARN_E_FAIL.
 
@@ -125,6 +126,9 @@ class TARN_EXPORT CDataBaseAgent {
     static void CleanTimerCallback(cl_timerplus *pTimer);
     // Trims a table of a million records or more. Table lock for writing.
     void TimerCleanCaches();
+
+    // --- compaction.cpp: the writer thread
+
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
     int64_t AdjustDBToActualSize();
     // "pragma quick_check;". 1 sound (also without a connection), 0 not. Nothing here calls it.

@@ -49,7 +49,10 @@ bool CDataBaseAgent::ReadCleanCacheFlag(const char *name, int32_t *flag) {
         return false;
     }
     char szFilePath[kPathSize] = {};
-    dirutils_path_transform(MarkerPattern(name), szFilePath, sizeof szFilePath);
+    const char *pszPattern = MarkerPattern(name);
+    if (*pszPattern != '\0') {
+        dirutils_path_transform(pszPattern, szFilePath, sizeof szFilePath);
+    }
     if (szFilePath[0] == '\0') {
         TARN_LOG_ERROR("[%s]clean flag file path is empty.");
         return false;
@@ -70,7 +73,9 @@ bool CDataBaseAgent::ResetCleanCacheFlag(const char *name) {
     if (std::strcmp(name, kHashMarkerName) == 0) {
         RemoveFile(kUpdateCachePath); // before its marker: a list without a marker is never read
     }
-    RemoveFile(MarkerPattern(name));
+    if (const char *pszPattern = MarkerPattern(name); *pszPattern != '\0') {
+        RemoveFile(pszPattern);
+    }
     return true;
 }
 

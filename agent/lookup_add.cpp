@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 namespace {
@@ -114,10 +115,12 @@ uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_
     int32_t lFileAttrHash = 0;
     const bool bHasAttr = lstat(file, &status) == 0 && CalcAttrHash(file, lFileAttrHash);
     const CReadLock lock(m_tableLock);
-    if (m_pCacheTable->QueryRecord(&record) != 0 ||
-        m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), ScanVirusDesc(out),
+    if (const uint32_t uResult = m_pCacheTable->QueryRecord(&record); uResult != SQLITE_OK) {
+        return uResult == SQLITE_DONE ? TARN_NOT_CACHED : TARN_E_FAIL;
+    }
+    if (m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), ScanVirusDesc(out),
                                            kScanVirusDescSize) == 0) {
-        return TARN_NOT_CACHED;
+        return TARN_E_FAIL;
     }
     CopyVerdictOut(record, md5_text, out);
     *pbCurrent = bHasAttr && record.lFileAttrHash == lFileAttrHash;

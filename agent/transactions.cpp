@@ -35,6 +35,7 @@ uint32_t CDataBaseAgent::RunEndStatement(sqlite3_stmt *pStmt) {
         sqlite3_reset(pStmt);
         iStep = sqlite3_step(pStmt);
     }
+    sqlite3_reset(pStmt); // one left active by a busy database would keep the vacuum away
     return iStep == SQLITE_DONE ? TARN_OK : TARN_E_FAIL;
 }
 

@@ -9,6 +9,7 @@
 #include "util/paths.h"
 #include "util/result_codes.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -30,7 +31,10 @@ struct _MemoryFree {
 
 // Like fopen "rb", but a pipe in the list's place cannot hold the thread up.
 std::unique_ptr<std::FILE, _FileClose> OpenForReading(const char *pszPath) {
-    const int fd = open(pszPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int fd = open(pszPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0 && errno == EWOULDBLOCK) { // a file server holds a lease on it and gives it up soon
+        fd = open(pszPath, O_RDONLY | O_CLOEXEC);
+    }
     if (fd < 0) {
         return nullptr;
     }

@@ -28,7 +28,10 @@ void ParseMemToChar(char *buffer, size_t size) {
     for (size_t nOffset = 0; nOffset < size; nOffset += kBlockSize) {
         RC4_STATE workingState = keyedState;
         RC4_crypt(&workingState, std::min(kBlockSize, size - nOffset), pBytes + nOffset, pBytes + nOffset);
+        explicit_bzero(&workingState, sizeof workingState);
     }
+    explicit_bzero(abKey, sizeof abKey);
+    explicit_bzero(&keyedState, sizeof keyedState);
 }
 
 char *SplitVersionLine(char *text, char (&versionId)[kVersionIdSize]) {
@@ -62,5 +65,9 @@ bool CDigestLines::Next(char (&digest)[kDigestTextSize]) {
 
 bool ParseDigest(const char (&digest)[kDigestTextSize], CacheMD5 &md5) {
     // Text that is not hexadecimal would turn into 16 zero bytes and withdraw records that nobody named.
-    return digest[kDigestLength - 1] != '\0' && MD5_StrResultConvert(digest, &md5) == 1;
+    if (std::strspn(digest, "0123456789abcdefABCDEF") != kDigestLength) {
+        return false;
+    }
+    (void)MD5_StrResultConvert(digest, &md5);
+    return true;
 }

@@ -2,7 +2,7 @@
 // writing.
 #include "agent/dbagent.h"
 
-#include "util/file_size_signal.h"
+#include "platform/call_guard.h"
 #include "util/log.h"
 
 #include <exception>
@@ -22,6 +22,15 @@ timespec NextSecond() {
     return {now.tv_sec + 1, 0};
 }
 
+// One piece of start-up work; running out of memory in it must not end the writer.
+template <typename Step> void RunStartStep(Step step) {
+    try {
+        step();
+    } catch (const std::exception &error) {
+        TARN_LOG_AS(LOG_FAILURE, "UpdateRecords", "[%s][cache] maintenance ended early: %s", error.what());
+    }
+}
+
 } // namespace
 
 void *CDataBaseAgent::UpdateWorkThread(void *agent) {
@@ -29,36 +38,36 @@ void *CDataBaseAgent::UpdateWorkThread(void *agent) {
         TARN_LOG_ERROR("[%s]arg pData is null.");
         return nullptr;
     }
-    const CFileSizeSignalBlock signalBlock; // this thread writes: a file-size limit must not kill the host
+    const CWriteSignalGuard noWriteSignals; // this thread writes: a file-size limit must not kill the host
     try {
         static_cast<CDataBaseAgent *>(agent)->UpdateRecords();
     } catch (const std::exception &error) {
         TARN_LOG_SEVERE("[%s][cache] writer thread ended: %s", error.what());
+        static_cast<CDataBaseAgent *>(agent)->m_bRunning = false;
     }
     return nullptr;
 }
 
 void CDataBaseAgent::UpdateRecords() {
-    (void)CheckDeleteAllCacheRecords(); // no marker is the normal case
-    (void)CheckDeleteFrepCacheRecords();
+    RunStartStep([this] { (void)CheckDeleteAllCacheRecords(); }); // no marker is the normal case
+    RunStartStep([this] { (void)CheckDeleteFrepCacheRecords(); });
     m_pCleanTimer = cl_timerplus_start(0, kCleanPeriodMs, CleanTimerCallback, this, 0, 0);
     if (m_pCleanTimer == nullptr) {
         TARN_LOG_SEVERE("[%s]Start timer failed");
         m_bRunning = false;
         return;
     }
-    DoCleanCachesJob();
-    (void)AdjustDBToActualSize(); // logged there; the cache works uncompacted too
+    RunStartStep([this] {
+        DoCleanCachesJob();
+        (void)AdjustDBToActualSize(); // logged there; the cache works uncompacted too
+    });
     ++m_config.lDBQueryCounts;
     (void)WriteDBConfig(&m_config); // a start that is not counted only makes the next expiry pass stricter
-    for (;;) {
-        RunWritePass(true);
+    // Ends behind a pass that saw the end of running: what was queued during the pass before is written too.
+    while (RunWritePass(true)) {
         cl_ev_loop_nowait(1);
         cl_event_loop_once(); // the clean timer's callback runs here
-        if (!m_bRunning) {
-            break;
-        }
-        if (cl_ev_cb_count() == 0) {
+        if (m_bRunning && cl_ev_cb_count() == 0) {
             usleep(kPassPauseUs);
         }
     }
@@ -69,15 +78,18 @@ void CDataBaseAgent::UpdateRecords() {
     m_bRunning = false;
 }
 
-void CDataBaseAgent::RunWritePass(bool bWait) {
+bool CDataBaseAgent::RunWritePass(bool bWait) {
+    bool bRunning = false;
     {
         const CMutexLock lock(m_queueMutex);
         if (bWait && m_bRunning && m_lFlags <= 0 && (m_vecAddFront.empty() || m_mapHitFront.empty())) {
             m_queueCondition.WaitUntil(m_queueMutex, NextSecond());
         }
         PreDoJobs();
+        bRunning = m_bRunning;
     }
     DoBatchWriteJobs();
+    return bRunning;
 }
 
 void CDataBaseAgent::PreDoJobs() {

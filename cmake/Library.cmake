@@ -3,7 +3,6 @@ add_library(tarncache SHARED
   util/cacheutil.cpp
   util/dbconfig.cpp
   util/dbfileutil.cpp
-  util/file_size_signal.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
   tables/statement_pool.cpp
@@ -11,6 +10,7 @@ add_library(tarncache SHARED
   tables/vsdesctable.cpp
   tables/xdatatable.cpp
   agent/cleaning.cpp
+  agent/compaction.cpp
   agent/database_file.cpp
   agent/dbagent.cpp
   agent/engine_flags.cpp
@@ -30,6 +30,8 @@ target_include_directories(tarncache INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/interface> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(tarncache PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION 1 INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON EXPORT_NAME tarncache)
+target_link_options(tarncache PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/tarncache.map)
+set_property(TARGET tarncache APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/tarncache.map)
 # An undefined symbol is a build error, not a surprise in the host's process.
 if(NOT TARN_SANITIZE)
   target_link_options(tarncache PRIVATE -Wl,-z,defs)

@@ -3,6 +3,7 @@
 #define TARN_INTERFACE_GLOBAL_AGENT_H
 
 #include "agent/dbagent.h"
+#include "platform/call_guard.h"
 #include "util/result_codes.h"
 
 #include <new>
@@ -11,8 +12,10 @@
 // last LocalCacheUnInit.
 CDataBaseAgent *GlobalAgent();
 
-// Runs an entry point's body; running out of memory becomes a result code, so that nothing is thrown at a C caller.
+// Runs an entry point's body; running out of memory becomes a result code, so that nothing is thrown at a C caller. A
+// thread that the host cancels meanwhile ends at its next cancellation point after the call.
 template <typename Body> uint32_t CallWithoutThrowing(Body body) noexcept {
+    const CCancelGuard noCancel;
     try {
         return body();
     } catch (const std::bad_alloc &) {

@@ -2,8 +2,8 @@
 #include "interface/tarncache.h"
 
 #include "interface/global_agent.h"
+#include "platform/call_guard.h"
 #include "util/cacheutil.h"
-#include "util/file_size_signal.h"
 #include "util/log.h"
 #include "util/scan_result.h"
 
@@ -40,7 +40,7 @@ bool IsEmpty(const char *pszText) {
 // mode 0: with the writer thread; 1: without.
 uint32_t CacheInit(int mode) {
     return CallWithoutThrowing([mode] {
-        const CFileSizeSignalBlock signalBlock;
+        const CWriteSignalGuard noWriteSignals;
         const CInitLock lock;
         if (g_liInitCount == 0 && g_pAgent == nullptr) {
             std::unique_ptr<CDataBaseAgent> pAgent(new (std::nothrow) CDataBaseAgent());
@@ -81,7 +81,7 @@ uint32_t LocalCacheInitEx(void) {
 
 uint32_t LocalCacheUnInit(void) {
     return CallWithoutThrowing([] {
-        const CFileSizeSignalBlock signalBlock;
+        const CWriteSignalGuard noWriteSignals;
         const CInitLock lock;
         if (g_liInitCount == 0) {
             return TARN_E_NOT_MATCHED;
@@ -89,7 +89,8 @@ uint32_t LocalCacheUnInit(void) {
         if (--g_liInitCount == 0) {
             _DBStatistics statistics = {};
             if (const std::unique_ptr<CDataBaseAgent> pAgent{g_pAgent.load()}) {
-                (void)pAgent->GetCacheStatistic(&statistics); // counters that cannot be read are logged as they were
+                // Counters that cannot be read are logged as they were; nothing may keep the agent from shutting down.
+                (void)CallWithoutThrowing([&] { return pAgent->GetCacheStatistic(&statistics); });
                 (void)pAgent->AgentUnInit();
                 g_pAgent = nullptr;
             }
@@ -136,7 +137,7 @@ uint32_t LocalCacheAdd(const char *path, const char *md5, _SCAN_FILE_RESULT *res
         return TARN_E_NOT_INITIALIZED;
     }
     return CallWithoutThrowing([=] {
-        const CFileSizeSignalBlock signalBlock; // a new virus description is written at once
+        const CWriteSignalGuard noWriteSignals; // a new virus description is written at once
         return GlobalAgent()->CacheAdd(path, md5, result);
     });
 }
@@ -149,7 +150,7 @@ uint32_t LocalCacheDeleteByFileHash(const char *md5) {
         return TARN_E_NOT_INITIALIZED;
     }
     return CallWithoutThrowing([=] {
-        const CFileSizeSignalBlock signalBlock;
+        const CWriteSignalGuard noWriteSignals;
         return GlobalAgent()->DeleteRecordByFileHash(md5);
     });
 }

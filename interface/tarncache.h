@@ -6,9 +6,9 @@
  * Threads: LocalCacheInit, LocalCacheInitEx and LocalCacheUnInit are serialised inside. Every other function may be
  * called from any number of threads at once, but never at the same time as the last LocalCacheUnInit.
  *
- * Integrators: take the file's status (lstat) before the scan and compare it after; do not add a file that changed in
- * between or whose status changed within the last two seconds. Never open the database file yourself: closing any
- * descriptor of it drops the process's locks on it. Do not fork and use the cache on both sides.
+ * Integrators: regular files only; take the file's status (lstat) before the scan and compare it after; do not add a
+ * file that changed in between or whose status changed within the last two seconds. Never open the database file
+ * yourself: closing any descriptor of it drops the process's locks on it. Do not fork and use the cache on both sides.
  */
 #ifndef TARNCACHE_H
 #define TARNCACHE_H
@@ -55,7 +55,7 @@ typedef struct _SCAN_FILE_RESULT {
 /* The files that carry one MD5. */
 typedef struct _CacheFileInfo {
     char szMD5[TARN_MD5_TEXT_SIZE];
-    char *pszFilePaths; /* every path followed by ";"; NULL when no file was found. Unaligned: copy it before use. */
+    char *pszFilePaths; /* every path followed by ";", which a path may hold too; NULL: no file found. Unaligned. */
 } _CacheFileInfo;
 
 #pragma pack(pop)
@@ -80,8 +80,9 @@ extern TARN_API pthread_mutex_t g_DBMutex;
  * TARN_OK; TARN_E_OUTOFMEMORY; TARN_E_FAIL (disk nearly full, no configuration, database cannot be opened). */
 TARN_API uint32_t LocalCacheInit(void);
 
-/* Starts the cache without its writer thread: lookups, statistics and deletions work, additions are not kept.
- * Codes as LocalCacheInit. The mode of the first user holds until the last one leaves. */
+/* Starts the cache without its writer thread: lookups, statistics and deletions work. Do not call LocalCacheAdd: what
+ * is added waits in memory until LocalCacheUnInit and is never written. Codes as LocalCacheInit. The mode of the first
+ * user holds until the last one leaves. */
 TARN_API uint32_t LocalCacheInitEx(void);
 
 /* Ends one use; the last one writes what is queued and closes the database.
@@ -91,7 +92,8 @@ TARN_API uint32_t LocalCacheUnInit(void);
 /* Is this file known and unchanged? path: absolute, spelled as it was added; md5: at least 33 bytes.
  * TARN_OK: *md5 and the named fields of *result hold the stored verdict. TARN_NOT_CACHED: unknown or changed (the
  * outputs may hold an empty description, nothing else is written). TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED;
- * TARN_E_FAIL (the file's status cannot be read). Waits for the table lock only; never writes to the disk. */
+ * TARN_E_FAIL (the file's status cannot be read). Never writes to the disk; may wait about a second while a large
+ * database is compacted, at the start and every 30 minutes. */
 TARN_API uint32_t LocalCacheLookup(const char *path, char *md5, _SCAN_FILE_RESULT *result);
 
 /* What LocalCachePeek found. */
@@ -140,9 +142,9 @@ TARN_API int CalcFilePathIndex(const char *path, char *out, uint32_t maxLen);
 #include <map>
 #include <string>
 
-/* The flag word stored for each MD5 the cache knows. md5s and count as in LocalCacheFindFilesByHash; flags is added
- * to: entries that are there stay as they are. Walks the file system too.
- * TARN_OK; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_OUTOFMEMORY; TARN_E_FAIL (flags untouched). */
+/* The flag word, as it was added, for each MD5 the cache knows. md5s and count as in LocalCacheFindFilesByHash; flags
+ * is added to: entries that are there stay as they are. Walks the file system too. TARN_OK; TARN_E_INVALIDARG,
+ * TARN_E_NOT_INITIALIZED, TARN_E_FAIL (flags untouched); TARN_E_OUTOFMEMORY. */
 extern "C" TARN_API uint32_t LocalCacheLookUpByHashes(const char *md5s, uint64_t count,
                                                       std::map<std::string, int32_t> &flags);
 #endif

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t kMaxFileSize = 10 * 1024 * 1024; // bytes
+constexpr size_t kMaxFileSize = size_t{10} << 20U; // bytes
 constexpr size_t kOlderFiles = 2;
 constexpr std::chrono::seconds kRetryInterval{60};
 constexpr int kLevelError = 2;

@@ -68,6 +68,7 @@ uint32_t CCacheTable::OnCreate() {
 
 void CCacheTable::OnRelease() {
     m_stSetQueryTime.Finalize();
+    m_stDeleteByMD5.Finalize();
     m_queryPool.Clear();
 }
 

@@ -62,6 +62,7 @@ class TARN_EXPORT CCacheTable : public CTableBase<_CacheRecord> {
     std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
 
     _SQLStmt m_stSetQueryTime;
+    _SQLStmt m_stDeleteByMD5; // prepared by its first use
 
   private:
     const std::string &ColumnName(size_t nPosition) const { return m_vecColumns[nPosition].strColumnName; }

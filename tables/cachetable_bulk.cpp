@@ -94,21 +94,29 @@ int CCacheTable::DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5) {
         TARN_LOG_ERROR("[%s]m_pDB is null.");
         return 1;
     }
-    char szSQL[kStatementSize] = {};
-    str_snprintf(szSQL, sizeof szSQL, "delete from %s where %s=%lld and %s=%lld;", m_strTableName.c_str(),
-                 ColumnName(COLUMN_FHMD).c_str(), static_cast<long long>(liHighMD5), ColumnName(COLUMN_FLMD).c_str(),
-                 static_cast<long long>(liLowMD5));
-    _SQLStmt stDelete(szSQL);
-    if (stDelete.Prepare(m_pDB) != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errmsg(m_pDB));
+    // Kept: an engine update withdraws thousands of digests while lookups wait.
+    if (m_stDeleteByMD5.strSQL.empty()) {
+        char szSQL[kStatementSize] = {};
+        str_snprintf(szSQL, sizeof szSQL, "delete from %s where %s=? and %s=?;", m_strTableName.c_str(),
+                     ColumnName(COLUMN_FHMD).c_str(), ColumnName(COLUMN_FLMD).c_str());
+        m_stDeleteByMD5.strSQL = szSQL;
+    }
+    // Runs on callers' threads too, beside the vacuum: the connection's own error text may not be looked at.
+    if (const int iResult = m_stDeleteByMD5.Prepare(m_pDB); iResult != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errstr(iResult));
         return 0;
     }
-    int iStep = sqlite3_step(stDelete.pStmt);
+    sqlite3_stmt *const pStmt = m_stDeleteByMD5.pStmt;
+    const CStatementUse use(pStmt);
+    int iStep = sqlite3_bind_int64(pStmt, 1, liHighMD5) | sqlite3_bind_int64(pStmt, 2, liLowMD5);
+    if (iStep == SQLITE_OK) {
+        iStep = sqlite3_step(pStmt);
+    }
     if (iStep == SQLITE_BUSY) {
-        iStep = StepAgain(m_pDB, stDelete.pStmt);
+        iStep = StepAgain(m_pDB, pStmt);
     }
     if (iStep != SQLITE_DONE && iStep != SQLITE_BUSY) {
-        TARN_LOG_ERROR("[%s]sqlite step failed with error code = %s", sqlite3_errmsg(m_pDB));
+        TARN_LOG_ERROR("[%s]sqlite step failed with error code = %s", sqlite3_errstr(iStep));
     }
     return iStep == SQLITE_DONE ? 1 : 0;
 }
@@ -166,13 +174,14 @@ int CCacheTable::QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std
                  ColumnName(COLUMN_FHMD).c_str(), static_cast<long long>(liHighMD5), ColumnName(COLUMN_FLMD).c_str(),
                  static_cast<long long>(liLowMD5));
     _SQLStmt stQuery(szSQL);
-    if (stQuery.Prepare(m_pDB) != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errmsg(m_pDB));
+    // Other readers use the connection meanwhile, so its own error text may not be looked at.
+    if (const int iResult = stQuery.Prepare(m_pDB); iResult != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errstr(iResult));
         return 0;
     }
     int iStep = sqlite3_step(stQuery.pStmt);
     if (iStep != SQLITE_ROW && iStep != SQLITE_DONE) {
-        TARN_LOG_ERROR("[%s]sqlite step failed with error code = %s", sqlite3_errmsg(m_pDB));
+        TARN_LOG_ERROR("[%s]sqlite step failed with error code = %s", sqlite3_errstr(iStep));
     }
     for (; iStep == SQLITE_ROW; iStep = sqlite3_step(stQuery.pStmt)) {
         std::unique_ptr<_CacheRecordEx> pRecord(new (std::nothrow) _CacheRecordEx());

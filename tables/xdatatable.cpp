@@ -94,6 +94,21 @@ int __implCheckIntegrity(sqlite3 *pDB, std::string strCheckSQL, std::string strC
     return pszStored != nullptr && SchemaMatches(pszStored, std::move(strCreateSQL)) ? 0 : 1;
 }
 
+bool IsDatabaseOutOfReach(sqlite3 *pDB) {
+    switch (sqlite3_errcode(pDB) & 0xFF) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_NOMEM:
+    case SQLITE_IOERR:
+    case SQLITE_FULL:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PROTOCOL:
+        return pDB != nullptr; // without a connection SQLite calls it a lack of memory
+    default:
+        return false;
+    }
+}
+
 void CTableSchema::RegisterTexts(const std::string &strName, std::vector<_TableColumnValue> vecColumns) {
     m_strTableName = strName;
     m_vecColumns = std::move(vecColumns);

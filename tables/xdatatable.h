@@ -130,11 +130,20 @@ template <typename Record> class CTableBase : public IBaseTable<Record>, public 
     ~CTableBase() = default;
 };
 
-// Create; when that fails or the stored schema differs, drop (the rows are lost) and create again.
-// TARN_OK or TARN_E_FAIL.
+// True when the connection's last call failed for a reason that says nothing about the schema: the file is locked, the
+// disk is full or failing, memory is short.
+TARN_EXPORT bool IsDatabaseOutOfReach(sqlite3 *pDB);
+
+// Create; when that fails or the stored schema differs, drop (the rows are lost) and create again. A database that is
+// just out of reach keeps its rows. TARN_OK or TARN_E_FAIL.
 template <typename T> uint32_t TableCreateCheckRebuild(T *pTable) {
     if (pTable->CreateTable() == 0 && pTable->CheckTableIntegrity() == 0) {
         return TARN_OK;
+    }
+    if constexpr (requires { pTable->m_pDB; }) {
+        if (IsDatabaseOutOfReach(pTable->m_pDB)) {
+            return TARN_E_FAIL;
+        }
     }
     return pTable->DropTable() == 0 && pTable->CreateTable() == 0 ? TARN_OK : TARN_E_FAIL;
 }

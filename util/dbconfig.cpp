@@ -88,6 +88,9 @@ void ReadKeys(_DBConfig &config, void *pIni, const char *pszConfigPath) {
         TARN_LOG_DEBUG_AS(kReadFunction, "[%s][cache] get key:%s from config:%s failed.", "dbname", pszConfigPath);
         pszName = kDefaultName;
     }
+    if (*pszName == '\0') {
+        pszName = kDefaultName; // an empty name would make the folder itself the database, and a rebuild delete it
+    }
     str_snprintf(config.szDBName, sizeof config.szDBName, "%s", pszName);
     SetDefaults(config);
     for (const _NumberKey &key : kNumberKeys) {

@@ -46,7 +46,9 @@ DirHandle OpenDirectory(const std::string &strDir) {
     }
     DirHandle pDir(fdopendir(fd));
     if (pDir == nullptr) {
+        const int iError = errno;
         (void)close(fd);
+        errno = iError;
     }
     return pDir;
 }

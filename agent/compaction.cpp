@@ -1,0 +1,122 @@
+// Compaction and the integrity probe, on the writer thread. Neither takes the table lock: SQLite's own mutex of the
+// connection keeps lookups out while they run.
+#include "agent/dbagent.h"
+
+#include "tables/sqlite_support.h"
+#include "util/log.h"
+
+#include <chrono>
+#include <cstring>
+#include <sched.h>
+#include <sqlite3.h>
+
+namespace {
+
+constexpr char kLogSource[] = "dbagent";
+constexpr int kProbeRetries = 3;
+constexpr int kVacuumCachePages = 1000;
+
+// The vacuum gives its temporary database a page cache as large as the connection's. While this lives, both are small.
+class CSmallPageCache {
+  public:
+    CSmallPageCache(sqlite3 *pDB, int iConfiguredPages) : m_pDB(pDB), m_iConfiguredPages(iConfiguredPages) {
+        SetPages(kVacuumCachePages);
+    }
+    ~CSmallPageCache() { SetPages(m_iConfiguredPages); }
+    CSmallPageCache(const CSmallPageCache &) = delete;
+    CSmallPageCache &operator=(const CSmallPageCache &) = delete;
+
+  private:
+    void SetPages(int iPages) {
+        if (m_iConfiguredPages > kVacuumCachePages) { // a negative size means KiB and is left alone
+            const std::string strSQL = "pragma cache_size=" + std::to_string(iPages) + ";";
+            (void)sqlite3_exec(m_pDB, strSQL.c_str(), nullptr, nullptr, nullptr); // costs memory at worst
+        }
+    }
+
+    sqlite3 *m_pDB;
+    int m_iConfiguredPages;
+};
+
+// Holds the connection's own mutex: its error text then is that of the call just made.
+class CConnectionMutex {
+  public:
+    explicit CConnectionMutex(sqlite3 *pDB) : m_pMutex(sqlite3_db_mutex(pDB)) { sqlite3_mutex_enter(m_pMutex); }
+    ~CConnectionMutex() { sqlite3_mutex_leave(m_pMutex); }
+    CConnectionMutex(const CConnectionMutex &) = delete;
+    CConnectionMutex &operator=(const CConnectionMutex &) = delete;
+
+  protected:
+    sqlite3_mutex *m_pMutex;
+};
+
+// The same, entered at a moment in which no lookup is between its step and its end: SQLite
+// refuses to vacuum while a statement is active, and a busy cache would never be compacted. Gives up waiting for such a
+// moment after the usual time-out. Lookups wait for that mutex during a vacuum anyway.
+class CQuietConnection : public CConnectionMutex {
+  public:
+    explicit CQuietConnection(sqlite3 *pDB) : CConnectionMutex(pDB) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+        while (IsActive(pDB) && std::chrono::steady_clock::now() < deadline) {
+            sqlite3_mutex_leave(m_pMutex);
+            sched_yield();
+            sqlite3_mutex_enter(m_pMutex);
+        }
+    }
+
+  private:
+    static bool IsActive(sqlite3 *pDB) {
+        sqlite3_stmt *pStmt = sqlite3_next_stmt(pDB, nullptr);
+        while (pStmt != nullptr && sqlite3_stmt_busy(pStmt) == 0) {
+            pStmt = sqlite3_next_stmt(pDB, pStmt);
+        }
+        return pStmt != nullptr;
+    }
+};
+
+} // namespace
+
+int64_t CDataBaseAgent::AdjustDBToActualSize() {
+    if (m_pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]db is null.");
+        return 1;
+    }
+    const CSmallPageCache smallCache(m_pDB, m_config.lCacheSize);
+    const CQuietConnection quietConnection(m_pDB);
+    char *pszError = nullptr;
+    const int iResult = sqlite3_exec(m_pDB, "vacuum;", nullptr, nullptr, &pszError);
+    if (iResult != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_exec failed with error msg %s",
+                       pszError != nullptr ? pszError : sqlite3_errstr(iResult));
+    }
+    sqlite3_free(pszError);
+    return iResult == SQLITE_OK ? 1 : 0;
+}
+
+int64_t CDataBaseAgent::CheckDBIntegrity() {
+    if (m_pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]db is null.");
+        return 1;
+    }
+    const CConnectionMutex connectionMutex(m_pDB);
+    _SQLStmt stCheck("pragma quick_check;");
+    if (stCheck.Prepare(m_pDB) != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_prepare_v2 failed with error code = %d", sqlite3_errcode(m_pDB));
+        return 0;
+    }
+    int iStep = sqlite3_step(stCheck.pStmt);
+    if (iStep != SQLITE_ROW && iStep != SQLITE_BUSY) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_step failed with error msg = %s", sqlite3_errmsg(m_pDB));
+        return 0;
+    }
+    for (int nRetry = 0; iStep == SQLITE_BUSY && nRetry < kProbeRetries; ++nRetry) {
+        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
+        sqlite3_reset(stCheck.pStmt);
+        iStep = sqlite3_step(stCheck.pStmt);
+    }
+    if (iStep != SQLITE_ROW) {
+        return 0;
+    }
+    const auto *pszAnswer = reinterpret_cast<const char *>(sqlite3_column_text(stCheck.pStmt, 0));
+    return pszAnswer != nullptr && std::strcmp(pszAnswer, "ok") == 0 ? 1 : 0;
+}
