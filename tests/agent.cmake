@@ -1,0 +1,5 @@
+# Behaviour of the agent; what these files share lies in agent_fixture.h.
+foreach(name IN ITEMS lifetime_test batching_test cleaning_test invalidation_test threads_test)
+  tarn_add_test(${name})
+  target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
+endforeach()

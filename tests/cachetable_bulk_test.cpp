@@ -1,0 +1,100 @@
+// The operations of the cache table that act on many rows.
+#include "tables/cachetable.h"
+
+#include "tests/support/install.h"
+#include "tests/support/services.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <sqlite3.h>
+
+namespace {
+
+class BulkOperations : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(m_table.CreateTable(), 0U);
+        RecordedLog::Clear();
+        RecordedLog::SetDebug(true);
+    }
+    bool Insert(const std::string &strRows) const { return m_db.Run("insert into CT " + strRows); }
+    // Rows nFirst..nLast; the time stamps 1, 2, 3... in an order of their own.
+    bool AddRows(int nFirst, int nLast) const {
+        return Insert("with recursive N(I) as (values(" + std::to_string(nFirst) + ") union all select I+1 from N " +
+                      "where I<" + std::to_string(nLast) + ") select I,0,0,0,0,0,I*7919%1000007,0,x'2f' from N");
+    }
+    std::string Keys() const { return m_db.Text("select group_concat(FPH) from (select FPH from CT order by FPH)"); }
+
+    const CSecondConnection m_db{":memory:"};
+    CCacheTable m_table{m_db.m_pDB};
+};
+
+} // namespace
+
+TEST_F(BulkOperations, ExcessStartsAtAMillionRowsAndTakesTheOldest) {
+    ASSERT_TRUE(AddRows(1, 999999));
+    int iDeleted = -1;
+    EXPECT_TRUE(m_table.DeleteExcessRecords(30, &iDeleted) == 0 && iDeleted == -1);
+    EXPECT_TRUE(RecordedLog::Contains("[DeleteExcessRecords]db count do not over max storage count."));
+    ASSERT_TRUE(AddRows(1000000, 1000000));
+    EXPECT_TRUE(m_table.DeleteExcessRecords(0, &iDeleted) == 0 && iDeleted == 0);
+    ASSERT_TRUE(AddRows(1000001, 1000005));
+    EXPECT_NE(m_table.DeleteExcessRecords(1 << 30, &iDeleted), 0U); // a limit that does not fit deletes nothing
+    EXPECT_TRUE(m_table.DeleteExcessRecords(2, &iDeleted) == 0 && iDeleted == 20005);
+    EXPECT_EQ(m_db.Text("select count(*)||' '||min(TS) from CT"), "980000 20006");
+    EXPECT_EQ(RecordedLog::Texts(4).back(), "[DeleteExcessRecords]execute sql:[DELETE FROM CT WHERE rowid IN "
+                                            "(SELECT rowid FROM CT ORDER BY TS LIMIT 20005);].");
+}
+
+TEST_F(BulkOperations, ExpiryTakesRarelyUsedAndOldRowsBothLimitsIncluded) {
+    ASSERT_TRUE(Insert("values(1,0,0,0,0,3,5000000000,0,''),(2,0,0,0,0,4,5000000000,0,''),"
+                       "(3,0,0,0,0,3,5000000001,0,''),(4,0,0,0,0,0,-1,0,'')"));
+    int iDeleted = -1;
+    EXPECT_TRUE(m_table.DeleteExpireRecords(3, 5000000000, &iDeleted) == 0 && iDeleted == 2 && Keys() == "2,3");
+    EXPECT_NE(RecordedLog::Texts(4)[0].find("delete from CT where QC<=3 and TS<=5000000000;"), std::string::npos);
+    EXPECT_TRUE(m_table.DeleteExpireRecords(9, INT64_MAX, nullptr) == 0 && Keys() == "");
+}
+
+TEST_F(BulkOperations, EnginesAreBits32To47WhateverTheOthersAre) {
+    const struct {
+        std::set<int16_t> setEngines;
+        const char *pszText, *pszLeft;
+    } cases[] = {{{}, "()", "1,2,3,4,5,6"},
+                 {{5}, "(5)", "3,4,5,6"},
+                 {{12, 7, 0}, "(0,7,12)", "1,2,5,6"},
+                 {{-3, INT16_MIN, INT16_MAX}, "(-32768,-3,32767)", "1,2,3,4,5,6"}}; // never a negative one
+    for (auto entry : cases) {
+        ASSERT_TRUE(m_db.Run("delete from CT"));
+        for (const int64_t liVerdict : {PackVerdict(0, 5, 0), PackVerdict(~0U, 5, -1), PackVerdict(5, 7, 5),
+                                        PackVerdict(5, 0, 5), PackVerdict(0, -3, 0), PackVerdict(0, 21, 5)}) {
+            ASSERT_TRUE(Insert("select count(*)+1,0," + std::to_string(liVerdict) + ",0,0,0,0,0,'' from CT"));
+        }
+        EXPECT_EQ(m_table.EngineSetToStr(entry.setEngines), entry.pszText);
+        EXPECT_EQ(m_table.BatchDeleteRecordsByEngineIds(entry.setEngines), 1) << entry.pszText;
+        EXPECT_EQ(Keys(), entry.pszLeft) << entry.pszText;
+    }
+}
+
+TEST_F(BulkOperations, Md5IsBothHalvesForQueryAndDeletion) {
+    ASSERT_TRUE(Insert("values(11,-2,3,-4,5,6,7,8,'/abcd'),(12,0,0,5,-4,0,0,0,''),(9,1,0,-4,5,0,0,0,'')"));
+    _CacheRecordEx before = {};
+    std::vector<_CacheRecordEx *> vecRecords = {&before};
+    EXPECT_EQ(m_table.QueryFilePathHashByMD5(1, 2, vecRecords) + m_table.QueryFilePathHashByMD5(-4, 5, vecRecords), 2);
+    ASSERT_EQ(vecRecords.size(), 3U);
+    const std::unique_ptr<_CacheRecordEx> pFirst(vecRecords[1]), pSecond(vecRecords[2]);
+    EXPECT_TRUE(vecRecords[0] == &before && pFirst->liFilePathHash == 11 && pSecond->liFilePathHash == 9);
+    EXPECT_TRUE(pFirst->lFileAttrHash == -2 && pFirst->liTreatVirus == 3 && pFirst->liHighMD5 == -4 &&
+                pFirst->liLowMD5 == 5 && pFirst->lQueryCounts == 6 && pFirst->lTimeStamp == 7 &&
+                pFirst->lResultState == 8 && pFirst->szFilePathIndex == std::string("/abcd") && !pFirst->szFilePath[0]);
+    EXPECT_TRUE(m_table.DeleteRecordByMD5(-4, 5) == 1 && m_table.DeleteRecordByMD5(-4, 5) == 1 && Keys() == "12");
+}
+
+TEST_F(BulkOperations, FailedPreparationIsAnsweredByEachInItsOwnWay) {
+    m_table.m_strTableName = "C:T";
+    std::set<int16_t> setIds = {5};
+    std::vector<_CacheRecordEx *> vecRecords;
+    EXPECT_EQ(m_table.DeleteExpireRecords(1, 1, nullptr) | m_table.DeleteExcessRecords(1, nullptr), 0U);
+    EXPECT_EQ(m_table.DeleteRecordByMD5(1, 1) + m_table.BatchDeleteRecordsByEngineIds(setIds), 0);
+    EXPECT_EQ(m_table.QueryFilePathHashByMD5(1, 1, vecRecords), 0);
+    EXPECT_EQ(RecordedLog::Texts(2).size(), 4U); // the failed count is silent
+}

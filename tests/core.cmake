@@ -1,0 +1,16 @@
+# Tests of util/, tables/ and interface/.
+find_package(ZLIB REQUIRED)
+foreach(name IN ITEMS cachetable_bulk dbconfig entry_points identity_hash tables vsdesctable walk)
+  tarn_add_test(${name}_test)
+endforeach()
+target_link_libraries(identity_hash_test PRIVATE ZLIB::ZLIB) # a CRC-32 that is not the library's own
+
+# The public header as a C program sees it, on an installation folder of its own.
+set(root ${CMAKE_BINARY_DIR}/tests/c_header)
+file(MAKE_DIRECTORY ${root}/lib ${root}/engine/cache)
+file(WRITE ${root}/config/tarncfg.ini "[cacheeng]\n")
+add_executable(c_header_test c_header_test.c)
+target_link_libraries(c_header_test PRIVATE tarncache tarn_warnings tarn_settings)
+set_target_properties(c_header_test PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+add_test(NAME CHeader.CompilesAndWorksAsC COMMAND c_header_test)
+set_tests_properties(CHeader.CompilesAndWorksAsC PROPERTIES ENVIRONMENT TARN_INSTALL_DIR=${root}/lib)

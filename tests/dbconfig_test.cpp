@@ -1,0 +1,104 @@
+#include "util/dbconfig.h"
+
+#include "tests/support/install.h"
+#include "tests/support/services.h"
+#include "util/result_codes.h"
+
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <sys/stat.h>
+
+namespace {
+
+class Config : public testing::Test {
+  protected:
+    void SetUp() override {
+        RecordedLog::Clear();
+        RecordedLog::SetDebug(true);
+    }
+    // Every number, in the order of the record's fields.
+    std::string Read(const std::string &strText) {
+        m_config = {};
+        m_install.WriteFile("config/tarncfg.ini", strText);
+        EXPECT_EQ(ReadDBConfig(&m_config), TARN_OK) << strText;
+        std::ostringstream numbers;
+        numbers << static_cast<int64_t>(m_config.liDiskThreshold) << " " << m_config.lCacheSize << " "
+                << m_config.liExpireTime << " " << m_config.lExpireInterval << " " << m_config.lDBQueryCounts << " "
+                << m_config.lExpirePercent;
+        return numbers.str();
+    }
+    const CTempInstall m_install;
+    const std::string m_strDir = m_install.Path("engine/cache/");
+    _DBConfig m_config = {};
+};
+
+} // namespace
+
+TEST_F(Config, MissingKeysTakeDefaultsAndAMissingFolderIsMade) {
+    std::filesystem::remove(m_install.Path("engine/cache"));
+    const mode_t mask = umask(0);
+    EXPECT_EQ(Read("[other]\ncachesize=1\n"), "500 8000 0 90 0 30"); // bytes, unlike the key's megabytes
+    umask(mask);
+    EXPECT_TRUE(m_config.szDBDir == m_strDir && m_config.szDBName == std::string("morcache.db"));
+    EXPECT_EQ(std::filesystem::status(m_strDir).permissions(), std::filesystem::perms{0660});
+    const std::vector<std::string> vecTexts = RecordedLog::Texts(4); // in the order of reading
+    ASSERT_EQ(vecTexts.size(), 10U);
+    EXPECT_EQ(vecTexts[3], "[ReadDBConfig][cache] get key:dbname from config:" + m_install.Config() + " failed.");
+    EXPECT_EQ(vecTexts[4], "[ReadDBConfig][cache] get key:cachesize from config failed.");
+    EXPECT_EQ(vecTexts[9], "[ReadDBConfig][cache] get key:dbquerycounts from config failed.");
+}
+
+TEST_F(Config, EveryKeyIsParsedIntoItsField) {
+    const struct {
+        std::string strSettings, strExpected;
+    } cases[] = {{"cachesize=-2000\nexpireinterval=7\ndbquerycounts=3", "500 -2000 0 7 3 30"},
+                 {"cachesize=many\nexpireinterval=-1", "500 0 0 4294967295 0 30"},
+                 {"cachesize=4294967297\nexpirepercent=100", "500 1 0 90 0 100"},
+                 {"diskthreshold=1\nexpirepercent=250", "1048576 8000 0 90 0 100"},
+                 {"diskthreshold=-1\nexpirepercent=-1", "-1048576 8000 0 90 0 100"},
+                 {"diskthreshold=2147483648\nexpirepercent=0", "-2251799813685248 8000 0 90 0 0"},
+                 {"expiretime=9223372036854775807", "500 8000 9223372036854775807 90 0 30"}};
+    for (const auto &entry : cases) {
+        EXPECT_EQ(Read("[cacheeng]\n" + entry.strSettings + "\n"), entry.strExpected) << entry.strSettings;
+    }
+    (void)Read("[cacheeng]\ndbname=" + std::string(200, 'n') + "\n");
+    EXPECT_EQ(m_config.szDBName, std::string(63, 'n'));
+    EXPECT_TRUE(RecordedLog::Contains("[ReadDBConfig][cache] read expire percent:250."));
+}
+
+TEST_F(Config, WritingStoresThreeKeysAndKeepsEverythingElse) {
+    (void)Read("[before]\ncachesize = 9\n; a remark\n[cacheeng]\ncachesize = 5\ndbname = old.db\nexpiretime = 1\n"
+               "stray = yes\n[after]\nexpiretime = untouched\n");
+    m_config.lCacheSize = 6; // not one of the three
+    m_config.lDBQueryCounts = 0xFFFFFFFF;
+    m_config.liExpireTime = INT64_MAX;
+    std::strcpy(m_config.szDBName, "new.db");
+    ASSERT_EQ(WriteDBConfig(&m_config), TARN_OK);
+    const std::string strText = ReadWholeFile(m_install.Config());
+    EXPECT_EQ(strText.find("[before]\ncachesize = 9\n"), 0U);
+    EXPECT_LT(strText.find("; a remark\n[cacheeng]"), strText.find("[after]\nexpiretime = untouched"));
+    EXPECT_EQ(Read(strText), "500 5 9223372036854775807 90 4294967295 30");
+    EXPECT_STREQ(m_config.szDBName, "new.db");
+}
+
+TEST_F(Config, FailuresAreReportedAtDebugLevel) {
+    std::filesystem::remove(m_install.Config());
+    std::filesystem::remove(m_install.Path("engine/cache"));
+    m_config.lCacheSize = 77;
+    EXPECT_TRUE(WriteDBConfig(&m_config) == TARN_E_FAIL && ReadDBConfig(&m_config) == TARN_E_FAIL);
+    EXPECT_TRUE(Exists(m_strDir) && m_config.szDBDir == m_strDir && m_config.lCacheSize == 77);
+    EXPECT_TRUE(RecordedLog::Contains("[ReadDBConfig][cache] load config file:" + m_install.Config() + " failed."));
+    std::filesystem::remove_all(m_install.Path("engine")); // only the last component is made
+    EXPECT_EQ(ReadDBConfig(&m_config), TARN_E_FAIL);
+    EXPECT_EQ(RecordedLog::Texts(4).back().rfind("[ReadDBConfig][cache] mkdir " + m_strDir + " failed, err:", 0), 0U);
+    std::filesystem::create_symlink("/proc/version", m_install.Config()); // readable, and nobody can write it
+    EXPECT_EQ(WriteDBConfig(&m_config), TARN_E_FAIL);
+    EXPECT_EQ(RecordedLog::Texts(4).back().rfind("[WriteDBConfig][cache] save ini file failed, err:", 0), 0U);
+    RecordedLog::SetDebug(false);
+    const size_t nLines = RecordedLog::Lines().size();
+    EXPECT_TRUE(WriteDBConfig(&m_config) == TARN_E_FAIL &&
+                RecordedLog::Lines().size() == nLines); // silent without debug
+    EXPECT_TRUE(ReadDBConfig(nullptr) == TARN_E_FAIL && RecordedLog::Texts(2).size() == 1);
+}

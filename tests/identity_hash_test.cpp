@@ -1,0 +1,68 @@
+#include "util/cacheutil.h"
+
+#include "tests/support/install.h"
+#include "tests/support/services.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <zlib.h>
+
+// Stored hashes are compared bit for bit, so these numbers (zlib.crc32 of Python) must never change.
+TEST(PathHash, IsTheSeededCrcOfTheNameAndHalfTheCrcOfTheDirectory) {
+    const std::pair<const char *, uint64_t> cases[] = {{"/f", 0xD2D4F76D3DFF},
+                                                       {"/dir/", 0xF91E0000F91E},
+                                                       {"//usr/./lib/../lib/x.so", 0x54815A533D4B},
+                                                       {"a/b", 0x75400762AE1C},
+                                                       {"/tmp/na\nme\xff\xfe", 0x64DF4F621604}};
+    for (const auto &[pszPath, ullExpected] : cases) {
+        uint32_t aulWords[2] = {};
+        EXPECT_EQ(CalcFilePathCrc32(pszPath, aulWords), 1) << pszPath;
+        EXPECT_EQ(uint64_t{aulWords[1]} << 32U | aulWords[0], ullExpected) << pszPath;
+    }
+}
+
+TEST(AttrHash, CoversSizeAndStatusChangeTimeOfTheLinkItself) {
+    const CTempInstall install;
+    std::filesystem::create_symlink("/nowhere/at/all", install.Path("dangling"));
+    std::filesystem::resize_file(install.WriteFile("huge"), (uint64_t{5} << 30U) + 1); // sparse
+    std::filesystem::last_write_time(install.Path("huge"), {});                        // not what is hashed
+    for (const char *pszName : {"config/tarncfg.ini", "dangling", "huge", "lib"}) {
+        struct stat status = {};
+        ASSERT_EQ(lstat(install.Path(pszName).c_str(), &status), 0) << pszName;
+        const int64_t aliBlock[] = {status.st_size, status.st_ctim.tv_sec};
+        uint32_t ulHash = 0;
+        EXPECT_EQ(CalcFileAttrCrc32(install.Path(pszName).c_str(), &ulHash), 1) << pszName;
+        EXPECT_EQ(ulHash, crc32(0, reinterpret_cast<const Bytef *>(aliBlock), 16)) << pszName;
+    }
+}
+
+TEST(PathIndex, TakesTheFirstCharacterOfEachDirectoryAndNothingMore) {
+    const struct {
+        const char *pszPath;
+        uint32_t ulMaxLength;
+        const char *pszExpected; // '#' is what the buffer held before
+    } cases[] = {{"/usr/lib/x.so", 5, "/ul####"}, {"/a/b/c/d/e/f", 5, "/abcd##"}, {"/a/b/c/d/e/f", 3, "/ab####"},
+                 {"/a//b/c", 5, "/a/b###"},       {"/x", 5, "/######"},           {"/", 5, "/######"},
+                 {"/dir/sub/", 5, "/d#####"},     {"usr/lib/x", 5, "usl####"},    {"/a/b/c", 0, "/######"},
+                 {"/a/b/c", 1, "/######"},        {"file", 5, "f######"}};
+    for (const auto &entry : cases) {
+        char szIndex[8] = "#######";
+        EXPECT_EQ(CalcFilePathIndex(entry.pszPath, szIndex, entry.ulMaxLength), 1) << entry.pszPath;
+        EXPECT_STREQ(szIndex, entry.pszExpected) << entry.pszPath << ", at most " << entry.ulMaxLength;
+    }
+}
+
+TEST(IdentityHash, FailuresLeaveTheOutputAndBadArgumentsAreSilent) {
+    uint32_t aulWords[2] = {7, 7};
+    char szIndex[8] = "#######";
+    RecordedLog::Clear();
+    EXPECT_EQ(CalcFilePathCrc32("", aulWords) + CalcFileAttrCrc32("", aulWords) + CalcFilePathIndex("", szIndex, 5), 0);
+    EXPECT_EQ(CalcFilePathCrc32("/", nullptr) + CalcFileAttrCrc32(nullptr, aulWords), 0);
+    EXPECT_TRUE(RecordedLog::Lines().empty());
+    EXPECT_EQ(CalcFilePathCrc32("x", aulWords) + CalcFileAttrCrc32("/no", aulWords), 0);
+    EXPECT_TRUE(aulWords[0] == 7 && aulWords[1] == 7 && szIndex == std::string("#######"));
+    const std::string strNoFile = "[CalcFileAttrCrc32][cache] get file:/no attr failed, err:No such file or directory.";
+    EXPECT_EQ(RecordedLog::Texts(2),
+              (std::vector<std::string>{"[CalcFilePathCrc32][cache] the path:x is invalid.", strNoFile}));
+}

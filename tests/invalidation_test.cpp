@@ -1,0 +1,201 @@
+// Marker files and the update-cache file: what they delete, and when they stay.
+#include "tests/agent_fixture.h"
+
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+std::function<void()> g_onYield; // the list's reader yields after each digest
+}
+
+extern "C" __attribute__((visibility("default"))) unsigned int sleep(unsigned int) {
+    if (g_onYield) {
+        g_onYield();
+    }
+    return 0;
+}
+
+class Invalidation : public CAgentTest {
+  protected:
+    Invalidation() { g_onYield = nullptr; }
+    static std::string Encipher(std::string strText) {
+        RC4_STATE state = {};
+        unsigned char abBlock[256] = {}; // becomes what every block is combined with
+        RC4_set_key(&state, 14, reinterpret_cast<const unsigned char *>("fourteen bytes"));
+        RC4_crypt(&state, sizeof abBlock, abBlock, abBlock);
+        for (size_t i = 0; i < strText.size(); ++i) {
+            strText[i] = static_cast<char>(strText[i] ^ abBlock[i % sizeof abBlock]);
+        }
+        return strText;
+    }
+    void LeaveList(const std::string &strText) const {
+        m_install.WriteFile("config/business.ini", "[avscan]\nmor_secret=666f75727465656e206279746573\n");
+        (void)chmod(m_install.Path("config/business.ini").c_str(), 0600);
+        m_install.WriteFile("engine/kelmorehash/update_cache.dat", Encipher(strText));
+        m_install.WriteFile("engine/clean_engine_hash_flag");
+    }
+    // Rows with the keys and digests from 1 to nRows, and one without a digest; the list names them all.
+    void StartWithRows(int nRows) {
+        ASSERT_EQ(Start(), TARN_OK);
+        std::vector<_Row> vecRows = {{0}};
+        std::string strList = "engine:1.2\n";
+        for (int i = 1; i <= nRows; ++i) {
+            vecRows.push_back({i, 45, 0, 0, i});
+            strList += DigestText(i) + "\n";
+        }
+        ASSERT_TRUE(Run(InsertTexts(vecRows)));
+        LeaveList(strList);
+    }
+    void WatchBatches() {
+        g_onStatement = [this](const std::string &strText) {
+            m_nDeletions = strText == "begin immediate;" ? 0 : m_nDeletions + (strText.rfind("delete", 0) == 0 ? 1 : 0);
+            m_strBatches +=
+                strText == "commit;" || strText == "rollback;" ? std::to_string(m_nDeletions) + strText : "";
+        };
+    }
+    bool HasMarker() const { return Exists(m_install.Path("engine/clean_engine_hash_flag")); }
+
+    const std::string m_strList = m_install.Path("engine/kelmorehash/update_cache.dat");
+    const std::string m_strMarker = m_install.Path("engine/clean_engine_flag");
+    int m_nDeletions = 0;
+    std::string m_strBatches;
+};
+
+TEST_F(Invalidation, AFlagDeletesTheRecordsOfItsEngines) {
+    ASSERT_EQ(Start(), TARN_OK);
+    std::string strSeen;
+    for (const int32_t lFlag : {2, 4, 8, 32, 256, 512, 0x1000, 0x10000, 0x10002, ~0x1000, 1, 0, -1}) {
+        EngineSet engines = {1};
+        m_pAgent->GetEngineListByFlag(lFlag, engines);
+        for (const int16_t sEngine : engines) {
+            strSeen += std::to_string(sEngine) + ",";
+        }
+        ASSERT_TRUE(Run(InsertTexts({{1, 42}, {2, 43}, {3, 50}})));
+        EXPECT_EQ(m_pAgent->CheckDeleteAllCacheRecordsByFlag(lFlag), TARN_OK);
+        strSeen += " keeps " + Keys() + "\n";
+    }
+    EXPECT_EQ(strSeen, "43, keeps 1,3\n44, keeps 1,2,3\n45, keeps 1,2,3\n48, keeps 1,2,3\n49, keeps 1,2,3\n"
+                       "47, keeps 1,2,3\n46, keeps 1,2,3\n50, keeps 1,2\n43,50, keeps 1\n"
+                       "43,44,45,47,48,49,50, keeps 1\n keeps 1,2,3\n keeps 1,2,3\n keeps \n");
+}
+
+TEST_F(Invalidation, AMarkerOfAnyKindIsConsumedOnceEvenWhenTheDeletionFails) {
+    ASSERT_EQ(Start(), TARN_OK);
+    for (const std::string strKind : {"file", "folder", "failure", "full folder"}) {
+        ASSERT_TRUE(Run(InsertTexts({{1, 48}, {2, 45}})));
+        if (strKind == "failure") {
+            ASSERT_TRUE(Run("create trigger T before delete on CT begin select raise(fail, 'no'); end"));
+        }
+        if (strKind == "file") {
+            m_install.WriteFile("engine/clean_engine_flag");
+        } else {
+            fs::create_directories(m_strMarker + (strKind == "full folder" ? "/content" : ""));
+        }
+        EXPECT_EQ(m_pAgent->CheckDeleteAllCacheRecords(), TARN_OK);
+        EXPECT_EQ(Rows(), strKind == "failure" ? 2 : 1) << strKind;
+        EXPECT_EQ(Exists(m_strMarker), strKind == "full folder"); // which cannot be removed, silently
+        ASSERT_TRUE(Run("drop trigger if exists T"));
+    }
+    fs::remove_all(m_strMarker);
+    EXPECT_EQ(m_pAgent->CheckDeleteAllCacheRecords(), TARN_E_FAIL); // no marker, no work
+    EXPECT_TRUE(
+        RecordedLog::Contains("[CheckDeleteAllCacheRecordsByFlag]BatchDeleteRecordsByEngineIds failed, engine cnt=1"));
+    m_install.WriteFile("engine/kelmorehash/update_cache.dat");
+    EXPECT_TRUE(m_pAgent->ResetCleanCacheFlag("clean_engine_hash_flag"));
+    EXPECT_FALSE(Exists(m_strList)); // goes without a marker too
+    int32_t lFlag = 0;
+    EXPECT_FALSE(m_pAgent->ReadCleanCacheFlag("other", &lFlag) || m_pAgent->ResetCleanCacheFlag(nullptr));
+    EXPECT_EQ(RecordedLog::Texts(2).back(), "[ReadCleanCacheFlag]clean flag file path is empty.");
+}
+
+TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
+    const std::string strOne = DigestText(1);
+    const std::string strTwo = DigestText(2);
+    const struct {
+        uint32_t uResult;
+        int64_t liDeleted;
+        std::string strText;
+    } cases[] = {
+        {TARN_OK, 2, "engine:1.2\n" + strOne + "\n" + strTwo + "\n"},
+        {TARN_OK, 2, "engine:1.2\r\n\r\n" + strOne + "\r\n\n\n" + strTwo},
+        {TARN_OK, 1, "e:1\n" + strOne.substr(1) + "\n" + strTwo + "12345678\n"},
+        {TARN_OK, 0, "e:1\n" + strOne.substr(1) + "\r\n" + std::string(32, 'g') + "\n" + std::string(32, ' ')},
+        {TARN_OK, 1, "e:" + std::string(256, '1') + "\n0123456\n" + strOne}, // 300 bytes
+        {TARN_OK, 1, "e:1\n" + strOne + "\n" + std::string(1, '\0') + "\n" + strTwo},
+        {TARN_E_INVALIDARG, 0, strOne + "\n" + strTwo + "\n"},
+        {TARN_E_INVALIDARG, 0, "engine\n:\n" + strOne + "\n"},
+        {TARN_E_INVALIDARG, 0, "engine:1.2\n\n\n"},
+        {TARN_E_INVALIDARG, 0, "engine:1.2"},
+        {TARN_E_INVALIDARG, 0, std::string(300, '\0')},
+        {TARN_E_INVALIDARG, 0, Encipher("engine:1.2\n" + strOne)}, // not with this key
+        {TARN_E_FAIL, 0, ""},
+        {TARN_OK, 1, "e:" + std::string(150, '9') + "\r\n" + strOne},
+    };
+    RecordedLog::SetDebug(true);
+    for (const auto &[uResult, liDeleted, strText] : cases) {
+        SCOPED_TRACE(strText);
+        StartWithRows(3);
+        LeaveList(strText);
+        EXPECT_EQ(m_pAgent->DeleteCacheRecordsByFileMD5(), uResult);
+        EXPECT_EQ(Rows(), 4 - liDeleted);
+        EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), uResult == TARN_OK ? TARN_OK : TARN_E_FAIL);
+        EXPECT_TRUE(HasMarker() == (uResult != TARN_OK) && Exists(m_strList) == HasMarker());
+    }
+    EXPECT_TRUE(RecordedLog::Contains("[DeleteCacheRecordsByFileMD5]Open file " + m_strList +
+                                      " and get VersionID = " + std::string(99, '9')));
+}
+
+TEST_F(Invalidation, WhatIsNoReadableListIsLeftOrRemovedByName) {
+    StartWithRows(1);
+    const std::string strFailed = "[CheckDeleteFrepCacheRecords]DeleteCacheRecordsByFileMD5 failed with hr = 0x8";
+    const std::pair<std::function<int()>, std::string> cases[] = {
+        {[] { return 0; }, strFailed + "0004005"},
+        {[this] { return mkdir(m_strList.c_str(), 0700); }, strFailed + "0070057"},
+        {[this] { return mkfifo(m_strList.c_str(), 0600); }, strFailed + "0004005"},
+        {[this] { return mknod(m_strList.c_str(), S_IFSOCK | 0600, 0); },
+         "[DeleteCacheRecordsByFileMD5]fopen " + m_strList + " failed"},
+    };
+    for (const auto &[place, strLine] : cases) {
+        LeaveList("");
+        fs::remove(m_strList);
+        ASSERT_EQ(place(), 0);
+        const bool bStays = strLine.find(strFailed) == 0;
+        EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), bStays ? TARN_E_FAIL : TARN_OK);
+        EXPECT_EQ(RecordedLog::Texts(2).back(), strLine);
+        EXPECT_EQ(HasMarker(), bStays); // what cannot even be opened counts as done
+        fs::remove(m_strList);
+    }
+    EXPECT_TRUE(RecordedLog::Contains("[GetUpdateCacheFilePath]access " + m_strList + " failed"));
+}
+
+TEST_F(Invalidation, ALongListIsCutIntoBatchesAndAFailedOneIsRolledBackAlone) {
+    WatchBatches();
+    StartWithRows(2500);
+    ASSERT_TRUE(Run("create trigger T before delete on CT when old.FPH = 1500 begin select raise(fail, 'no'); end"));
+    EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), TARN_OK); // a batch is not tried again
+    EXPECT_EQ(m_strBatches, "1000commit;500rollback;500commit;");
+    EXPECT_EQ(Rows(), 1001);
+    EXPECT_EQ(Rows("FPH between 1001 and 2000"), 1000);
+    EXPECT_FALSE(HasMarker());
+    EXPECT_EQ(RecordedLog::Texts(2).back().find("[BatchDeleteCacheRecordsByFileMD5]DeleteRecordByMD5 failed, HMD5:0"),
+              0U);
+}
+
+TEST_F(Invalidation, ShutDownEndsTheReadingKeepsTheListAndDeletesWhatWasRead) {
+    StartWithRows(2500);
+    std::atomic<int> nRead = 0;
+    std::atomic<bool> bStopping = false;
+    g_onYield = [&] { EXPECT_TRUE(++nRead != 1500 || WaitFor([&] { return bStopping.load(); })); };
+    Configure("expiretime=99999999999\n");
+    WatchBatches();
+    ASSERT_EQ(Start(0), TARN_OK);
+    ASSERT_TRUE(WaitFor([&] { return nRead == 1500; }));
+    g_onJoin = [&] { bStopping = true; };
+    EXPECT_EQ(Stop(), TARN_OK);
+    EXPECT_EQ(m_strBatches.substr(0, 21), "1000commit;500commit;");
+    EXPECT_EQ(Rows(), 1001);
+    EXPECT_TRUE(HasMarker() && Exists(m_strList));
+    EXPECT_EQ(RecordedLog::Texts(2).back(),
+              "[CheckDeleteFrepCacheRecords]DeleteCacheRecordsByFileMD5 failed with hr = 0x80004004");
+}

@@ -1,0 +1,159 @@
+// Start-up and shut-down: what is logged, what makes a start fail, and what survives it.
+#include "tests/agent_fixture.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+std::atomic<int64_t> g_liFreeMegabytes = 1000000; // below 0: statfs fails
+}
+
+extern "C" __attribute__((visibility("default"))) int statfs(const char *, struct statfs *pFileSystem) noexcept {
+    pFileSystem->f_bsize = 1 << 20; // f_bavail stays 0: what is reserved for the superuser counts as free
+    pFileSystem->f_bfree = g_liFreeMegabytes < 0 ? 0 : static_cast<uint64_t>(g_liFreeMegabytes);
+    return g_liFreeMegabytes < 0 ? -1 : 0;
+}
+
+class Lifetime : public CAgentTest {
+  protected:
+    ~Lifetime() override { g_liFreeMegabytes = 1000000; }
+    bool IsSet(const std::string &strLine) {
+        return ("\n" + ReadWholeFile(m_install.Config())).find("\n" + strLine + "\n") != std::string::npos;
+    }
+};
+
+TEST_F(Lifetime, AStartLogsEachStepInOrder) {
+    ASSERT_EQ(Start(), TARN_OK);
+    EXPECT_EQ(Stop(), TARN_OK); // a clean shut-down has nothing to say
+    const Texts vecExpected = {"[AgentInit][cache] read db config success.",
+                               "[AgentInit][cache] disk have free space for db.", "[AgentInit][cache] open db success.",
+                               "[AgentInit][cache] tables init success."};
+    EXPECT_EQ(RecordedLog::Texts(3), vecExpected);
+    EXPECT_EQ(RecordedLog::Texts().size(), 4U);
+}
+
+TEST_F(Lifetime, FailedStartsSayWhy) {
+    const std::string strDisk = "[AgentInit][cache] DiskSpace is lower threshold failed.";
+    const struct {
+        std::string strCause;
+        const char *pszSettings = "";
+        int64_t liFreeMegabytes = 1;
+        std::function<void()> damage = [] {};
+    } cases[] = {
+        {"[AgentInit][cache] ReadDBConfig failed.", "", 1, [this] { fs::remove(m_install.Config()); }},
+        {"[AgentInit][cache] ReadDBConfig failed.", "", 1, [this] { fs::remove_all(m_install.Path("engine")); }},
+        {strDisk, "diskthreshold=100\n", 99},
+        {strDisk, "", -1},
+        {"[OpenDB]RebuildDB failed.", "", 1,
+         [this] { fs::create_symlink(m_install.Database(), m_install.Database()); }},
+        {"[DBTablesInit][cache] Create Table VST failed.", "", 1, [this] { Run("create view VST as select 1"); }},
+        {"[OpenDB][cache] sqlite3_exec set cache size failed with error msg = file is not a database", "", 1,
+         [this] { m_install.WriteFile("engine/cache/morcache.db", std::string(8192, '?')); }},
+    };
+    for (const auto &testCase : cases) {
+        fs::remove(m_install.Database());
+        Configure(testCase.pszSettings);
+        g_liFreeMegabytes = testCase.liFreeMegabytes;
+        testCase.damage();
+        RecordedLog::Clear();
+        EXPECT_EQ(Start(0), TARN_E_FAIL) << testCase.strCause;
+        EXPECT_TRUE(RecordedLog::Contains(testCase.strCause)) << testCase.strCause;
+        EXPECT_EQ(RecordedLog::Texts().back().find("[AgentInit][cache] "), 0U);
+        fs::create_directories(m_install.Path("engine/cache"));
+    }
+    EXPECT_TRUE(ReadWholeFile(m_install.Database()) == std::string(8192, '?')); // nothing is thrown away
+    fs::remove(m_install.Database());
+    Configure("diskthreshold=100\n");
+    g_liFreeMegabytes = 100;
+    EXPECT_EQ(Start(), TARN_OK);
+}
+
+TEST_F(Lifetime, WhatCannotBeOpenedIsReplacedAndWhatCannotBeRemovedIsLeft) {
+    const std::string strPath = m_install.Database();
+    ASSERT_EQ(mknod(strPath.c_str(), S_IFSOCK | 0600, 0), 0);
+    ASSERT_EQ(Start(), TARN_OK);
+    EXPECT_EQ(Rows(), 0);
+    EXPECT_EQ(Stop(), TARN_OK);
+    EXPECT_EQ(RecordedLog::Texts(2), Texts{});
+    fs::remove(strPath);
+    fs::create_directories(strPath + "/content");
+    ASSERT_EQ(Start(), TARN_OK);
+    Write(File("file"));
+    EXPECT_TRUE(IsSet("dbname=morcachebak.db"));
+    ASSERT_EQ(Start(), TARN_OK); // goes to the saved name at once
+    EXPECT_EQ(Lookup(m_install.Path("file")), TARN_OK);
+    EXPECT_EQ(RecordedLog::Texts(2),
+              Texts{"[RebuildDB]delete file (" + strPath + ") failed with error:Directory not empty"});
+}
+
+TEST_F(Lifetime, ATableOfAnotherShapeIsDroppedAlone) {
+    TestClock::Set(1000);
+    ASSERT_EQ(Start(), TARN_OK);
+    Write(File("file"), Verdict(1, 1, "Some.Virus"));
+    ASSERT_EQ(Stop(), TARN_OK);
+    for (const char *pszTable : {"FPH integer(8) primary key,X text", "FPH,FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI"}) {
+        TestClock::Set(2000);
+        ASSERT_TRUE(Run(std::string("drop table CT; create table CT(") + pszTable + ")"));
+        ASSERT_EQ(Start(), TARN_OK);
+        EXPECT_EQ(Query("select VID || VD from VDT"), "0Some.Virus");
+        EXPECT_EQ(Query("select FV || ' ' || VN || ' ' || LDT from VST"), "0 0 1000"); // of the first start
+        Write(m_install.Path("file"));
+        EXPECT_EQ(Rows(), 1);
+        ASSERT_EQ(Stop(), TARN_OK);
+    }
+}
+
+TEST_F(Lifetime, WithoutAWriterTheCacheAnswersButKeepsNothing) {
+    TestLoop::FailThreads(EAGAIN);
+    for (const int iMode : {0, 1}) {
+        EXPECT_EQ(Start(iMode), TARN_OK);
+        Write(File("file"));
+        EXPECT_EQ(Lookup(m_install.Path("file")), TARN_OK);
+        ASSERT_EQ(Add(File("queued"), Verdict(1, 0)), TARN_OK); // freed at the end: the leak checker looks
+        EXPECT_EQ(Stop(), TARN_OK);
+        EXPECT_EQ(Rows(), 1);
+    }
+    EXPECT_EQ(RecordedLog::Texts(2), Texts{"[AgentInit][cache] create thread failed, err:11."});
+    EXPECT_EQ(ReadWholeFile(m_install.Config()), "[cacheeng]\n");
+}
+
+TEST_F(Lifetime, WithoutATimerTheWriterEndsAfterTheMarkers) {
+    ASSERT_EQ(Start(), TARN_OK);
+    ASSERT_TRUE(Run(InsertTexts({{1, 48}, {2, 45}})));
+    m_install.WriteFile("engine/clean_engine_flag");
+    TestLoop::FailTimers(true);
+    ASSERT_EQ(Start(0), TARN_OK);
+    ASSERT_TRUE(WaitFor([] { return RecordedLog::Texts(1) == Texts{"[UpdateRecords]Start timer failed"}; }));
+    EXPECT_EQ(Add(File("file")), TARN_OK);
+    EXPECT_EQ(Stop(), TARN_OK);
+    EXPECT_EQ(Keys(), "2"); // due for expiry; the addition is not written
+    EXPECT_EQ(ReadWholeFile(m_install.Config()), "[cacheeng]\n");
+}
+
+TEST_F(Lifetime, TheWriterCountsItsStartAndWritesWithinASecond) {
+    Configure("expiretime=99999999999\ndbquerycounts=3\n");
+    ASSERT_EQ(Start(0), TARN_OK);
+    ASSERT_EQ(Add(File("file")), TARN_OK); // wakes nobody
+    EXPECT_TRUE(WaitFor([this] { return Rows() == 1; }));
+    EXPECT_EQ(Stop(), TARN_OK);
+    EXPECT_TRUE(IsSet("dbquerycounts=4") && IsSet("expiretime=99999999999") && IsSet("dbname=morcache.db"));
+    EXPECT_EQ(TestLoop::TimerPeriod(), 0U); // stopped
+}
+
+TEST_F(Lifetime, AHalfBuiltAgentComesDownSafely) {
+    CDataBaseAgent agent;
+    cl_timerplus timer = {nullptr};
+    CDataBaseAgent::CleanTimerCallback(nullptr);
+    CDataBaseAgent::CleanTimerCallback(&timer);
+    EXPECT_EQ(CDataBaseAgent::UpdateWorkThread(nullptr), nullptr);
+    EXPECT_EQ(agent.DBTablesInit(), TARN_E_FAIL);
+    EXPECT_EQ(agent.CheckModuleVersion(), 0xFFFFFFFFU);
+    EXPECT_EQ(agent.BeginTransactoion(CDataBaseAgent::TRANSACTION_DEFERRED), TARN_E_FAIL);
+    EXPECT_EQ(agent.CommitTransaction(), TARN_E_FAIL);
+    EXPECT_TRUE(agent.AdjustDBToActualSize() == 1 && agent.CheckDBIntegrity() == 1);
+    EXPECT_EQ(agent.AgentUnInit(), TARN_OK);
+    EXPECT_EQ(RecordedLog::Texts(2).size(), 9U); // each names what is missing
+}

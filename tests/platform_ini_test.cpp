@@ -1,0 +1,99 @@
+#include "platform/nubbase.h"
+#include "tests/platform_fixture.h"
+
+#include <cerrno>
+#include <memory>
+#include <sys/resource.h>
+#include <unistd.h>
+
+class PlatformIni : public PlatformTest {
+  protected:
+    bool Load(const std::string &strPath) {
+        return (m_ini = {ini_file_load(Path(strPath).c_str()), &ini_file_free}) != nullptr;
+    }
+    int Set(const char *s, const char *k, const char *v) { return ini_file_set(m_ini.get(), s, k, v); }
+    int Save(const std::string &strPath) { return ini_file_save(m_ini.get(), Path(strPath).c_str(), 0); }
+    static bool Has(const std::string &strText, const char *pPart) { return strText.find(pPart) != std::string::npos; }
+    std::unique_ptr<void, decltype(&ini_file_free)> m_ini{nullptr, &ini_file_free};
+};
+
+TEST_F(PlatformIni, ASaveThroughALinkChangesOnlyWhatWasSet) {
+    std::string strText = "; file\n; two lines\n\n\n[cacheeng]\n\n; counted\ndbquerycounts=04\ndbname=a.db\n\n\n"
+                          "# theirs\n[scanner]\nexclude=/proc\nexclude=/sys\nquoted=\"a b\"\n\n; last words\n";
+    const std::string strReal = Write("real.ini", strText);
+    const uid_t owner = chown(strReal.c_str(), 1234, 1235) == 0 ? 1234 : geteuid(); // only root may
+    ASSERT_EQ(chmod(strReal.c_str(), 0640), 0);
+    std::filesystem::create_symlink("../real.ini", Path("config/x.ini"));
+    strText.replace(strText.find("04"), 2, "17");
+    for (int nSave = 0; nSave < 2; ++nSave) {
+        ASSERT_TRUE(Load("config/x.ini"));
+        EXPECT_TRUE(Set("cacheeng", "dbquerycounts", "9") == 0 && Set("CacheEng", "dbquerycounts", "17") == 0);
+        ASSERT_EQ(Save("config/x.ini"), 0);
+        EXPECT_EQ(Read("real.ini"), strText);
+    }
+    EXPECT_TRUE(Status("real.ini").st_uid == owner && Status("real.ini").st_mode == (S_IFREG | 0640));
+    EXPECT_TRUE(std::filesystem::is_symlink(Path("config/x.ini")));
+}
+
+TEST_F(PlatformIni, TheShippedConfigurationSurvivesASaveByteForByte) {
+    ASSERT_TRUE(Load(TARN_SHIPPED_CONFIG));
+    EXPECT_TRUE(Save("copy.ini") == 0 && Status("copy.ini").st_mode == (S_IFREG | 0600));
+    EXPECT_EQ(Read("copy.ini"), Read(TARN_SHIPPED_CONFIG));
+}
+
+TEST_F(PlatformIni, AwkwardFilesKeepTheirTextAndSettleAtTheFirstSave) {
+    const std::string cases[] = {"\n;begin\n[s]\nk=v\n",
+                                 "junk\n;begin\n[s]\nk=v",
+                                 "[s]\r\nk = v\r\n;end",
+                                 "\xef\xbb\xbf[s]\nk=v\n\n;begin\n\n;end\n",
+                                 "[s]\nk=1\nx=\nk=v\n[]\ny=2\n[s]\nother=3\n",
+                                 "<<<a\n=q\n[s]\nk=v\n[other\nm=<<<E\nline\n",
+                                 std::string("[s]\nk=v\n\0\0\n[t]\nother=1", 22)};
+    for (const std::string &strText : cases) {
+        Write("x.ini", strText);
+        std::string strSaved[2];
+        for (std::string &strResult : strSaved) {
+            ASSERT_TRUE(Load("x.ini")) << strText;
+            EXPECT_STREQ(ini_file_get(m_ini.get(), "s", "k"), "v") << strText;
+            EXPECT_TRUE(ini_file_get(m_ini.get(), "s", "none") == nullptr && Save("x.ini") == 0) << strText;
+            strResult = Read("x.ini");
+        }
+        EXPECT_EQ(strSaved[0], strSaved[1]);
+        for (const char *pKept : {";begin", ";end", "other"}) {
+            EXPECT_EQ(Has(strText, pKept), Has(strSaved[1], pKept)) << strText;
+        }
+    }
+}
+
+TEST_F(PlatformIni, UnusableFilesAndTextAreRefused) {
+    ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
+    std::filesystem::resize_file(Write("huge", "[s]\n"), 100'000'000);
+    EXPECT_TRUE(!Load("none") && errno == ENOENT);
+    EXPECT_TRUE(!Load("config") && errno == EISDIR);
+    EXPECT_TRUE(!Load("fifo") && errno == EINVAL);
+    EXPECT_TRUE(!Load("huge") && errno == EFBIG);
+    ASSERT_TRUE(Load(Write("x.ini", "[s]\nk=v\n")));
+    const char *const texts[][3] = {{"s", "k", "a\n[t]"}, {"s", "k", "a\rb"}, {"s]", "k", "v"}, {"s", "a=b", "v"},
+                                    {"s", "", "v"},       {"s", ";k", "v"},   {"s", "[k", "v"}, {"s", "k", nullptr}};
+    for (const auto &[pSection, pKey, pValue] : texts) {
+        EXPECT_NE(Set(pSection, pKey, pValue), 0) << pSection << "/" << pKey;
+    }
+}
+
+TEST_F(PlatformIni, AFailedSaveLeavesTheOldFileAndSaysWhy) {
+    ASSERT_TRUE(Load(Write("config/x.ini", "[s]\nk=old\n")));
+    EXPECT_EQ(Set("s", "k", "new"), 0);
+    std::filesystem::create_symlink("nowhere", Path("dangling"));
+    EXPECT_TRUE(Save("gone/x.ini") != 0 && errno == ENOENT);
+    EXPECT_TRUE(Save("dangling") != 0 && errno == ENOENT);
+    EXPECT_TRUE(Save("config") != 0 && errno == EISDIR);
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit none = {0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    const int nError = Save("config/x.ini") == 0 ? 0 : errno; // the write raises SIGXFSZ
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_EQ(nError, EFBIG);
+    EXPECT_EQ(Read("config/x.ini"), "[s]\nk=old\n");
+    EXPECT_TRUE(std::filesystem::remove(Path("config/x.ini")) && std::filesystem::is_empty(Path("config")));
+}

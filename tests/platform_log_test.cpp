@@ -1,0 +1,93 @@
+#include "platform/tarncore.h"
+#include "tests/platform_fixture.h"
+
+#include <algorithm>
+#include <sys/wait.h>
+#include <thread>
+
+class PlatformLog : public PlatformTest {
+  protected:
+    // Runs the child through a shell, with strBefore in front of it and strAfter behind. Returns its exit status.
+    int RunChild(const std::string &strBefore, const std::string &strArguments, const std::string &strAfter = "2>&1") {
+        const std::string strOutput = " > '" + Path("output") + "' ";
+        const int nStatus =
+            system((strBefore + " '" TARN_LOG_CHILD "' " + strArguments + strOutput + strAfter).c_str());
+        m_strOutput = Read("output");
+        return WEXITSTATUS(nStatus);
+    }
+    bool Shown(const std::string &strPart) const { return m_strOutput.find(strPart) != std::string::npos; }
+    std::string m_strOutput;
+};
+
+TEST_F(PlatformLog, LevelComesFromTheEnvironmentThenFromTheConfiguration) {
+    const std::string cases[][3] = {{"", "", "12"},           {"", "info", "123"},    {"", "nonsense", "12"},
+                                    {"debug", "off", "1234"}, {"off", "debug", ""},   {"", "Debug", "1234"},
+                                    {"severe", "debug", "1"}, {"loud", "debug", "12"}};
+    for (const auto &[strEnvironment, strConfigured, strWritten] : cases) {
+        SCOPED_TRACE(strEnvironment + "/" + strConfigured);
+        Write("config/tarncfg.ini", "[log]\nlevel=" + strConfigured + "\n");
+        EXPECT_EQ(RunChild("TARN_LOG_LEVEL=" + strEnvironment, "levels text"), strWritten == "1234" ? 1 : 0);
+        for (const char cLevel : {'1', '2', '3', '4'}) {
+            EXPECT_EQ(Shown(std::string("child:") + cLevel + " text\n"), strWritten.find(cLevel) != std::string::npos);
+        }
+    }
+}
+
+TEST_F(PlatformLog, NamesCannotForgeALineOrSteerATerminal) {
+    const std::string cases[][2] = {
+        {"a\nb\x1b[31m\x7f \\n", "a\\nb\\x1b[31m\\x7f \\\\n"},
+        {"gr\xc3\xbc\xc3\x9f \xf0\x9f\x98\x80", "gr\xc3\xbc\xc3\x9f \xf0\x9f\x98\x80"},
+        {"\xff\xc0\x80\xed\xa0\x80 \xe2\x82", "\\xff\\xc0\\x80\\xed\\xa0\\x80 \\xe2\\x82"},
+        {"\xc2\x9b \xe2\x80\xae", "\\xc2\\x9b \\xe2\\x80\\xae"}, // C1 control, direction mark
+        {std::string(60000, 'x'), std::string(5116, 'x') + "..."}};
+    for (const auto &[strName, strWritten] : cases) {
+        RunChild("TARN_LOG_LEVEL=severe", "levels '" + strName + "'");
+        EXPECT_TRUE(m_strOutput.ends_with(" child:1 " + strWritten + "\n")) << m_strOutput;
+        EXPECT_EQ(std::count(m_strOutput.begin(), m_strOutput.end(), '\n'), 1);
+    }
+}
+
+TEST_F(PlatformLog, FilesArePrivateBoundedAndNotInherited) {
+    EXPECT_EQ(RunChild("umask 022; TARN_LOG_FILE=@/../app.log", "fill text"), 0);
+    EXPECT_TRUE(Shown("output") && !Shown("app.log")) << m_strOutput;
+    EXPECT_EQ(Status("app.log").st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(Status("app.1.log").st_mode, S_IFREG | 0600U);
+    EXPECT_LE(Status("app.1.log").st_size, 10 * 1024 * 1024);
+    EXPECT_NE(Read("app.log").find("child:2700 "), std::string::npos);
+}
+
+TEST_F(PlatformLog, ABrokenSinkNeverReachesTheCaller) {
+    std::filesystem::create_symlink(Write("target", "untouched"), Path("link.log"));
+    ASSERT_EQ(mkfifo(Path("fifo.log").c_str(), 0600), 0);
+    const std::string cases[][3] = {{"none/a.log", "levels", "2>&1"}, {"link.log", "levels", "2>&1"},
+                                    {"fifo.log", "levels", "2>&1"},   {"none/a.log", "levels", "2>/dev/full"},
+                                    {"none/a.log", "levels", "2>&-"}, {"none/a.log", "pipe", ""},
+                                    {"x.log", "limited", ""}};
+    for (const auto &[strFile, strAction, strAfter] : cases) {
+        EXPECT_EQ(RunChild("TARN_LOG_FILE=" + Path(strFile), strAction + " text", strAfter), 0) << strFile << strAfter;
+        EXPECT_EQ(Shown("child:2 text\n"), strAfter == "2>&1") << strFile << m_strOutput;
+    }
+    EXPECT_EQ(Read("target"), "untouched");
+}
+
+TEST_F(PlatformLog, AForkAmongLoggingThreadsLosesNoLine) {
+    setenv("TARN_LOG_FILE", Path("fork.log").c_str(), 1); // the only case that logs in this process
+    const auto logLines = [](int nLines) {
+        for (; nLines > 0; --nLines) {
+            error_output(2, "load", nLines, "text");
+        }
+    };
+    std::thread load(logLines, 4000);
+    for (int i = 0; i < 50; ++i) {
+        if (fork() == 0) {
+            alarm(20); // a child that waits for a lock for ever is a failure, not a hanging test
+            logLines(1);
+            execlp("true", "true", nullptr);
+        }
+        int nStatus = -1;
+        EXPECT_TRUE(wait(&nStatus) > 0 && nStatus == 0) << nStatus;
+    }
+    load.join();
+    const std::string strLog = Read("fork.log");
+    EXPECT_EQ(std::count(strLog.begin(), strLog.end(), '\n'), 4000 + 50);
+}

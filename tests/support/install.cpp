@@ -1,0 +1,71 @@
+#include "tests/support/install.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sqlite3.h>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+CTempInstall::CTempInstall(const std::string &strSettings) {
+    std::string strTemplate = (fs::temp_directory_path() / "tarn-test-XXXXXX").string();
+    m_strRoot = mkdtemp(strTemplate.data());
+    for (const char *pszDir : {"lib", "config", "engine/cache", "engine/kelmorehash"}) {
+        fs::create_directories(Path(pszDir));
+    }
+    WriteFile("config/tarncfg.ini", "[cacheeng]\n" + strSettings);
+    setenv("TARN_INSTALL_DIR", Path("lib").c_str(), 1);
+}
+
+CTempInstall::~CTempInstall() {
+    std::error_code error;
+    fs::remove_all(m_strRoot, error);
+}
+
+std::string CTempInstall::WriteFile(const std::string &strBelow, const std::string &strContent) const {
+    std::ofstream(Path(strBelow), std::ios::binary | std::ios::trunc) << strContent;
+    return Path(strBelow);
+}
+
+std::string ReadWholeFile(const std::string &strPath) {
+    std::ostringstream content;
+    content << std::ifstream(strPath, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+bool Exists(const std::string &strPath) {
+    return fs::exists(fs::symlink_status(strPath));
+}
+
+CSecondConnection::CSecondConnection(const std::string &strPath) {
+    sqlite3_open(strPath.c_str(), &m_pDB);
+}
+
+CSecondConnection::~CSecondConnection() {
+    sqlite3_close_v2(m_pDB);
+}
+
+bool CSecondConnection::Run(const std::string &strSQL) const {
+    return sqlite3_exec(m_pDB, strSQL.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+int64_t CSecondConnection::Number(const std::string &strSQL, int64_t liFallback) const {
+    sqlite3_stmt *pStmt = nullptr;
+    sqlite3_prepare_v2(m_pDB, strSQL.c_str(), -1, &pStmt, nullptr);
+    const int64_t liResult = sqlite3_step(pStmt) == SQLITE_ROW ? sqlite3_column_int64(pStmt, 0) : liFallback;
+    sqlite3_finalize(pStmt);
+    return liResult;
+}
+
+std::string CSecondConnection::Text(const std::string &strSQL) const {
+    sqlite3_stmt *pStmt = nullptr;
+    sqlite3_prepare_v2(m_pDB, strSQL.c_str(), -1, &pStmt, nullptr);
+    std::string strResult;
+    if (sqlite3_step(pStmt) == SQLITE_ROW) {
+        const void *pBytes = sqlite3_column_blob(pStmt, 0);
+        strResult.assign(static_cast<const char *>(pBytes), static_cast<size_t>(sqlite3_column_bytes(pStmt, 0)));
+    }
+    sqlite3_finalize(pStmt);
+    return strResult;
+}

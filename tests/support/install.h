@@ -1,0 +1,49 @@
+// install.h - a temporary installation folder, files in it, and a database connection beside the library's own.
+#ifndef TARN_TESTS_SUPPORT_INSTALL_H
+#define TARN_TESTS_SUPPORT_INSTALL_H
+
+#include <cstdint>
+#include <string>
+
+struct sqlite3;
+
+// An installation folder with config/, engine/cache/ and engine/kelmorehash/ that TARN_INSTALL_DIR points into while it
+// lives. Holds tarncfg.ini with the given text in section "cacheeng".
+class CTempInstall {
+  public:
+    explicit CTempInstall(const std::string &strSettings = "");
+    ~CTempInstall();
+    CTempInstall(const CTempInstall &) = delete;
+    CTempInstall &operator=(const CTempInstall &) = delete;
+
+    std::string Path(const std::string &strBelow) const { return m_strRoot + "/" + strBelow; }
+    std::string Config() const { return Path("config/tarncfg.ini"); }
+    std::string Database(const std::string &strName = "morcache.db") const { return Path("engine/cache/" + strName); }
+    // Writes a file (below the folder) and returns its path.
+    std::string WriteFile(const std::string &strBelow, const std::string &strContent = "content") const;
+
+  private:
+    std::string m_strRoot;
+};
+
+std::string ReadWholeFile(const std::string &strPath);
+bool Exists(const std::string &strPath);
+
+// A second connection to a database file.
+class CSecondConnection {
+  public:
+    explicit CSecondConnection(const std::string &strPath);
+    ~CSecondConnection();
+    CSecondConnection(const CSecondConnection &) = delete;
+    CSecondConnection &operator=(const CSecondConnection &) = delete;
+
+    // Runs statements; false when one fails.
+    bool Run(const std::string &strSQL) const;
+    // First column of the first row; a query that fails or has no row gives the fallback.
+    int64_t Number(const std::string &strSQL, int64_t liFallback = -1) const;
+    std::string Text(const std::string &strSQL) const;
+
+    sqlite3 *m_pDB = nullptr;
+};
+
+#endif

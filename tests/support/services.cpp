@@ -1,0 +1,174 @@
+#include "tests/support/services.h"
+
+#include "platform/nubcl_ev.h"
+#include "platform/tarncore.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+std::mutex g_logMutex;
+std::vector<_LogLine> g_vecLines;
+std::atomic<bool> g_bDebug = false;
+std::atomic<int64_t> g_liTime = -1; // below 0: the real time
+std::atomic<int> g_iThreadError = 0;
+std::atomic<bool> g_bFailTimers = false;
+std::atomic<bool> g_bFire = false;
+std::atomic<uint64_t> g_ullPeriod = 0;
+
+struct _Timer : cl_timerplus {
+    cl_timerplus_cb callback;
+};
+thread_local std::unique_ptr<_Timer> t_pTimer;
+
+} // namespace
+
+namespace RecordedLog {
+
+void Clear() {
+    const std::lock_guard guard(g_logMutex);
+    g_vecLines.clear();
+}
+void SetDebug(bool bOn) {
+    g_bDebug = bOn;
+}
+std::vector<_LogLine> Lines() {
+    const std::lock_guard guard(g_logMutex);
+    return g_vecLines;
+}
+std::vector<std::string> Texts(int iLevel) {
+    std::vector<std::string> vecTexts;
+    for (const _LogLine &line : Lines()) {
+        if (iLevel == 0 || line.iLevel == iLevel) {
+            vecTexts.push_back(line.strText);
+        }
+    }
+    return vecTexts;
+}
+size_t Count(const std::string &strText) {
+    const std::vector<std::string> vecTexts = Texts();
+    return static_cast<size_t>(std::count(vecTexts.begin(), vecTexts.end(), strText));
+}
+bool Contains(const std::string &strText) {
+    return Count(strText) > 0;
+}
+
+} // namespace RecordedLog
+
+namespace TestClock {
+void Set(int64_t liSeconds) {
+    g_liTime = liSeconds;
+}
+void UseRealTime() {
+    g_liTime = -1;
+}
+} // namespace TestClock
+
+namespace TestLoop {
+void FailThreads(int iError) {
+    g_iThreadError = iError;
+}
+void FailTimers(bool bFail) {
+    g_bFailTimers = bFail;
+}
+void FireTimer() {
+    g_bFire = true;
+}
+uint64_t TimerPeriod() {
+    return g_ullPeriod;
+}
+void Reset() {
+    g_iThreadError = 0;
+    g_bFailTimers = false;
+    g_bFire = false;
+}
+} // namespace TestLoop
+
+bool WaitFor(const std::function<bool()> &condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// The replaced services.
+extern "C" {
+
+__attribute__((visibility("default"))) void error_output(int level, const char *source, int, const char *format, ...) {
+    char szText[16384] = {};
+    va_list arguments;
+    va_start(arguments, format);
+    (void)vsnprintf(szText, sizeof szText, format, arguments);
+    va_end(arguments);
+    const std::lock_guard guard(g_logMutex);
+    g_vecLines.push_back({level, source, szText});
+}
+
+__attribute__((visibility("default"))) int is_open_debug_log_avscan(void) {
+    return g_bDebug ? 1 : 0;
+}
+
+__attribute__((visibility("default"))) time_t time(time_t *pTime) noexcept {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    const time_t result = g_liTime >= 0 ? static_cast<time_t>(g_liTime) : now.tv_sec;
+    if (pTime != nullptr) {
+        *pTime = result;
+    }
+    return result;
+}
+
+// The writer's pause between passes carries no meaning for a test.
+__attribute__((visibility("default"))) int usleep(useconds_t) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return 0;
+}
+
+__attribute__((visibility("default"))) int cl_ev_create_isolated_thread(pthread_t *thread, int, void *(*entry)(void *),
+                                                                        void *arg) {
+    return g_iThreadError != 0 ? g_iThreadError.load() : pthread_create(thread, nullptr, entry, arg);
+}
+
+__attribute__((visibility("default"))) void cl_ev_loop_nowait(int) {}
+
+__attribute__((visibility("default"))) void cl_event_loop_once(void) {
+    if (t_pTimer != nullptr && g_bFire.exchange(false)) {
+        t_pTimer->callback(t_pTimer.get());
+    }
+}
+
+__attribute__((visibility("default"))) int cl_ev_cb_count(void) {
+    return 0;
+}
+
+__attribute__((visibility("default"))) cl_timerplus *
+cl_timerplus_start(int, uint64_t periodMs, cl_timerplus_cb callback, void *userData, int, int) {
+    if (g_bFailTimers) {
+        return nullptr;
+    }
+    t_pTimer = std::make_unique<_Timer>(_Timer{{userData}, callback});
+    g_ullPeriod = periodMs;
+    return t_pTimer.get();
+}
+
+__attribute__((visibility("default"))) void cl_timerplus_stop(cl_timerplus *) {
+    g_ullPeriod = 0;
+}
+
+__attribute__((visibility("default"))) void cl_timerplus_close(cl_timerplus *) {
+    t_pTimer.reset();
+}
+}

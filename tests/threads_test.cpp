@@ -1,0 +1,144 @@
+// The C interface under many threads, and under a file-size limit.
+#include "tests/agent_fixture.h"
+
+#include <sys/resource.h>
+#include <thread>
+
+namespace {
+
+void RunThreads(const std::function<void(int)> &body) {
+    std::vector<std::jthread> vecThreads; // joins them
+    for (int i = 0; i < 8; ++i) {
+        vecThreads.emplace_back(body, i);
+    }
+}
+
+void LimitFileSize(uint64_t nBytes) {
+    const rlimit limit = {nBytes, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+}
+
+} // namespace
+
+class Threads : public CAgentTest {
+  protected:
+    ~Threads() override {
+        LimitFileSize(RLIM_INFINITY);
+        while (LocalCacheUnInit() == TARN_OK) {
+        }
+    }
+    void MakeFiles(int nFiles) {
+        for (int i = 0; i < nFiles; ++i) {
+            File("engine/" + std::to_string(i));
+        }
+    }
+    std::string Path(int iFile) const { return m_install.Path("engine/" + std::to_string(iFile)); }
+    // Every value follows from the file's number, so any thread can tell a right answer from a wrong one.
+    static _SCAN_FILE_RESULT VerdictOf(int iFile) {
+        return Verdict(iFile, static_cast<uint32_t>(iFile) & 0xFU, "Virus." + std::to_string(iFile % 13));
+    }
+    uint32_t AddFile(int iFile) const {
+        _SCAN_FILE_RESULT verdict = VerdictOf(iFile);
+        return LocalCacheAdd(Path(iFile).c_str(), DigestText(iFile + 1).c_str(), &verdict);
+    }
+    void AddFiles(int nFiles) const {
+        for (int i = 0; i < nFiles; ++i) {
+            ASSERT_EQ(AddFile(i), TARN_OK);
+        }
+    }
+    // Looks the file up and peeks at it: the number of hits, or -1 for a wrong answer.
+    int UseFile(int iFile) const {
+        char szMD5[TARN_MD5_TEXT_SIZE] = {};
+        _SCAN_FILE_RESULT found = {};
+        const _SCAN_FILE_RESULT verdict = VerdictOf(iFile);
+        const auto isRight = [&] {
+            return DigestText(iFile + 1) == szMD5 && std::memcmp(&found, &verdict, sizeof found) == 0;
+        };
+        uint32_t uState = TARN_PEEK_UNKNOWN;
+        const uint32_t uLookup = LocalCacheLookup(Path(iFile).c_str(), szMD5, &found);
+        const bool bFound = uLookup == TARN_OK ? isRight() : uLookup == TARN_NOT_CACHED;
+        const uint32_t uPeek = LocalCachePeek(Path(iFile).c_str(), szMD5, &found, &uState);
+        const bool bPeeked = uPeek == TARN_OK && (uState == TARN_PEEK_UNKNOWN || isRight());
+        return !bFound || !bPeeked ? -1 : uLookup == TARN_OK ? 1 : 0;
+    }
+    static uint32_t AddedCount() {
+        _LOCAL_CACHE_STATISTIC statistic = {};
+        return LocalCacheGetStatistic(&statistic) == TARN_OK ? statistic.ulAddedCount : 0;
+    }
+};
+
+TEST_F(Threads, EveryThreadGetsRightAnswersWhileTheCacheIsCleaned) {
+    constexpr int kFiles = 160;
+    MakeFiles(kFiles);
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    std::atomic<int> nHits = 0;
+    RunThreads([&](int iThread) {
+        for (int i = 0; i < 400; ++i) {
+            const int iFile = (iThread * 37 + i * 7) % kFiles;
+            EXPECT_EQ(AddFile(iFile), TARN_OK);
+            for (const int iUsed : {iFile, kFiles - 1 - iFile}) {
+                const int nUsed = UseFile(iUsed);
+                EXPECT_GE(nUsed, 0) << iUsed;
+                nHits += nUsed;
+            }
+            if (i % 16 == iThread) {
+                TestLoop::FireTimer();
+                EXPECT_EQ(LocalCacheDeleteByFileHash(DigestText(iFile + 1).c_str()), TARN_OK);
+            }
+        }
+    });
+    EXPECT_TRUE(WaitFor([] { return AddedCount() == 8 * 400; })); // every addition, exactly once
+    AddFiles(kFiles);
+    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
+    EXPECT_EQ(Rows(), kFiles);
+    EXPECT_EQ(Query("pragma integrity_check"), "ok");
+    EXPECT_TRUE(RecordedLog::Contains("[LocalCacheUnInit]hit cache times: " + std::to_string(nHits)));
+    for (const std::string &strLine : RecordedLog::Texts(2)) { // a vacuum gives way to readers; nothing else may fail
+        EXPECT_NE(strLine.find("cannot VACUUM - SQL statements in progress"), std::string::npos) << strLine;
+    }
+}
+
+TEST_F(Threads, StartsAndEndsNestInAnyOrder) {
+    MakeFiles(2);
+    std::atomic<int> nWrong = 0;
+    RunThreads([&](int iThread) {
+        for (int i = 0; i < 20; ++i) {
+            const int nDepth = 1 + (iThread + i) % 3;
+            for (int k = 0; k < nDepth; ++k) {
+                nWrong += (k % 2 == 0 ? LocalCacheInit() : LocalCacheInitEx()) == TARN_OK ? 0 : 1;
+            }
+            nWrong += AddFile(1) == TARN_OK ? 0 : 1;
+            for (int k = 0; k < nDepth; ++k) {
+                nWrong += LocalCacheUnInit() == TARN_OK ? 0 : 1;
+            }
+        }
+    });
+    EXPECT_EQ(nWrong, 0);
+    EXPECT_EQ(LocalCacheUnInit(), TARN_E_NOT_MATCHED);
+    EXPECT_EQ(RecordedLog::Count("[LocalCacheUnInit]Weed out cache counts: 0"),
+              RecordedLog::Count("[AgentInit][cache] tables init success.")); // each agent that was built ended
+}
+
+TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
+    constexpr int kFiles = 3000;
+    MakeFiles(kFiles);
+    Configure("cachesize=10\nexpiretime=99999999999\n"); // few pages, so that the inserts themselves have to write
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    AddFiles(50);
+    ASSERT_TRUE(WaitFor([] { return AddedCount() == 50; }));
+    LimitFileSize(std::filesystem::file_size(m_install.Database()));
+    AddFiles(kFiles);
+    EXPECT_TRUE(
+        WaitFor([] { return RecordedLog::Contains("[DoBatchWriteJobs]InsertRecord failed with error code = 10"); }));
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(UseFile(i), 1); // what was stored before answers
+    }
+    LimitFileSize(0); // a caller's own write fails too, and its thread lives
+    _SCAN_FILE_RESULT verdict = Verdict(1, 1, "New.Virus");
+    EXPECT_EQ(LocalCacheAdd(Path(0).c_str(), DigestText(1).c_str(), &verdict), TARN_E_FAIL);
+    LimitFileSize(RLIM_INFINITY);
+    AddFiles(kFiles);
+    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
+    EXPECT_EQ(Rows(), kFiles);
+    EXPECT_EQ(Query("pragma integrity_check"), "ok");
+}

@@ -1,0 +1,78 @@
+#include "tables/vsdesctable.h"
+
+#include "tests/support/install.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+// A table that answers with values: -99 and "?" stand for a failure that left the output.
+class CTestTable : public CVirusTable {
+  public:
+    using CVirusTable::CVirusTable;
+    int Index(const std::string &strDesc) {
+        int iIndex = -99;
+        const int iResult = GetIndexByVirusDesc(strDesc.c_str(), &iIndex);
+        EXPECT_EQ(iResult, iIndex == -99 ? 0 : 1) << strDesc;
+        return iIndex;
+    }
+    std::string Desc(int iIndex, unsigned int nSize = kVirusDescSize) {
+        char szDesc[kVirusDescSize] = "?";
+        const int iResult = GetVirusDescByIndex(iIndex, szDesc, nSize);
+        EXPECT_EQ(iResult, std::strcmp(szDesc, "?") == 0 ? 0 : 1) << iIndex;
+        return szDesc;
+    }
+};
+
+class VirusTable : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(m_table.CreateTable(), 0U); }
+    const CSecondConnection m_db{":memory:"};
+    CTestTable m_table{m_db.m_pDB};
+};
+
+} // namespace
+
+TEST_F(VirusTable, NumbersDescriptionsInOrderOfArrivalAndAsksTheDatabaseOnce) {
+    ASSERT_TRUE(m_db.Run("insert into VDT values(0,'Win.Test.A')"));
+    EXPECT_TRUE(m_table.Index("win.test.a") == 1 && m_table.Index("a'b; drop table VDT; --") == 2); // case counts
+    EXPECT_EQ(m_table.Desc(0), "Win.Test.A");
+    ASSERT_TRUE(m_db.Run("delete from VDT"));
+    EXPECT_TRUE(m_table.Index("Win.Test.A") == 0 && m_table.Desc(2) == "a'b; drop table VDT; --"); // from the map
+    EXPECT_EQ(m_db.Number("select count(*) from VDT"), 0);
+}
+
+TEST_F(VirusTable, ReusesAnIndexAfterADeletion) {
+    EXPECT_TRUE(m_table.Index("A") == 0 && m_table.Index("B") == 1 && m_table.Index("C") == 2);
+    _VirusRecord record = {0, ""};
+    ASSERT_EQ(m_table.DeleteRecord(&record), 0U);
+    EXPECT_TRUE(m_table.Index("D") == 2 && m_table.Desc(2) == "C"); // the row count; what was known stays known
+    CTestTable later(m_db.m_pDB);
+    ASSERT_EQ(later.CreateTable(), 0U);
+    EXPECT_TRUE(later.Desc(2) == "D" && later.Desc(0) == "?");
+}
+
+TEST_F(VirusTable, CutsDescriptionsToTheirField) {
+    const std::string str63(63, 'x');
+    EXPECT_TRUE(m_table.Index(str63) == 0 && m_table.Index(str63 + "x") == 0 && m_table.Index(str63 + "yyyyyyy") == 0);
+    EXPECT_EQ(m_db.Text("select VD from VDT"), str63);
+    ASSERT_TRUE(m_db.Run("insert into VDT values(5,'" + str63 + "xxx')")); // not written by this library
+    EXPECT_TRUE(m_table.Desc(5) == str63 && m_table.Desc(0, 5) == "xxxx");
+    _VirusRecord full; // no NUL within the field
+    std::memset(&full, 'y', sizeof full);
+    EXPECT_EQ(m_table.InsertRecord(&full), 0U);
+    EXPECT_EQ(m_db.Number("select max(length(VD)) from VDT where VD like 'y%'"), 64);
+}
+
+TEST_F(VirusTable, KnowsWhatIsNoDescription) {
+    EXPECT_TRUE(m_table.Index("with \"quotes\"") == -99 && m_table.Index("") == -1); // breaks the statement; none
+    EXPECT_EQ(m_db.Number("select count(*) from VDT"), 0);
+    char szDesc[8] = "garbage";
+    EXPECT_EQ(m_table.GetVirusDescByIndex(-1, szDesc, sizeof szDesc), 1);
+    EXPECT_EQ(std::string(szDesc, sizeof szDesc), std::string(sizeof szDesc, '\0')); // all of it
+    ASSERT_TRUE(m_db.Run("insert into VDT values(4,'')"));
+    EXPECT_TRUE(m_table.Desc(4) == "?" && m_table.Desc(5) == "?"); // empty, and unknown
+    _VirusRecord empty = {4, "kept"}, unknown = {5, "kept"};
+    EXPECT_TRUE(m_table.QueryRecord(&empty) == 1 && m_table.QueryRecord(&unknown) == 101);
+}

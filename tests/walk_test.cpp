@@ -1,0 +1,182 @@
+// The walk from "/" over a temporary tree: its pruning lets it into little else.
+#include "util/dbfileutil.h"
+
+#include "tests/support/install.h"
+#include "tests/support/services.h"
+#include "util/cacheutil.h"
+
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <random>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::function<bool(const std::string &)> g_onHash; // called with each text that is hashed until it answers true
+
+bool Logged(const std::string &strText) {
+    return RecordedLog::Contains("[FindFilesByCchRecords]" + strText);
+}
+
+class Walk : public testing::Test {
+  protected:
+    // A record as an addition of the path leaves it, with an earlier text in its path field.
+    _CacheRecordEx &AddRecord(const std::string &strPath, const std::string &strMD5 = "md5") {
+        _CacheRecordEx &record = m_listRecords.emplace_back(_CacheRecordEx{{}, "before"});
+        uint32_t aulWords[2] = {};
+        EXPECT_EQ(CalcFilePathCrc32(strPath.c_str(), aulWords), 1);
+        std::memcpy(&record.liFilePathHash, aulWords, sizeof record.liFilePathHash);
+        EXPECT_EQ(CalcFilePathIndex(strPath.c_str(), record.szFilePathIndex, kPathIndexLength), 1);
+        m_map[strMD5].push_back(&record);
+        return record;
+    }
+    std::string MakeDir(const std::string &strBelow) const {
+        fs::create_directories(m_install.Path(strBelow));
+        return m_install.Path(strBelow) + "/";
+    }
+    void Run() {
+        RecordedLog::Clear();
+        RecordedLog::SetDebug(true);
+        EXPECT_EQ(CdbFileUtil().FindFilesByCchRecords(m_map), 0U);
+        RecordedLog::SetDebug(false);
+    }
+    const CTempInstall m_install;
+    std::list<_CacheRecordEx> m_listRecords;
+    CdbFileUtil::RecordMap m_map;
+};
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) uint32_t Crc32(uint32_t seed, const unsigned char *data,
+                                                                 uint64_t length) {
+    if (g_onHash && g_onHash(std::string(reinterpret_cast<const char *>(data), length))) {
+        g_onHash = nullptr;
+    }
+    static const auto pReal = reinterpret_cast<decltype(&Crc32)>(dlsym(RTLD_NEXT, "Crc32"));
+    return pReal(seed, data, length);
+}
+
+TEST_F(Walk, FilterPassesDirectoriesThatCouldHoldARecord) {
+    const auto skips = [](const char *pszDir, std::vector<std::string> vec) {
+        return CdbFileUtil().FilterDir(pszDir, vec);
+    };
+    EXPECT_TRUE(skips("/", {}) && skips("/", {""}) && skips("/usr/x/", {"/"}) && skips("/usr/x/", {"/v"}));
+    EXPECT_FALSE(skips("/", {"/"}) || skips("/usr/", {"/"}) || skips("/usr/x/", {"/v", "/u"}) ||
+                 skips("/a/b/c/", {"/ab"}) || skips("/a/b/c/d/e/f/", {"/abcd"}) || skips("", {}));
+    EXPECT_EQ(RecordedLog::Texts(2), std::vector<std::string>{"[FilterDir]CalFilePathIndex failed."});
+    m_map = {{"a", {}}, {"b", {nullptr, nullptr}}};
+    Run(); // nothing is entered without records
+    EXPECT_EQ(RecordedLog::Texts(), std::vector<std::string>{"[FindFilesByCchRecords]already finish enum files."});
+}
+
+TEST_F(Walk, FindsRegularFilesUnderAnyNameAndFollowsNoLink) {
+    const std::string strDir = MakeDir("tree/sub");
+    const std::string strPlain = m_install.WriteFile("tree/sub/plain");
+    fs::create_symlink("plain", strDir + "link");
+    fs::create_symlink("..", strDir + "loop");
+    ASSERT_EQ(mkfifo((strDir + "fifo").c_str(), 0600) | mknod((strDir + "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    const std::string strOdd = m_install.WriteFile("tree/na\nme;\xff\xfe %s");
+    m_map["a"] = {nullptr};
+    for (const char *pszName : {"link", "loop/sub/plain", "fifo", "socket", "gone", "", "plain"}) {
+        (void)AddRecord(strDir + pszName, "b");
+    }
+    const _CacheRecordEx &first = AddRecord(strPlain, "a"), &odd = AddRecord(strOdd); // first in map order
+    const auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    const auto nBefore = descriptors();
+    Run();
+    EXPECT_EQ(descriptors(), nBefore);
+    EXPECT_TRUE(first.szFilePath == strPlain && odd.szFilePath == strOdd);
+    for (const _CacheRecordEx *pRecord : m_map["b"]) {
+        EXPECT_STREQ(pRecord->szFilePath, "before") << pRecord->liFilePathHash;
+    }
+}
+
+TEST_F(Walk, ReachesPathsUpToTheLimitAndSkipsLongerOnes) {
+    std::string strDeep = MakeDir("d");
+    int fd = open(strDeep.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const auto makeDir = [&](const std::string &strName) {
+        EXPECT_EQ(mkdirat(fd, strName.c_str(), 0700), 0);
+        return openat(fd, strName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    };
+    const auto name = [&](size_t nPathLength, char ch) { return std::string(nPathLength - strDeep.size(), ch); };
+    while (strDeep.size() < 3900) {
+        const std::string strName = name(std::min<size_t>(strDeep.size() + 200, 3900), 'd');
+        close(std::exchange(fd, makeDir(strName)));
+        strDeep += strName + "/";
+    }
+    const std::string strFits = name(4095, 'f'), strOver = name(4096, 'g'), strOverDir = name(4095, 'i');
+    const std::string strLastDir = name(4094, 'h');
+    close(openat(fd, strFits.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    close(openat(fd, strOver.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    EXPECT_EQ(close(makeDir(strOverDir)) | close(makeDir(strLastDir)) | close(fd), 0);
+    const _CacheRecordEx &fits = AddRecord(strDeep + strFits), &over = AddRecord(strDeep + strOver);
+    Run();
+    EXPECT_TRUE(fits.szFilePath == strDeep + strFits && over.szFilePath == std::string("before"));
+    EXPECT_TRUE(Logged("the length of the [" + strDeep + strOver + "]  is over the 4096."));
+    EXPECT_TRUE(Logged("the length of path:" + strDeep + strOverDir + " is over the max size of linux path."));
+    EXPECT_FALSE(Logged("the length of path:" + strDeep + strLastDir + " is over the max size of linux path."));
+}
+
+// Three directories are queued; while the first of them is read, one of the others goes and one becomes a link.
+TEST_F(Walk, SurvivesDirectoriesThatVanishOrBecomeLinks) {
+    std::vector<std::string> vecDirs;
+    for (const std::string strName : {"r/a", "r/b", "r/c"}) {
+        vecDirs.push_back(MakeDir(strName));
+        (void)AddRecord(m_install.WriteFile(strName + "/x"));
+    }
+    g_onHash = [&](const std::string &strText) {
+        const auto it = std::find(vecDirs.begin(), vecDirs.end(), strText);
+        if (it != vecDirs.end()) {
+            std::iter_swap(vecDirs.begin(), it);
+            fs::remove_all(vecDirs[1]);
+            fs::rename(vecDirs[2], m_install.Path("moved"));
+            fs::create_directory_symlink("../moved", vecDirs[2].substr(0, vecDirs[2].size() - 1));
+        }
+        return it != vecDirs.end();
+    };
+    Run();
+    EXPECT_TRUE(Logged("open dir:" + vecDirs[1] + " failed, err:No such file or directory."));
+    std::multiset<std::string> setPaths;
+    for (const _CacheRecordEx &record : m_listRecords) {
+        setPaths.insert(record.szFilePath);
+    }
+    EXPECT_EQ(setPaths, (std::multiset<std::string>{"before", "before", vecDirs[0] + "x"}));
+}
+
+// The walk asks a set of prefixes in place of FilterDir: both must answer alike for every directory.
+TEST_F(Walk, EntersExactlyWhatFilterDirPasses) {
+    std::vector<std::pair<std::string, std::string>> vecDirs; // a directory, and a child that shows that it was entered
+    for (const std::string strBelow : {"a/a", "a/b", "b/a", "b/b", "b/c"}) {
+        MakeDir(strBelow + "/m");
+        vecDirs.emplace_back(m_install.Path(strBelow.substr(0, 2)), m_install.Path(strBelow));
+        vecDirs.emplace_back(m_install.Path(strBelow + "/"), m_install.Path(strBelow + "/m"));
+    }
+    std::mt19937 random(4711);
+    size_t nEntered = 0;
+    for (int nRound = 0; nRound < 12; ++nRound) {
+        m_map.clear();
+        for (size_t n = 1 + random() % 4; n > 0; --n) {
+            char *pszIndex = AddRecord(m_install.Path("a/b/m/f")).szFilePathIndex;
+            pszIndex[1 + random() % 4] = pszIndex[1 + random() % 4];
+            pszIndex[3 + random() % 2] = "abcx"[random() % 4];
+            pszIndex[random() % 4 == 0 ? random() % 5 : 5] = '\0';
+        }
+        std::vector<std::string> vecIndexes;
+        CdbFileUtil().GetAllFilePathIndex(m_map, vecIndexes);
+        Run();
+        for (const auto &[strDir, strChild] : vecDirs) {
+            const bool bPasses = !CdbFileUtil().FilterDir(strDir.c_str(), vecIndexes);
+            EXPECT_EQ(Logged("find dir:" + strChild + "."), bPasses) << strDir << testing::PrintToString(vecIndexes);
+            nEntered += bPasses ? 1 : 0;
+        }
+    }
+    EXPECT_TRUE(nEntered > 0 && nEntered < 12 * vecDirs.size());
+}
