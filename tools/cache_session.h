@@ -1,0 +1,55 @@
+// The use of the cache by one run of the program.
+#ifndef TARN_TOOLS_CACHE_SESSION_H
+#define TARN_TOOLS_CACHE_SESSION_H
+
+#include "tools/install_root.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+// The full cache of a scan. Start and Stop belong to the main thread; the rest may be called from the workers.
+class CCacheSession {
+  public:
+    CCacheSession() = default;
+    CCacheSession(const CCacheSession &) = delete;
+    CCacheSession &operator=(const CCacheSession &) = delete;
+    ~CCacheSession() { Stop(); }
+
+    // Sets the installation folder up, marks the engine's records for dropping when the signatures are not those of
+    // the last scan, starts the cache and waits until it has dropped what it was told to. False when it cannot be
+    // used, with the reason and what to check in *strWhy. *strRemark gets what the operator should know otherwise.
+    bool Start(const CInstallRoot &root, const std::string &strFingerprint, std::string &strWhy,
+               std::string &strRemark);
+
+    // Writes everything that is queued and closes the cache.
+    void Stop();
+
+    bool IsInUse() const { return m_bInUse; }
+
+    // A record with this MD5 was added for a file that changed in that very moment; Stop deletes it.
+    void TakeBack(const std::string &strMD5);
+
+  private:
+    bool m_bInUse = false; // constant while workers run
+    std::mutex m_mutex;    // guards the list
+    std::vector<std::string> m_vecTakenBack;
+};
+
+// The cache without its writer, for the commands that only ask or delete. Never sets an installation folder up.
+class CReadOnlyCache {
+  public:
+    CReadOnlyCache() = default;
+    CReadOnlyCache(const CReadOnlyCache &) = delete;
+    CReadOnlyCache &operator=(const CReadOnlyCache &) = delete;
+    ~CReadOnlyCache();
+    bool Start(const CInstallRoot &root, std::string &strError);
+
+  private:
+    bool m_bStarted = false;
+};
+
+// What has been left for the next scan to drop; empty when nothing was. Answers may rest on such records.
+std::string PendingText(const CInstallRoot &root);
+
+#endif

@@ -1,0 +1,23 @@
+// The engine's private folder for what it unpacks.
+#ifndef TARN_TOOLS_TEMPORARY_FOLDER_H
+#define TARN_TOOLS_TEMPORARY_FOLDER_H
+
+#include <cstdint>
+#include <string>
+
+// Made below TMPDIR when that is set. Else in memory when uMostBytes fit there several times over: the engine makes
+// and removes a folder for every single file, which takes a disk ten times as long as the scan of a small file. Else
+// below /tmp. Removed with everything in it at the end.
+class CTemporaryFolder {
+  public:
+    explicit CTemporaryFolder(uint64_t uMostBytes);
+    CTemporaryFolder(const CTemporaryFolder &) = delete;
+    CTemporaryFolder &operator=(const CTemporaryFolder &) = delete;
+    ~CTemporaryFolder();
+    const std::string &Path() const { return m_strPath; } // empty when none could be made
+
+  private:
+    std::string m_strPath;
+};
+
+#endif

@@ -1,0 +1,100 @@
+// withdraw: what an updater does to take verdicts on single files back. Leaves the enciphered list and its marker for
+// the next start of the cache.
+#include "tools/commands.h"
+
+#include "tools/atomic_file.h"
+#include "tools/business_key.h"
+#include "tools/install_root.h"
+#include "tools/md5_list.h"
+#include "tools/text.h"
+
+#include <nettle/arcfour.h>
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+namespace {
+
+constexpr size_t kCipherBlock = 256;           // bytes after which the key stream begins anew
+constexpr uint64_t kLargestList = 0xFFFFFFFFu; // bytes; the cache refuses more
+constexpr size_t kLongestVersion = 99;         // bytes; the cache cuts more
+constexpr std::string_view kVersionName = "tarncache:";
+
+// Enciphers or deciphers: every block of 256 bytes is combined with the same start of the key's RC4 stream.
+void Encipher(const std::string &strKey, std::string &strText) {
+    arcfour_ctx cipher;
+    arcfour_set_key(&cipher, strKey.size(), reinterpret_cast<const uint8_t *>(strKey.data()));
+    std::array<uint8_t, kCipherBlock> stream{};
+    arcfour_crypt(&cipher, stream.size(), stream.data(), stream.data());
+    for (size_t index = 0; index < strText.size(); ++index)
+        strText[index] = static_cast<char>(static_cast<uint8_t>(strText[index]) ^ stream[index % kCipherBlock]);
+}
+
+// A list that the cache has not taken yet must not be lost: its digests join the new ones. False when there is one
+// that this key does not open; nobody but the operator can tell then what it is.
+bool TakePending(const CInstallRoot &root, const std::string &strKey, std::vector<std::string> &vecMD5,
+                 std::string &strError) {
+    std::string strText;
+    bool bMissing = false;
+    if (!ReadWholeFile(root.WithdrawnList(), kLargestList, strText, bMissing, strError))
+        return bMissing;
+    Encipher(strKey, strText);
+    const size_t lineEnd = strText.find('\n');
+    std::istringstream lines(lineEnd == std::string::npos ? "" : strText.substr(lineEnd + 1));
+    if (lineEnd != std::string::npos && strText.find(':') < lineEnd &&
+        ReadMD5Lines(lines, "pending list", vecMD5, strError))
+        return true;
+    strError = EscapeName(root.WithdrawnList()) + " is pending and does not open with the key in " +
+               EscapeName(root.KeyFile()) + "; let a scan take it, or remove it";
+    return false;
+}
+
+bool ReadList(const std::string &strList, std::vector<std::string> &vecMD5, std::string &strError) {
+    if (strList.empty() || strList == "-")
+        return ReadMD5Lines(std::cin, "standard input", vecMD5, strError);
+    std::ifstream file(strList);
+    if (file)
+        return ReadMD5Lines(file, EscapeName(strList), vecMD5, strError);
+    strError = "cannot read " + ErrnoText(strList, errno);
+    return false;
+}
+
+std::string ListText(const std::string &strVersion, const std::vector<std::string> &vecMD5) {
+    std::string strText = std::string(kVersionName) + strVersion + "\n";
+    for (const std::string &strMD5 : vecMD5)
+        strText += strMD5 + "\n";
+    return strText;
+}
+
+} // namespace
+
+int RunWithdraw(const _WithdrawOptions &options) {
+    if (options.strVersion.empty() || options.strVersion.size() > kLongestVersion ||
+        options.strVersion.find_first_of("\r\n") != std::string::npos)
+        return Trouble("--engine-version takes 1 to 99 bytes without a line end");
+    std::string strError;
+    std::string strKey;
+    std::vector<std::string> vecMD5;
+    if (!ReadList(options.strList, vecMD5, strError))
+        return Trouble(strError);
+    if (vecMD5.empty())
+        return Finish("Nothing to withdraw.\n", kExitClean);
+    const CInstallRoot root(options.strRoot);
+    if (!root.Prepare(strError) || !EnsureBusinessKey(root.KeyFile(), strError) ||
+        !ReadBusinessKey(root.KeyFile(), strKey, strError) || !TakePending(root, strKey, vecMD5, strError))
+        return Trouble(strError);
+    std::sort(vecMD5.begin(), vecMD5.end());
+    vecMD5.erase(std::unique(vecMD5.begin(), vecMD5.end()), vecMD5.end());
+    std::string strText = ListText(options.strVersion, vecMD5);
+    if (strText.size() > kLargestList)
+        return Trouble("the list is too long; withdraw it in parts, with a scan between them");
+    Encipher(strKey, strText);
+    // The list first: whoever sees the marker has to find the list.
+    if (!WriteFileAtomically(root.WithdrawnList(), strText, 0600, EExisting::Replace, strError) ||
+        !WriteFileAtomically(root.HashMarker(), "", 0600, EExisting::Replace, strError))
+        return Trouble(strError);
+    return Finish("Digests to withdraw at the next scan: " + std::to_string(vecMD5.size()) + "\n", kExitClean);
+}
