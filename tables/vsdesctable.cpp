@@ -149,7 +149,11 @@ uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *
         *pVirusIndex = kNoDescription;
         return 0;
     }
-    // The description goes in as it is: one with a double quote makes the text malformed and is refused that way.
+    // The description goes in as it is. One with a double quote would end the text early: malformed at best, at worst a
+    // condition that another description's row meets.
+    if (std::strchr(pszVirusDesc, '"') != nullptr) {
+        return SQLITE_ERROR;
+    }
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s = \"%s\";", m_vecColumns[0].strColumnName.c_str(),
                  m_strTableName.c_str(), m_vecColumns[1].strColumnName.c_str(), pszVirusDesc);

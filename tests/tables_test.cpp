@@ -173,6 +173,21 @@ TEST_F(Tables, VersionIsReadBackAndReplaced) {
     EXPECT_TRUE(version.DeleteRecord(&record) == 0 && version.QueryRecord(&record) == kNoRow);
 }
 
+// A lock that lasts through the creation and ends before a drop could be tried must not cost the rows.
+TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
+    ASSERT_TRUE(db.Run("insert into CT values(1,0,0,0,0,6,7,0,'')"));
+    const CSecondConnection blocker(install.Database());
+    const CSecondConnection starting(install.Database());
+    g_pBlocker = &blocker;
+    ASSERT_TRUE(blocker.Run("begin exclusive"));
+    g_nReleaseAt = (g_nBusyTimeouts = 0) + 2;
+    CCacheTable table(starting.m_pDB);
+    EXPECT_EQ(TableCreateCheckRebuild(&table), TARN_E_FAIL);
+    g_nReleaseAt = 0;
+    (void)blocker.Run("rollback");
+    EXPECT_EQ(db.Number("select count(*) from CT"), 1);
+}
+
 // Without a connection both conventions, 0 for success and 1 for success, answer 1.
 TEST_F(Tables, NoConnectionIsLoggedAndAnsweredWithOne) {
     EXPECT_TRUE(CCacheTable().InsertRecord(nullptr) == 1 && CCacheTable().DeleteExpireRecords(1, 1, nullptr) == 1 &&

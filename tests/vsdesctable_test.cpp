@@ -66,7 +66,8 @@ TEST_F(VirusTable, CutsDescriptionsToTheirField) {
 }
 
 TEST_F(VirusTable, KnowsWhatIsNoDescription) {
-    EXPECT_TRUE(m_table.Index("with \"quotes\"") == -99 && m_table.Index("") == -1); // breaks the statement; none
+    EXPECT_TRUE(m_table.Index("with \"quotes\"") == -99 && m_table.Index("x\" or \"1\"=\"1") == -99 &&
+                m_table.Index("") == -1); // breaks the statement; none
     EXPECT_EQ(m_db.Number("select count(*) from VDT"), 0);
     char szDesc[8] = "garbage";
     EXPECT_EQ(m_table.GetVirusDescByIndex(-1, szDesc, sizeof szDesc), 1);
