@@ -21,7 +21,7 @@
 namespace {
 
 constexpr size_t kMaxFileSize = size_t{4} << 20U; // bytes; far above any configuration, far below a mistaken path
-constexpr int kMaxPasses = 4;                    // two are usual
+constexpr int kMaxPasses = 4;                     // two are usual
 constexpr char kBlanks[] = " \t\n";
 constexpr std::string_view kSignature = "\xef\xbb\xbf";
 
