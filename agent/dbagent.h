@@ -180,7 +180,7 @@ class TARN_EXPORT CDataBaseAgent {
     uint32_t FillRecord(const char *file, const char *md5_text, const _SCAN_FILE_RESULT *in, _CacheRecord &record);
     void Enqueue(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow);
     uint32_t RunEndStatement(sqlite3_stmt *pStmt);
-    void WriteBackQueue() REQUIRES(m_tableLock);
+    bool WriteBackQueue() REQUIRES(m_tableLock);
     void ApplyBatch(std::vector<CacheMD5> &batch);
     bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_tableLock);
     bool QueryRequests(HashRequests &requests);

@@ -165,7 +165,8 @@ uint32_t CDataBaseAgent::FillRecord(const char *file, const char *md5_text, cons
     int iVirusIndex = 0;
     {
         const CWriteLock lock(m_tableLock); // the virus table may gain a row
-        if (m_pVirusTable->GetIndexByVirusDesc(strVirusDesc.c_str(), &iVirusIndex) == 0) {
+        // An index beyond the record's 16 bits would come back as another description.
+        if (m_pVirusTable->GetIndexByVirusDesc(strVirusDesc.c_str(), &iVirusIndex) == 0 || iVirusIndex > INT16_MAX) {
             TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s][cache] get virus id from virus desc failed.");
             return TARN_E_FAIL;
         }

@@ -6,6 +6,7 @@
 #include "util/log.h"
 
 #include <exception>
+#include <sqlite3.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -108,8 +109,12 @@ void CDataBaseAgent::DoBatchWriteJobs() {
     {
         const CWriteLock lock(m_tableLock);
         if (BeginTransactoion(TRANSACTION_DEFERRED) == 0) {
-            WriteBackQueue();
+            const bool bInserted = WriteBackQueue();
             if (CommitTransaction() != 0) {
+                if (bInserted) { // else the reason is logged already
+                    TARN_LOG_ERROR("[%s][cache] commit failed, %zu records and %zu hits are dropped, err:%s.",
+                                   m_vecAddBack.size(), m_mapHitBack.size(), sqlite3_errmsg(m_pDB));
+                }
                 (void)RollbackTransaction(); // the batch is dropped either way
             }
         } else {
@@ -120,16 +125,23 @@ void CDataBaseAgent::DoBatchWriteJobs() {
     m_mapHitBack.clear();
 }
 
-void CDataBaseAgent::WriteBackQueue() {
+bool CDataBaseAgent::WriteBackQueue() {
     constexpr char kFunction[] = "DoBatchWriteJobs";
+    bool bInserted = true;
     for (const std::unique_ptr<_CacheRecord> &pRecord : m_vecAddBack) {
         if (const uint32_t uResult = m_pCacheTable->InsertRecord(pRecord.get()); uResult != 0) {
             TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]InsertRecord failed with error code = %u", uResult);
+            bInserted = false;
             break; // the rest of the batch is dropped; what was inserted is committed
         }
         m_ulAddedCount.fetch_add(1, std::memory_order_relaxed);
     }
+    // A full disk makes SQLite end the transaction itself; each hit would then be a transaction of its own.
+    if (sqlite3_get_autocommit(m_pDB) != 0 && BeginTransactoion(TRANSACTION_DEFERRED) != 0) {
+        return bInserted;
+    }
     for (const auto &[liFilePathHash, liHitTime] : m_mapHitBack) {
         m_pCacheTable->AddRecordQueryCount(liFilePathHash, liHitTime);
     }
+    return bInserted;
 }

@@ -118,7 +118,7 @@ TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
         std::string strText;
     } cases[] = {
         {TARN_OK, 2, "engine:1.2\n" + strOne + "\n" + strTwo + "\n"},
-        {TARN_OK, 2, "engine:1.2\r\n\r\n" + strOne + "\r\n\n\n" + strTwo},
+        {TARN_OK, 2, "engine:1.3\r\n\r\n" + strOne + "\r\n\n\n" + strTwo},
         {TARN_OK, 1, "e:1\n" + strOne.substr(1) + "\n" + strTwo + "12345678\n"},
         {TARN_OK, 0, "e:1\n" + strOne.substr(1) + "\r\n" + std::string(32, 'g') + "\n" + std::string(32, ' ')},
         {TARN_OK, 1, "e:" + std::string(256, '1') + "\n0123456\n" + strOne}, // 300 bytes
@@ -142,8 +142,8 @@ TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
         EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), uResult == TARN_OK ? TARN_OK : TARN_E_FAIL);
         EXPECT_TRUE(HasMarker() == (uResult != TARN_OK) && Exists(m_strList) == HasMarker());
     }
-    EXPECT_TRUE(RecordedLog::Contains("[DeleteCacheRecordsByFileMD5]Open file " + m_strList +
-                                      " and get VersionID = " + std::string(99, '9')));
+    const std::string strOpened = "[DeleteCacheRecordsByFileMD5]Open file " + m_strList + " and get VersionID = ";
+    EXPECT_TRUE(RecordedLog::Contains(strOpened + "1.3") && RecordedLog::Contains(strOpened + std::string(99, '9')));
 }
 
 TEST_F(Invalidation, WhatIsNoReadableListIsLeftOrRemovedByName) {

@@ -53,6 +53,12 @@ class Tool(unittest.TestCase):
         _, out, _ = self.run_tool("lookup", "--json", *paths)
         return [(line["state"], line.get("engine")) for line in map(json.loads, out.splitlines())]
 
+    def change_records(self, change):
+        database = sqlite3.connect(self.root / "engine/cache/morcache.db")
+        with database:
+            database.execute("update CT set " + change)
+        database.close()
+
     def test_second_scan_is_answered_from_the_cache_and_reads_the_same(self):
         first = self.scan(INFECTED, CLEAN)
         self.assertEqual((first[0], first[1]["infected"], first[1]["from_cache"]), (1, 44, 0))
@@ -78,6 +84,14 @@ class Tool(unittest.TestCase):
         status, summary, _ = self.scan(path)
         self.assertEqual((status, summary["from_cache"]), (1, 0))
 
+    def test_changed_file_is_scanned_again(self):
+        path = f"{INFECTED}/clam.exe"
+        self.scan(path)
+        self.change_records("FAH = FAH + 1")  # as if size or change time were others now
+        self.assertEqual(self.states(path), [("changed", 48)])
+        self.assertEqual(self.scan(path)[1]["scanned"], 1)
+        self.assertEqual(self.states(path), [("known", 48)])
+
     def test_fresh_files_are_never_cached(self):
         (self.tree / "clean").write_text("nothing")
         (self.tree / "eicar").write_bytes(EICAR)
@@ -89,16 +103,14 @@ class Tool(unittest.TestCase):
 
     def test_other_signatures_drop_the_records_of_this_engine_only(self):
         headers = sorted(str(path) for path in Path(CLEAN).iterdir())[:3]
-        self.scan(*headers)
-        database = sqlite3.connect(self.root / "engine/cache/morcache.db")
-        with database:  # hand one record to another engine
-            database.execute("update CT set FTV = (FTV & ~(0xFFFF << 32)) | (43 << 32) where FPH = "
-                             "(select FPH from CT limit 1)")
-        database.close()
+        signatures = self.top / "own.hdb"
+        signatures.write_text(f"{'0' * 32}:1:Test.None\n")
+        self.scan("--database", signatures, *headers)
+        # Hand one record to another engine.
+        self.change_records("FTV = (FTV & ~(0xFFFF << 32)) | (43 << 32) where FPH = (select FPH from CT limit 1)")
         self.assertCountEqual(self.states(*headers), [("known", 43), ("known", 48), ("known", 48)])
-        self.assertEqual(self.scan(self.tree)[0], 0)
+        self.assertEqual(self.scan("--database", signatures, self.tree)[0], 0)
         self.assertEqual([engine for _, engine in self.states(*headers)].count(48), 2, "same signatures")
-        signatures = self.top / "other.hdb"
         signatures.write_text(f"{md5(headers[0])}:{os.path.getsize(headers[0])}:Test.Found\n")
         self.assertEqual(self.scan("--database", signatures, self.tree)[0], 0)
         self.assertCountEqual(self.states(*headers), [("known", 43), ("unknown", None), ("unknown", None)])
@@ -241,10 +253,15 @@ class Tool(unittest.TestCase):
         self.assertIn("other users", self.scan(CLEAN)[1]["cache_off"])
 
     def test_reader_of_the_report_that_goes_away_ends_the_scan(self):
-        with subprocess.Popen([TOOL, "scan", "--root", self.root, "-v", "/usr/include"], stdout=subprocess.PIPE,
+        fifo = self.top / "list"
+        os.mkfifo(fifo)
+        with subprocess.Popen([TOOL, "scan", "--root", self.root, "-v", "-f", fifo], stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE) as tool:
             tool.stdout.close()
-            err = tool.stderr.read().decode()
+            with open(fifo, "w") as file:  # stays open: the list has no end
+                file.write(CLEAN + "\n")
+                file.flush()
+                err = tool.stderr.read().decode()
         self.assertEqual(tool.returncode, 2)
         self.assertIn("cannot be written", err)
 

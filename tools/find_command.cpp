@@ -54,8 +54,7 @@ std::vector<std::string> SplitPaths(const std::string &strJoined, const std::str
             if (!taken.contains(strPath) && IsCachedWith(strPath, strMD5))
                 chosen = end;
         }
-        const size_t end =
-            std::min(std::min(chosen != std::string::npos ? chosen : fallback, strJoined.size()), strJoined.size());
+        const size_t end = std::min(chosen != std::string::npos ? chosen : fallback, strJoined.size());
         paths.push_back(strJoined.substr(start, end - start));
         taken.insert(paths.back());
         start = end + 1;

@@ -41,7 +41,7 @@ uint64_t TimerPeriod(); // of the running timer, 0 without one
 void Reset();
 } // namespace TestLoop
 
-// Polls until the condition holds; false after ten seconds.
+// Polls until the condition holds; false after a minute.
 bool WaitFor(const std::function<bool()> &condition);
 
 #endif
