@@ -44,7 +44,8 @@ uint32_t CDataBaseAgent::AgentInit(int mode) {
 
 uint32_t CDataBaseAgent::StartDatabase() {
     constexpr char kFunction[] = "AgentInit";
-    if (m_tableLock.Create() != 0 || m_queueMutex.Create() != 0 || m_queueCondition.Create() != 0) {
+    if (m_tableLock.Create() != 0 || m_queueMutex.Create() != 0 || m_queueCondition.Create() != 0 ||
+        m_stopCondition.Create() != 0) {
         TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] init rwlock, mutext, cond failed.");
         return TARN_E_FAIL;
     }
@@ -83,6 +84,7 @@ uint32_t CDataBaseAgent::AgentUnInit() {
         const CMutexLock lock(m_queueMutex);
         m_bRunning = false;
         m_queueCondition.Signal();
+        m_stopCondition.Signal();
     }
     if (m_writerThread != 0) {
         if (const int iError = pthread_join(m_writerThread, nullptr); iError != 0) {
@@ -90,7 +92,8 @@ uint32_t CDataBaseAgent::AgentUnInit() {
             m_writerThread = 0;
         }
     }
-    if (m_tableLock.Destroy() != 0 || m_queueCondition.Destroy() != 0 || m_queueMutex.Destroy() != 0) {
+    if (m_tableLock.Destroy() != 0 || m_queueCondition.Destroy() != 0 || m_stopCondition.Destroy() != 0 ||
+        m_queueMutex.Destroy() != 0) {
         TARN_LOG_ERROR("[%s][cache] destroy rwlock, cond, mutex failed.");
     }
     DBTablesUnInit();

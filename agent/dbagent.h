@@ -180,6 +180,7 @@ class TARN_EXPORT CDataBaseAgent {
     uint32_t FillRecord(const char *file, const char *md5_text, const _SCAN_FILE_RESULT *in, _CacheRecord &record);
     void Enqueue(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow);
     uint32_t RunEndStatement(sqlite3_stmt *pStmt);
+    void PauseUnlessStopped() EXCLUDES(m_queueMutex);
     bool WriteBackQueue() REQUIRES(m_tableLock);
     void ApplyBatch(std::vector<CacheMD5> &batch);
     bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_tableLock);
@@ -199,7 +200,8 @@ class TARN_EXPORT CDataBaseAgent {
 
     // Queues: front ones guarded by the queue mutex, back ones the writer thread's alone.
     CMutex m_queueMutex;
-    CCondition m_queueCondition; // wakes the writer
+    CCondition m_queueCondition; // wakes the writer from its wait for work
+    CCondition m_stopCondition;  // wakes it from its pause between passes, for the shut-down only
     std::vector<std::unique_ptr<_CacheRecord>> m_vecAddFront GUARDED_BY(m_queueMutex);
     std::vector<std::unique_ptr<_CacheRecord>> m_vecAddBack;
     HitMap m_mapHitFront GUARDED_BY(m_queueMutex);

@@ -5,16 +5,16 @@
 #include "platform/call_guard.h"
 #include "util/log.h"
 
+#include <ctime>
 #include <exception>
 #include <sqlite3.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
 constexpr uint64_t kCleanPeriodMs = 1800000; // 30 minutes
-constexpr useconds_t kPassPauseUs = 500000;
+constexpr long kPassPauseNs = 500000000;
 
 // The next whole second but one at most: a wait of up to a second.
 timespec NextSecond() {
@@ -68,8 +68,8 @@ void CDataBaseAgent::UpdateRecords() {
     while (RunWritePass(true)) {
         cl_ev_loop_nowait(1);
         cl_event_loop_once(); // the clean timer's callback runs here
-        if (m_bRunning && cl_ev_cb_count() == 0) {
-            usleep(kPassPauseUs);
+        if (cl_ev_cb_count() == 0) {
+            PauseUnlessStopped();
         }
     }
     TARN_LOG_DEBUG("[%s]UpdateRecords work thread exit normally!");
@@ -77,6 +77,20 @@ void CDataBaseAgent::UpdateRecords() {
     cl_timerplus_close(m_pCleanTimer);
     m_pCleanTimer = nullptr;
     m_bRunning = false;
+}
+
+// Work that comes in meanwhile waits for the next pass; only the shut-down cuts the pause short.
+void CDataBaseAgent::PauseUnlessStopped() {
+    constexpr long kSecondNs = 1000000000;
+    timespec deadline = {};
+    (void)clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_nsec += kPassPauseNs;
+    deadline.tv_sec += deadline.tv_nsec / kSecondNs;
+    deadline.tv_nsec %= kSecondNs;
+    const CMutexLock lock(m_queueMutex);
+    if (m_bRunning) {
+        m_stopCondition.WaitUntil(m_queueMutex, deadline);
+    }
 }
 
 bool CDataBaseAgent::RunWritePass(bool bWait) {

@@ -67,11 +67,11 @@ typedef struct _LOCAL_CACHE_STATISTIC {
 } _LOCAL_CACHE_STATISTIC;
 
 /* The file type in the flag word; 0 makes the cache write the record at once instead of within a second or two. */
-#define TARN_FILE_TYPE(flags) ((uint32_t)(flags)&0xFFu)
+#define TARN_FILE_TYPE(flags) ((flags)&0xFFu)
 
 /* The 5-bit result state in the flag word; the cache keeps its low 4 bits. */
 #define TARN_RESULT_STATE_SHIFT 13
-#define TARN_RESULT_STATE(flags) (((uint32_t)(flags) >> TARN_RESULT_STATE_SHIFT) & 0x1Fu)
+#define TARN_RESULT_STATE(flags) (((flags) >> TARN_RESULT_STATE_SHIFT) & 0x1Fu)
 
 /* Serialises start-up and shut-down; exported for hosts that must keep both out for a while. Outermost lock. */
 extern TARN_API pthread_mutex_t g_DBMutex;

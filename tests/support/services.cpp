@@ -131,7 +131,7 @@ __attribute__((visibility("default"))) time_t time(time_t *pTime) noexcept {
     return result;
 }
 
-// The writer's pause between passes carries no meaning for a test.
+// SQLite waits for a busy database with it; how long carries no meaning for a test.
 __attribute__((visibility("default"))) int usleep(useconds_t) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return 0;
