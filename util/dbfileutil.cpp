@@ -6,6 +6,7 @@
 #include "util/result_codes.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -13,7 +14,6 @@
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <unordered_map>
 #include <unordered_set>
 
 namespace {
@@ -53,19 +53,56 @@ DirHandle OpenDirectory(const std::string &strDir) {
     return pDir;
 }
 
+// Path hash -> record, in one flat table: a walk asks it for every file it meets, and a node-based map would cost
+// several cache misses each time.
+class CHashTable {
+  public:
+    explicit CHashTable(size_t nRecords) : m_vecSlots(std::bit_ceil(2 * nRecords + 1)) {}
+
+    // The first record with a hash keeps it.
+    void Add(_CacheRecordEx *pRecord) {
+        _Slot &slot = Find(pRecord->liFilePathHash);
+        if (slot.pRecord == nullptr) {
+            slot = {pRecord->liFilePathHash, pRecord};
+        }
+    }
+    _CacheRecordEx *Record(int64_t liFilePathHash) { return Find(liFilePathHash).pRecord; }
+
+  private:
+    struct _Slot {
+        int64_t liFilePathHash;
+        _CacheRecordEx *pRecord; // null: free
+    };
+
+    // The slot of this hash, or the free one where it belongs. The low bits of a path hash, a CRC, spread evenly.
+    _Slot &Find(int64_t liFilePathHash) {
+        auto n = static_cast<size_t>(liFilePathHash) & (m_vecSlots.size() - 1);
+        while (m_vecSlots[n].pRecord != nullptr && m_vecSlots[n].liFilePathHash != liFilePathHash) {
+            n = (n + 1) & (m_vecSlots.size() - 1);
+        }
+        return m_vecSlots[n];
+    }
+
+    std::vector<_Slot> m_vecSlots; // a power of two, at most half full
+};
+
+size_t CountRecords(const CdbFileUtil::RecordMap &records) {
+    size_t nRecords = 0;
+    for (const auto &[strMD5, vecRecords] : records) {
+        nRecords += vecRecords.size();
+    }
+    return nRecords;
+}
+
 // What one walk looks for, in a form whose cost does not grow with the number of records.
 class CWalkTargets {
   public:
-    CWalkTargets(CdbFileUtil::RecordMap &records, const std::vector<std::string> &vecIndexes) {
-        for (const std::string &strIndex : vecIndexes) {
-            for (size_t nLength = 1; nLength <= strIndex.size(); ++nLength) {
-                m_setPrefixes.insert(strIndex.substr(0, nLength));
-            }
-        }
-        for (auto &[strMD5, vecRecords] : records) {
+    explicit CWalkTargets(const CdbFileUtil::RecordMap &records) : m_table(CountRecords(records)) {
+        for (const auto &[strMD5, vecRecords] : records) {
             for (_CacheRecordEx *pRecord : vecRecords) {
                 if (pRecord != nullptr) {
-                    m_mapByHash.emplace(pRecord->liFilePathHash, pRecord); // the first in map order takes the hash
+                    m_table.Add(pRecord);
+                    AddPrefixes(pRecord->szFilePathIndex);
                 }
             }
         }
@@ -76,19 +113,29 @@ class CWalkTargets {
         return !index.IsValid() || m_setPrefixes.count(index.szIndex) != 0;
     }
 
-    // szPath is the whole buffer, zero-padded.
-    void Resolve(int64_t liFilePathHash, const char (&szPath)[kPathSize]) const {
-        if (const auto it = m_mapByHash.find(liFilePathHash); it != m_mapByHash.end()) {
-            std::memcpy(it->second->szFilePath, szPath, kPathSize);
+    // szPath is the whole buffer, zero-padded, and so is the record's field afterwards. An empty field is zeroed
+    // already: writing 4 KiB into each of many records would cost more than finding them.
+    void Resolve(int64_t liFilePathHash, const char (&szPath)[kPathSize]) {
+        if (_CacheRecordEx *pRecord = m_table.Record(liFilePathHash)) {
+            const bool bEmpty = pRecord->szFilePath[0] == '\0';
+            std::memcpy(pRecord->szFilePath, szPath, bEmpty ? std::strlen(szPath) + 1 : kPathSize);
         }
     }
 
   private:
+    // Once an index is in, so are all its prefixes; many records share one.
+    void AddPrefixes(const char (&szIndex)[kPathIndexLength + 1]) {
+        std::string strPrefix(szIndex, strnlen(szIndex, sizeof szIndex));
+        while (!strPrefix.empty() && m_setPrefixes.insert(strPrefix).second) {
+            strPrefix.pop_back();
+        }
+    }
+
     std::unordered_set<std::string> m_setPrefixes;
-    std::unordered_map<int64_t, _CacheRecordEx *> m_mapByHash;
+    CHashTable m_table;
 };
 
-void VisitFile(const CWalkTargets &targets, const char (&szPath)[kPathSize]) {
+void VisitFile(CWalkTargets &targets, const char (&szPath)[kPathSize]) {
     uint32_t aulWords[2] = {};
     if (CalcFilePathCrc32(szPath, aulWords) == 0) {
         TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]cal file (%s) crc failed.", szPath);
@@ -99,7 +146,7 @@ void VisitFile(const CWalkTargets &targets, const char (&szPath)[kPathSize]) {
     targets.Resolve(liFilePathHash, szPath);
 }
 
-void VisitDirectory(const CWalkTargets &targets, char (&szPath)[kPathSize], size_t nLength,
+void VisitDirectory(CWalkTargets &targets, char (&szPath)[kPathSize], size_t nLength,
                     std::list<std::string> &listDirs) {
     TARN_LOG_DEBUG_AS(kWalk, "[%s]find dir:%s.", szPath);
     if (nLength + 2 > kPathSize) { // no room for the '/' and the NUL
@@ -112,7 +159,7 @@ void VisitDirectory(const CWalkTargets &targets, char (&szPath)[kPathSize], size
     }
 }
 
-void VisitEntry(const CWalkTargets &targets, DIR *pDir, const std::string &strDir, const char *pszName,
+void VisitEntry(CWalkTargets &targets, DIR *pDir, const std::string &strDir, const char *pszName,
                 std::list<std::string> &listDirs) {
     const size_t nLength = strDir.size() + std::strlen(pszName);
     if (nLength + 1 > kPathSize) {
@@ -134,8 +181,7 @@ void VisitEntry(const CWalkTargets &targets, DIR *pDir, const std::string &strDi
     }
 }
 
-void ReadDirectory(const CWalkTargets &targets, DIR *pDir, const std::string &strDir,
-                   std::list<std::string> &listDirs) {
+void ReadDirectory(CWalkTargets &targets, DIR *pDir, const std::string &strDir, std::list<std::string> &listDirs) {
     const int iErrnoAtOpen = errno;
     while (const dirent *pEntry = readdir(pDir)) {
         if (std::strcmp(pEntry->d_name, ".") != 0 && std::strcmp(pEntry->d_name, "..") != 0) {
@@ -178,9 +224,7 @@ bool CdbFileUtil::FilterDir(const char *dirPath, std::vector<std::string> indexe
 }
 
 uint32_t CdbFileUtil::FindFilesByCchRecords(RecordMap &records) {
-    std::vector<std::string> vecIndexes;
-    GetAllFilePathIndex(records, vecIndexes);
-    const CWalkTargets targets(records, vecIndexes);
+    CWalkTargets targets(records);
     m_listDirs.emplace_back("/");
     while (!m_listDirs.empty()) {
         const std::string strDir = std::move(m_listDirs.front());

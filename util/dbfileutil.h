@@ -24,7 +24,8 @@ class TARN_EXPORT CdbFileUtil {
     // Walks from "/", breadth first, into every directory that could hold one of the records, and writes the path of a
     // regular file into the first record (in map order) with the file's path hash; a later file with the same hash
     // overwrites it. Links are not followed and no file is opened. Always TARN_OK: what cannot be read is logged and
-    // skipped. Unmatched records keep what their path field held.
+    // skipped. Unmatched records keep what their path field held. An empty field has to be zeroed throughout, as in a
+    // new record.
     uint32_t FindFilesByCchRecords(RecordMap &records);
 
     // Appends each record's path index, in map order, duplicates kept, null pointers skipped.
