@@ -50,9 +50,9 @@ class CConnectionMutex {
     sqlite3_mutex *m_pMutex;
 };
 
-// The same, entered at a moment in which no lookup is between its step and its end: SQLite
-// refuses to vacuum while a statement is active, and a busy cache would never be compacted. Gives up waiting for such a
-// moment after the usual time-out. Lookups wait for that mutex during a vacuum anyway.
+// The same, entered at a moment in which no lookup is between its step and its end: SQLite refuses to vacuum while a
+// statement is active, and a busy cache would never be compacted. Gives up waiting for such a moment after the usual
+// time-out. Lookups wait for that mutex during a vacuum anyway.
 class CQuietConnection : public CConnectionMutex {
   public:
     explicit CQuietConnection(sqlite3 *pDB) : CConnectionMutex(pDB) {

@@ -4,9 +4,9 @@
 //
 // Lock order, outermost first:
 //   1. g_DBMutex (interface): start-up and shut-down, never two of them at once.
-//   2. m_tableLock: the connection and the table objects. Read: lookups, counting, queries of the reverse lookup.
-//   Write:
-//      the virus index of an addition, the writer's batches, every deletion.
+//   2. m_tableLock: the connection and the table objects.
+//      Read: lookups, counting, queries of the reverse lookup.
+//      Write: the virus index of an addition, the writer's batches, every deletion.
 //   2. m_queueMutex: the front queues and the flags. Never held together with m_tableLock.
 //   3. the small mutexes inside the tables (description map, statement pool).
 // The vacuum and the integrity probe run on the connection with no lock of ours; SQLite's own mutex serialises them.

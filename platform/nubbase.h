@@ -26,11 +26,10 @@ extern "C" {
 /* snprintf that always terminates buf (size > 0). Returns the length the whole text has, or -1. */
 int str_snprintf(char *buf, size_t size, const char *format, ...) TARN_PRINTF_LIKE(3, 4);
 
-/* Expands a leading "@" to the installation directory and normalises the result by its text alone: with "@" =
- * /opt/t/lib,
- * "@/../config/x" is /opt/t/config/x; a trailing "/" is kept. Other text is copied as it is. "@" is TARN_INSTALL_DIR
- * when set (ignored with raised privileges), else the folder that this library was loaded from. in may be out. Returns
- * 1, or 0 when out cannot hold the whole path, or in is null (out is then the empty string). */
+/* Expands a leading "@" to the installation directory and normalises the result by its text alone: with /opt/t/lib
+ * as "@", "@/../config/x" is /opt/t/config/x; a trailing "/" is kept. Other text is copied as it is. "@" is
+ * TARN_INSTALL_DIR when set (ignored with raised privileges), else the folder that this library was loaded from. in
+ * may be out. Returns 1, or 0 when out cannot hold the whole path, or in is null (out is then the empty string). */
 int dirutils_path_transform(const char *in, char *out, int outSize);
 
 /* Loads an ini file of at most 4 MiB; only a regular file, and never waiting for one that is not. Keys and sections

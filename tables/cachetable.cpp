@@ -90,11 +90,7 @@ uint32_t CCacheTable::InsertRecord(_CacheRecord *pRecord) {
     iResult |= sqlite3_bind_int(pStmt, COLUMN_RS + 1, pRecord->lResultState);
     // SQLITE_STATIC: the record outlives the step, and the bindings are cleared behind it.
     iResult |= sqlite3_bind_blob(pStmt, COLUMN_FFI + 1, pRecord->szFilePathIndex, nIndexBytes, nullptr);
-    if (iResult == SQLITE_OK) {
-        const int iStep = sqlite3_step(pStmt);
-        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
-    }
-    return static_cast<uint32_t>(iResult);
+    return use.RunIfBound(iResult);
 }
 
 uint32_t CCacheTable::QueryRecord(_CacheRecord *pRecord) {
@@ -133,12 +129,7 @@ uint32_t CCacheTable::DeleteRecord(_CacheRecord *pRecord) {
         return 1;
     }
     const CStatementUse use(pStmt);
-    int iResult = sqlite3_bind_int64(pStmt, 1, pRecord->liFilePathHash);
-    if (iResult == SQLITE_OK) {
-        const int iStep = sqlite3_step(pStmt);
-        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
-    }
-    return static_cast<uint32_t>(iResult);
+    return use.RunIfBound(sqlite3_bind_int64(pStmt, 1, pRecord->liFilePathHash));
 }
 
 void CCacheTable::AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStamp) {

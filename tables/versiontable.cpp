@@ -35,12 +35,7 @@ uint32_t CVersionTable::InsertRecord(_VersionRecord *pRecord) {
     // Only the last bind decides: an unbound column is NULL, which the step then refuses.
     (void)sqlite3_bind_int(pStmt, 1, pRecord->iVersionKey);
     (void)sqlite3_bind_int(pStmt, 2, pRecord->iVersionNo);
-    int iResult = sqlite3_bind_int64(pStmt, 3, pRecord->liCreateTime);
-    if (iResult == SQLITE_OK) {
-        const int iStep = sqlite3_step(pStmt);
-        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
-    }
-    return static_cast<uint32_t>(iResult);
+    return use.RunIfBound(sqlite3_bind_int64(pStmt, 3, pRecord->liCreateTime));
 }
 
 uint32_t CVersionTable::QueryRecord(_VersionRecord *pRecord) {
@@ -73,12 +68,7 @@ uint32_t CVersionTable::DeleteRecord(_VersionRecord *pRecord) {
     }
     sqlite3_reset(pStmt);
     const CStatementUse use(pStmt);
-    int iResult = sqlite3_bind_int(pStmt, 1, pRecord->iVersionKey);
-    if (iResult == SQLITE_OK) {
-        const int iStep = sqlite3_step(pStmt);
-        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
-    }
-    return static_cast<uint32_t>(iResult);
+    return use.RunIfBound(sqlite3_bind_int(pStmt, 1, pRecord->iVersionKey));
 }
 
 uint32_t CVersionTable::QueryRecordCounts(int &iCounts) {

@@ -38,11 +38,7 @@ uint32_t CVirusTable::InsertRecord(_VirusRecord *pRecord) {
     const int nBytes = static_cast<int>(strnlen(pRecord->szVirusDesc, sizeof pRecord->szVirusDesc));
     int iResult = sqlite3_bind_int(pStmt, 1, pRecord->iVirusIndex);
     iResult |= sqlite3_bind_text(pStmt, 2, pRecord->szVirusDesc, nBytes, nullptr);
-    if (iResult == SQLITE_OK) {
-        const int iStep = sqlite3_step(pStmt);
-        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
-    }
-    return static_cast<uint32_t>(iResult);
+    return use.RunIfBound(iResult);
 }
 
 uint32_t CVirusTable::QueryRecord(_VirusRecord *pRecord) {
@@ -79,12 +75,7 @@ uint32_t CVirusTable::DeleteRecord(_VirusRecord *pRecord) {
         return 1;
     }
     const CStatementUse use(pStmt);
-    int iResult = sqlite3_bind_int(pStmt, 1, pRecord->iVirusIndex);
-    if (iResult == SQLITE_OK) {
-        const int iStep = sqlite3_step(pStmt);
-        iResult = iStep == SQLITE_DONE ? SQLITE_OK : iStep;
-    }
-    return static_cast<uint32_t>(iResult);
+    return use.RunIfBound(sqlite3_bind_int(pStmt, 1, pRecord->iVirusIndex));
 }
 
 uint32_t CVirusTable::QueryRecordCounts(int &iCounts) {

@@ -53,6 +53,14 @@ CStatementUse::~CStatementUse() {
     sqlite3_reset(m_pStmt);
 }
 
+uint32_t CStatementUse::RunIfBound(int iBound) const {
+    if (iBound != SQLITE_OK) {
+        return static_cast<uint32_t>(iBound);
+    }
+    const int iStep = sqlite3_step(m_pStmt);
+    return static_cast<uint32_t>(iStep == SQLITE_DONE ? SQLITE_OK : iStep);
+}
+
 int __implExecDDL(sqlite3 *pDB, const std::string &strSQL) {
     if (pDB == nullptr) {
         TARN_LOG_ERROR("[%s]arg pDB is null.");

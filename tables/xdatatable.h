@@ -49,6 +49,10 @@ class TARN_EXPORT CStatementUse {
     CStatementUse(const CStatementUse &) = delete;
     CStatementUse &operator=(const CStatementUse &) = delete;
 
+    // Runs a statement without rows, unless a bind before it failed (iBound: its code). 0 when it is done, else the
+    // SQLite code.
+    [[nodiscard]] uint32_t RunIfBound(int iBound) const;
+
   private:
     sqlite3_stmt *m_pStmt;
 };
