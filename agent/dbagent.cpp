@@ -44,8 +44,8 @@ uint32_t CDataBaseAgent::AgentInit(int mode) {
 
 uint32_t CDataBaseAgent::StartDatabase() {
     constexpr char kFunction[] = "AgentInit";
-    if (m_tableLock.Create() != 0 || m_queueMutex.Create() != 0 || m_queueCondition.Create() != 0 ||
-        m_stopCondition.Create() != 0) {
+    if (m_tableLock.Create() != 0 || m_queueMutex.Create() != 0 || m_queueCondition.Create(CLOCK_REALTIME) != 0 ||
+        m_stopCondition.Create(CLOCK_MONOTONIC) != 0) {
         TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] init rwlock, mutext, cond failed.");
         return TARN_E_FAIL;
     }

@@ -79,11 +79,12 @@ void CDataBaseAgent::UpdateRecords() {
     m_bRunning = false;
 }
 
-// Work that comes in meanwhile waits for the next pass; only the shut-down cuts the pause short.
+// Work that comes in meanwhile waits for the next pass; only the shut-down cuts the pause short. A wall clock that is
+// set back must not stretch it.
 void CDataBaseAgent::PauseUnlessStopped() {
     constexpr long kSecondNs = 1000000000;
     timespec deadline = {};
-    (void)clock_gettime(CLOCK_REALTIME, &deadline);
+    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_nsec += kPassPauseNs;
     deadline.tv_sec += deadline.tv_nsec / kSecondNs;
     deadline.tv_nsec %= kSecondNs;

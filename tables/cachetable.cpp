@@ -55,14 +55,14 @@ uint32_t CCacheTable::OnCreate() {
         TARN_LOG_ERROR("[%s]m_pDB is null.");
         return 1;
     }
-    // Without it every deletion by MD5 reads the whole table. A failure is logged there and costs speed alone.
-    (void)__implExecDDL(m_pDB, "create index if not exists " + m_strTableName + "_MD5 on " + m_strTableName + "(" +
-                                   ColumnName(COLUMN_FHMD) + "," + ColumnName(COLUMN_FLMD) + ");");
     m_stSetQueryTime.strSQL = "update " + m_strTableName + " set QC = QC+1, TS = ? where FPH = ?;";
     if (const int iResult = m_stSetQueryTime.Prepare(m_pDB); iResult != SQLITE_OK) {
         TARN_LOG_ERROR("[%s]OnCreate failed with error msg = %s", sqlite3_errmsg(m_pDB));
         return static_cast<uint32_t>(iResult);
     }
+    // Without it every deletion by MD5 reads the whole table. A failure is logged there and costs speed alone.
+    (void)__implExecDDL(m_pDB, "create index if not exists " + m_strTableName + "_MD5 on " + m_strTableName + "(" +
+                                   ColumnName(COLUMN_FHMD) + "," + ColumnName(COLUMN_FLMD) + ");");
     return 0;
 }
 

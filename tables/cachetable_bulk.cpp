@@ -95,10 +95,11 @@ int CCacheTable::DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5) {
         return 1;
     }
     // Kept: an engine update withdraws thousands of digests while lookups wait.
-    if (m_stDeleteByMD5.strSQL.empty()) {
-        char szSQL[kStatementSize] = {};
-        str_snprintf(szSQL, sizeof szSQL, "delete from %s where %s=? and %s=?;", m_strTableName.c_str(),
-                     ColumnName(COLUMN_FHMD).c_str(), ColumnName(COLUMN_FLMD).c_str());
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "delete from %s where %s=? and %s=?;", m_strTableName.c_str(),
+                 ColumnName(COLUMN_FHMD).c_str(), ColumnName(COLUMN_FLMD).c_str());
+    if (m_stDeleteByMD5.strSQL != szSQL) {
+        m_stDeleteByMD5.Finalize();
         m_stDeleteByMD5.strSQL = szSQL;
     }
     // Runs on callers' threads too, beside the vacuum: the connection's own error text may not be looked at.

@@ -13,6 +13,11 @@ namespace {
 constexpr char kLogSource[] = "vsdesctable";
 constexpr int kNoDescription = -1;
 
+// The part of a description that the table keeps.
+std::string StoredText(const char *pszVirusDesc) {
+    return std::string(pszVirusDesc, strnlen(pszVirusDesc, kVirusDescSize - 1));
+}
+
 } // namespace
 
 CVirusTable::CVirusTable(sqlite3 *pDB) : CTableBase(pDB) {
@@ -106,8 +111,7 @@ int CVirusTable::GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex)
         *pVirusIndex = kNoDescription;
         return 1;
     }
-    // Cut before the search, so that what is looked for is what is stored.
-    const std::string strVirusDesc(pszVirusDesc, strnlen(pszVirusDesc, kVirusDescSize - 1));
+    const std::string strVirusDesc = StoredText(pszVirusDesc); // what is looked for is what is stored
     if (FindInMap(strVirusDesc, pVirusIndex)) {
         return 1;
     }
@@ -116,14 +120,14 @@ int CVirusTable::GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex)
 
 // New descriptions take the row count as their index. After a deletion that index may be taken, and the insert then
 // replaces its row: kept, since stored records refer to these numbers.
-uint32_t CVirusTable::AddDescription(const char *pszVirusDesc, int *pVirusIndex) {
+uint32_t CVirusTable::AddDescription(const std::string &strVirusDesc, int *pVirusIndex) {
     int iCounts = 0;
     if (const uint32_t uResult = QueryRecordCounts(iCounts); uResult != 0) {
         return uResult;
     }
     _VirusRecord record = {};
     record.iVirusIndex = iCounts;
-    std::memcpy(record.szVirusDesc, pszVirusDesc, strnlen(pszVirusDesc, kVirusDescSize - 1));
+    std::memcpy(record.szVirusDesc, strVirusDesc.c_str(), std::min(strVirusDesc.size(), kVirusDescSize - 1));
     if (const uint32_t uResult = InsertRecord(&record); uResult != 0) {
         return uResult;
     }
@@ -145,9 +149,10 @@ uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *
     if (std::strchr(pszVirusDesc, '"') != nullptr) {
         return SQLITE_ERROR;
     }
+    const std::string strVirusDesc = StoredText(pszVirusDesc);
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s = \"%s\";", m_vecColumns[0].strColumnName.c_str(),
-                 m_strTableName.c_str(), m_vecColumns[1].strColumnName.c_str(), pszVirusDesc);
+                 m_strTableName.c_str(), m_vecColumns[1].strColumnName.c_str(), strVirusDesc.c_str());
     _SQLStmt stQuery(szSQL);
     if (const int iResult = stQuery.Prepare(m_pDB); iResult != SQLITE_OK) {
         return static_cast<uint32_t>(iResult);
@@ -161,14 +166,14 @@ uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *
     if (iStep == SQLITE_ROW) {
         *pVirusIndex = sqlite3_column_int(stQuery.pStmt, 0);
     } else if (iStep == SQLITE_DONE) {
-        if (const uint32_t uResult = AddDescription(pszVirusDesc, pVirusIndex); uResult != 0) {
+        if (const uint32_t uResult = AddDescription(strVirusDesc, pVirusIndex); uResult != 0) {
             return uResult;
         }
     } else {
         return static_cast<uint32_t>(iStep);
     }
     const std::lock_guard<std::mutex> guard(m_mapMutex);
-    pMap->emplace(*pVirusIndex, pszVirusDesc);
+    pMap->emplace(*pVirusIndex, strVirusDesc);
     return 0;
 }
 

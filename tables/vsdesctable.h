@@ -49,7 +49,7 @@ class TARN_EXPORT CVirusTable : public CTableBase<_VirusRecord> {
     std::map<int, std::string> m_mapVirusDesc; // what is known so far; only grows
 
   private:
-    uint32_t AddDescription(const char *pszVirusDesc, int *pVirusIndex);
+    uint32_t AddDescription(const std::string &strVirusDesc, int *pVirusIndex);
     bool FindInMap(const std::string &strVirusDesc, int *pVirusIndex);
 
     std::mutex m_mapMutex; // guards m_mapVirusDesc: lookups add to it under the read lock

@@ -57,6 +57,10 @@ TEST_F(VirusTable, CutsDescriptionsToTheirField) {
     const std::string str63(63, 'x');
     EXPECT_TRUE(m_table.Index(str63) == 0 && m_table.Index(str63 + "x") == 0 && m_table.Index(str63 + "yyyyyyy") == 0);
     EXPECT_EQ(m_db.Text("select VD from VDT"), str63);
+    int iIndex = -1;
+    std::map<int, std::string> map;
+    EXPECT_EQ(m_table.LoadRecords(&map, (str63 + "z").c_str(), &iIndex), 0U);
+    EXPECT_TRUE(iIndex == 0 && map[0] == str63 && m_db.Number("select count(*) from VDT") == 1);
     ASSERT_TRUE(m_db.Run("insert into VDT values(5,'" + str63 + "xxx')")); // not written by this library
     EXPECT_TRUE(m_table.Desc(5) == str63 && m_table.Desc(0, 5) == "xxxx");
     _VirusRecord full; // no NUL within the field

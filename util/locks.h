@@ -44,7 +44,7 @@ class CAPABILITY("mutex") CMutex {
     bool m_bCreated = false;
 };
 
-// A condition used with a CMutex; waits end at an absolute wall-clock time. Life as CMutex.
+// A condition used with a CMutex; waits end at an absolute time of the clock it was created with. Life as CMutex.
 class CCondition {
   public:
     CCondition() = default;
@@ -52,8 +52,17 @@ class CCondition {
     CCondition &operator=(const CCondition &) = delete;
     ~CCondition() { (void)Destroy(); }
 
-    [[nodiscard]] int Create() {
-        const int error = pthread_cond_init(&m_cond, nullptr);
+    [[nodiscard]] int Create(clockid_t clock) {
+        pthread_condattr_t attributes;
+        int error = pthread_condattr_init(&attributes);
+        if (error != 0) {
+            return error;
+        }
+        error = pthread_condattr_setclock(&attributes, clock);
+        if (error == 0) {
+            error = pthread_cond_init(&m_cond, &attributes);
+        }
+        (void)pthread_condattr_destroy(&attributes);
         m_bCreated = error == 0;
         return error;
     }
