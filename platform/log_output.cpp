@@ -10,6 +10,7 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -19,8 +20,9 @@ constexpr std::chrono::seconds kRetryInterval{60};
 constexpr int kLevelError = 2;
 
 // Runs before the sink opens its file, at the start and after each rotation. The sink would create it readable by all,
-// create missing folders, follow a link and wait for a fifo; a scanner that runs as root wants none of these.
-void CreatePrivately(const std::string &strPath) {
+// create missing folders, follow a link and wait for a fifo; a scanner that runs as root wants none of these. Nor does
+// it want the sink to empty a file that it could not rename (bEmpty: it was to be out of the way).
+void CreatePrivately(const std::string &strPath, bool bEmpty) {
     const CFileDescriptor file(
         open(strPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
     struct stat status = {};
@@ -29,6 +31,9 @@ void CreatePrivately(const std::string &strPath) {
     }
     if (!S_ISREG(status.st_mode)) {
         throw spdlog::spdlog_ex("the log file is not a regular file");
+    }
+    if (bEmpty && status.st_size > 0) {
+        throw spdlog::spdlog_ex("the log file cannot be renamed");
     }
 }
 
@@ -80,7 +85,9 @@ void CLogFile::Close() noexcept {
 
 void CLogFile::Open() {
     spdlog::file_event_handlers handlers;
-    handlers.before_open = CreatePrivately;
+    handlers.before_open = [bOpened = false](const std::string &strPath) mutable {
+        CreatePrivately(strPath, std::exchange(bOpened, true));
+    };
     auto file =
         std::make_unique<spdlog::sinks::rotating_file_sink_st>(m_strPath, kMaxFileSize, kOlderFiles, false, handlers);
     // Lines arrive finished.

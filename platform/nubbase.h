@@ -28,8 +28,9 @@ int str_snprintf(char *buf, size_t size, const char *format, ...) TARN_PRINTF_LI
 
 /* Expands a leading "@" to the installation directory and normalises the result by its text alone: with /opt/t/lib
  * as "@", "@/../config/x" is /opt/t/config/x; a trailing "/" is kept. Other text is copied as it is. "@" is
- * TARN_INSTALL_DIR when set (ignored with raised privileges), else the folder that this library was loaded from. in
- * may be out. Returns 1, or 0 when out cannot hold the whole path, or in is null (out is then the empty string). */
+ * TARN_INSTALL_DIR when set (ignored with raised privileges; a relative one counts from the working folder in which
+ * this library was loaded), else the folder that this library was loaded from. in may be out. Returns 1, or 0 when out
+ * cannot hold the whole path, or in is null (out is then the empty string). */
 int dirutils_path_transform(const char *in, char *out, int outSize);
 
 /* Loads an ini file of at most 4 MiB; only a regular file, and never waiting for one that is not. Keys and sections

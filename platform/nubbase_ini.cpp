@@ -2,9 +2,9 @@
 
 #include "platform/call_guard.h"
 #include "platform/file_descriptor.h"
+#include "platform/nubbase_ini_text.h"
 #include "platform/nubbase_replace.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <memory>
@@ -22,8 +22,6 @@ namespace {
 
 constexpr size_t kMaxFileSize = size_t{4} << 20U; // bytes; far above any configuration, far below a mistaken path
 constexpr int kMaxPasses = 4;                     // two are usual
-constexpr char kBlanks[] = " \t\n";
-constexpr std::string_view kSignature = "\xef\xbb\xbf";
 
 // Returns 0 or an errno value.
 int ReadWholeFile(const char *path, std::string &strText) {
@@ -52,58 +50,6 @@ int ReadWholeFile(const char *path, std::string &strText) {
     }
 }
 
-// Takes out what the parser trips over, keeping every line. A zero byte, as a crash can leave it in a file, would end
-// the text; a section header without its "]" would become a section named after all that follows: it is made a comment.
-std::string CleanText(std::string_view raw) {
-    std::string strText;
-    for (size_t i = 0; i < raw.size(); ++i) {
-        if (raw[i] != '\r' || i + 1 == raw.size() || raw[i + 1] != '\n') {
-            strText += raw[i] == '\0' || raw[i] == '\r' ? '\n' : raw[i];
-        }
-    }
-    for (size_t nStart = strText.starts_with(kSignature) ? kSignature.size() : 0; nStart < strText.size();) {
-        const size_t nEnd = std::min(strText.find('\n', nStart), strText.size());
-        const size_t nFirst = strText.find_first_not_of(kBlanks, nStart);
-        const bool bUnclosed = nFirst < nEnd && strText[nFirst] == '[' && strText.find(']', nFirst) >= nEnd;
-        if (bUnclosed) {
-            strText.insert(nFirst, "; ");
-        }
-        nStart = nEnd + (bUnclosed ? 2 : 0) + 1;
-    }
-    return strText;
-}
-
-// The text up to the end of its last line that is neither blank nor a comment.
-size_t BodyLength(std::string_view text) {
-    size_t nEnd = text.size();
-    while (nEnd > 0) {
-        const size_t nStart = nEnd < 2 ? 0 : text.rfind('\n', nEnd - 2) + 1; // npos + 1 is 0
-        const std::string_view line = text.substr(nStart, nEnd - nStart);
-        const size_t nFirst = line.find_first_not_of(kBlanks);
-        if (nFirst != std::string_view::npos && line[nFirst] != ';' && line[nFirst] != '#') {
-            break;
-        }
-        nEnd = nStart;
-    }
-    return nEnd;
-}
-
-// Whether the file's first key is written "key = value" rather than "key=value".
-bool UsesSpaces(std::string_view text) {
-    while (!text.empty()) {
-        const size_t nEnd = std::min(text.find('\n'), text.size());
-        const std::string_view line = text.substr(0, nEnd);
-        const size_t nFirst = line.find_first_not_of(kBlanks);
-        const size_t nEquals = line.find('=');
-        if (nFirst < nEquals && nEquals != std::string_view::npos &&
-            std::string_view(";#[").find(line[nFirst]) == std::string_view::npos) {
-            return line[nEquals - 1] == ' ';
-        }
-        text.remove_prefix(std::min(nEnd + 1, text.size()));
-    }
-    return false;
-}
-
 bool IsOneLine(std::string_view text) {
     return text.find_first_of("\r\n") == std::string_view::npos;
 }
@@ -119,12 +65,12 @@ class CIniFile {
     CIniFile() : m_ini(false, true, false) {}
 
     [[nodiscard]] bool Parse(std::string_view raw) {
-        std::string strText = CleanText(raw);
-        m_ini.SetSpaces(UsesSpaces(strText));
-        const size_t nBody = BodyLength(strText);
+        std::string strText = IniText::Prepare(raw);
+        m_ini.SetSpaces(IniText::UsesSpaces(strText));
+        const size_t nBody = IniText::BodyLength(strText);
         m_strTail = strText.substr(nBody);
-        m_strTail.erase(0, m_strTail.find_first_not_of(kBlanks));
-        m_strTail.erase(m_strTail.find_last_not_of(kBlanks) + 1);
+        m_strTail.erase(0, m_strTail.find_first_not_of(IniText::kBlanks));
+        m_strTail.erase(m_strTail.find_last_not_of(IniText::kBlanks) + 1);
         strText.resize(nBody);
         return m_ini.LoadData(strText) >= 0;
     }
@@ -166,6 +112,7 @@ class CIniFile {
         if (!m_strTail.empty()) {
             strText += (strText.empty() ? "" : "\n") + m_strTail + "\n";
         }
+        strText = IniText::Restore(strText);
         return true;
     }
 

@@ -1,5 +1,6 @@
 #include "platform/nubbase.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -15,39 +16,43 @@ namespace {
 // know it by a relative name only, and the host may change its working directory later.
 char g_szLibraryDir[PATH_MAX];
 
+// The working folder of that moment with a "/", empty when it cannot be told: what relative names count from.
+char g_szStartDir[PATH_MAX];
+
 __attribute__((constructor)) void FindLibraryDir() noexcept {
+    if (getcwd(g_szStartDir, sizeof(g_szStartDir) - 1) != nullptr) {
+        g_szStartDir[strlen(g_szStartDir)] = '/';
+    }
     Dl_info info;
     if (dladdr(g_szLibraryDir, &info) == 0 || info.dli_fname == nullptr) {
         return;
     }
-    char szPath[2 * PATH_MAX] = "";
-    if (info.dli_fname[0] != '/') {
-        if (getcwd(szPath, PATH_MAX - 1) == nullptr) {
-            return;
-        }
-        szPath[strlen(szPath)] = '/';
+    if (info.dli_fname[0] != '/' && g_szStartDir[0] == '\0') {
+        return;
     }
-    const size_t nPrefix = strlen(szPath);
+    const char *pPrefix = info.dli_fname[0] == '/' ? "" : g_szStartDir;
+    const size_t nPrefix = strlen(pPrefix);
     const char *pLastSlash = strrchr(info.dli_fname, '/');
     const size_t nFolder = pLastSlash == nullptr ? 0 : static_cast<size_t>(pLastSlash - info.dli_fname);
     if (nPrefix + nFolder + 1 >= sizeof(g_szLibraryDir)) {
         return;
     }
-    memcpy(g_szLibraryDir, szPath, nPrefix);
+    memcpy(g_szLibraryDir, pPrefix, nPrefix);
     memcpy(g_szLibraryDir + nPrefix, info.dli_fname, nFolder);
     if (nPrefix + nFolder == 0) {
         g_szLibraryDir[0] = '/';
     }
 }
 
-std::filesystem::path InstallDir() {
+std::string InstallDir() {
     const char *pConfigured = secure_getenv("TARN_INSTALL_DIR");
     if (pConfigured == nullptr || pConfigured[0] == '\0') {
         return g_szLibraryDir;
     }
-    std::error_code error;
-    std::filesystem::path path = std::filesystem::absolute(pConfigured, error);
-    return error ? std::filesystem::path() : path;
+    if (pConfigured[0] == '/') {
+        return pConfigured;
+    }
+    return g_szStartDir[0] == '\0' ? std::string() : std::string(g_szStartDir) + pConfigured;
 }
 
 // Empty when the installation directory is not known.
@@ -55,12 +60,14 @@ std::string Expand(std::string_view text) {
     if (text.empty() || text.front() != '@') {
         return std::string(text);
     }
-    const std::filesystem::path installDir = InstallDir();
-    if (installDir.empty()) {
+    const std::string strInstallDir = InstallDir();
+    if (strInstallDir.empty()) {
         return {};
     }
-    const std::string strBelow(text.substr(1));
-    std::string strPath = std::filesystem::path(installDir.native() + '/' + strBelow).lexically_normal().native();
+    std::string strPath = strInstallDir + '/' + std::string(text.substr(1));
+    // One "/" at the start: POSIX gives two a meaning of their own.
+    strPath.erase(0, std::min(strPath.find_first_not_of('/'), strPath.size()) - 1);
+    strPath = std::filesystem::path(strPath).lexically_normal().native();
     // lexically_normal ends "a/b/.." in "/"; a caller who gave no "/" at the end gets none.
     const bool bWantsSlash = text.back() == '/';
     if (!bWantsSlash && strPath.size() > 1 && strPath.back() == '/') {

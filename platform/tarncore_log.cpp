@@ -19,6 +19,7 @@
 #include <optional>
 #include <string>
 #include <strings.h>
+#include <utility>
 
 namespace {
 
@@ -127,9 +128,20 @@ __attribute__((destructor)) void CloseLogger() noexcept {
 }
 
 CLogger::CLogger() noexcept {
-    // A child must not inherit a mutex that a thread it does not have was holding.
-    (void)pthread_atfork([] { Logger().m_mutex.lock(); }, [] { Logger().m_mutex.unlock(); },
-                         [] { Logger().m_mutex.unlock(); });
+    // A child must not inherit a mutex that a thread it does not have was holding. A signal handler that forks in the
+    // middle of the logger would wait for itself: it forks without.
+    static thread_local bool t_bLocked = false;
+    const auto lock = [] {
+        if ((t_bLocked = !t_bInLogger)) {
+            Logger().m_mutex.lock();
+        }
+    };
+    const auto unlock = [] {
+        if (std::exchange(t_bLocked, false)) {
+            Logger().m_mutex.unlock();
+        }
+    };
+    (void)pthread_atfork(lock, unlock, unlock);
 }
 
 int CLogger::ReadLevel() noexcept {

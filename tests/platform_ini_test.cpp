@@ -48,6 +48,7 @@ TEST_F(PlatformIni, AwkwardFilesKeepTheirTextAndSettleAtTheFirstSave) {
                                  "\xef\xbb\xbf[s]\nk=v\n\n;begin\n\n;end\n",
                                  "[s]\nk=1\nx=\nk=v\n[]\ny=2\n[s]\nother=3\n",
                                  "<<<a\n=q\n[s]\nk=v\n[other\nm=<<<E\nline\n",
+                                 "[t]\n[s]\nk=v\n;begin\n[T] ;end\njunk\n",
                                  std::string("[s]\nk=v\n\0\0\n[t]\nother=1", 22)};
     for (const std::string &strText : cases) {
         Write("x.ini", strText);
@@ -59,7 +60,7 @@ TEST_F(PlatformIni, AwkwardFilesKeepTheirTextAndSettleAtTheFirstSave) {
             strResult = Read("x.ini");
         }
         EXPECT_EQ(strSaved[0], strSaved[1]);
-        for (const char *pKept : {";begin", ";end", "other"}) {
+        for (const char *pKept : {";begin", ";end", "[other", "junk", "=q", "line"}) {
             EXPECT_EQ(Has(strText, pKept), Has(strSaved[1], pKept)) << strText;
         }
     }

@@ -54,6 +54,10 @@ TEST_F(PlatformLog, FilesArePrivateBoundedAndNotInherited) {
     EXPECT_EQ(Status("app.1.log").st_mode, S_IFREG | 0600U);
     EXPECT_LE(Status("app.1.log").st_size, 10 * 1024 * 1024);
     EXPECT_NE(Read("app.log").find("child:2700 "), std::string::npos);
+    ASSERT_TRUE(std::filesystem::create_directories(Path("app.2.log/x"))); // stands in the way of the next rotation
+    EXPECT_EQ(RunChild("TARN_LOG_FILE=@/../app.log", "fill text"), 0);
+    EXPECT_TRUE(Shown("app.log: the log file cannot be renamed") && Shown("child:2700 ")); // what it did not take
+    EXPECT_LT(Read("app.log").find("child:2700 "), Read("app.log").find("child:1 ")) << "what it took before is lost";
 }
 
 TEST_F(PlatformLog, ABrokenSinkNeverReachesTheCaller) {

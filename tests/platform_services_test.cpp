@@ -31,6 +31,14 @@ TEST_F(PlatformServices, PathsAreExpandedNormalisedAndNeverCut) {
         EXPECT_EQ(dirutils_path_transform(strIn.c_str(), szOut, static_cast<int>(strOut.size())), 0) << strIn;
         EXPECT_STREQ(szOut, "") << strIn;
     }
+    setenv("TARN_INSTALL_DIR", "inst/lib", 1);
+    const std::string strStart = std::filesystem::current_path();
+    std::filesystem::current_path("/"); // what was meant is the folder at the start
+    EXPECT_EQ(dirutils_path_transform("@/x", szOut, sizeof(szOut)), 1);
+    std::filesystem::current_path(strStart);
+    EXPECT_EQ(szOut, strStart + "/inst/lib/x");
+    setenv("TARN_INSTALL_DIR", "//", 1);
+    EXPECT_TRUE(dirutils_path_transform("@/", szOut, sizeof(szOut)) == 1 && std::string(szOut) == "/");
     unsetenv("TARN_INSTALL_DIR");
     EXPECT_EQ(dirutils_path_transform("@/libnubbase.so.1", szOut, sizeof(szOut)), 1);
     EXPECT_EQ(access(szOut, F_OK), 0) << szOut;
