@@ -136,7 +136,8 @@ class Tool(unittest.TestCase):
         self.assertEqual(set(self.states(*paths)), {("known", 48)})
 
     def test_names_of_all_kinds(self):
-        names = [b"new\nline", b"bad\xff", b"esc\x1b[31m", b";semi", "ümlaut".encode(), b"-dash"]
+        names = [b"new\nline", b"bad\xff", b"esc\x1b[31m", b";semi", "ümlaut".encode(), b"-dash",
+                 b"new\\nline", "rtl\u202egpj".encode()]
         paths = [os.fsencode(self.tree) + b"/" + name for name in names]
         for path in paths:
             Path(os.fsdecode(path)).write_bytes(EICAR)
@@ -146,7 +147,8 @@ class Tool(unittest.TestCase):
         _, out, _ = self.run_tool("scan", "-q", self.tree)
         lines = out.decode().splitlines()
         self.assertEqual(len(lines), len(names), "one line for each file")
-        for part in ("/new\\nline: ", "/bad\\xff: ", "/esc\\x1b[31m: ", "/ümlaut: "):
+        for part in ("/new\\nline: ", "/new\\\\nline: ", "/rtl\\xe2\\x80\\xaegpj: ", "/bad\\xff: ",
+                     "/esc\\x1b[31m: ", "/ümlaut: "):
             self.assertEqual(sum(part in line for line in lines), 1, part)
 
     def test_only_ordinary_files_are_opened(self):
@@ -162,7 +164,7 @@ class Tool(unittest.TestCase):
         self.assertEqual(summary["skipped"], {"links": 2, "not_a_file": 1, "excluded": 0, "kernel_files": 1,
                                               "own_files": 2})
         self.assertCountEqual(files, [f"{self.tree}/sub/eicar".encode(), f"{self.root}/engine/signatures.id".encode()])
-        for exclude in ("sub", "*/sub/eic*", "e[i]car"):
+        for exclude in ("sub", "*/sub/eic*", "e[i]car", f"{self.tree}/sub/", os.path.relpath(self.tree) + "/s?b"):
             self.assertEqual(self.scan("--exclude", exclude, self.tree)[0], 0, exclude)
         _, _, files = self.scan(self.tree / "link")
         self.assertEqual(list(files), [f"{self.tree}/sub/eicar".encode()], "an argument that is a link is its target")
@@ -224,8 +226,14 @@ class Tool(unittest.TestCase):
         unknown = "f" * 32
         status, out, _ = self.run_tool("find", "--json", unknown, "-", text=md5(path).upper().encode())
         found = {line["md5"]: (line["state"], line["files"]) for line in map(json.loads, out.splitlines())}
-        self.assertEqual((status, found), (1, {unknown: ("unknown", []), md5(path): ("found", [{"path": path}])}))
+        file = {"path": path, "changed": False}
+        self.assertEqual((status, found), (1, {unknown: ("unknown", []), md5(path): ("found", [file])}))
         self.assertEqual(self.run_tool("find", "-0", md5(path))[:2], (0, path.encode() + b"\0"))
+        self.change_records("FAH = FAH + 1")
+        status, out, err = self.run_tool("find", "-0", md5(path))
+        self.assertEqual((status, out), (1, b""), "what has changed may carry anything")
+        self.assertIn("clam.exe has changed since", err)
+        self.change_records("FAH = FAH - 1")
         self.assertEqual(self.run_tool("forget", md5(path), "no MD5")[0], 2)
         self.assertEqual(self.states(path), [("known", 48)], "nothing is deleted when an argument is wrong")
         self.assertEqual(self.run_tool("forget", unknown, md5(path))[:2], (0, b"Records deleted: 1\n"))

@@ -21,29 +21,36 @@
 
 namespace {
 
+struct _FoundFile {
+    std::string strPath;
+    bool bChanged; // since it was scanned: it may carry another MD5 by now
+};
+
 struct _Found {
     std::string strMD5;
-    std::vector<std::string> vecPaths;
+    std::vector<_FoundFile> vecFiles;
     bool bKnown = false; // has records, whether or not their files were found
 };
 
-bool IsCachedWith(const std::string &strPath, const std::string &strMD5) {
+// What the cache knows of the path, if that is this MD5.
+uint32_t StateWith(const std::string &strPath, const std::string &strMD5) {
     std::array<char, TARN_MD5_TEXT_SIZE> md5{};
     _SCAN_FILE_RESULT record{};
     uint32_t uState = TARN_PEEK_UNKNOWN;
-    return LocalCachePeek(strPath.c_str(), md5.data(), &record, &uState) == TARN_OK && uState != TARN_PEEK_UNKNOWN &&
-           strMD5 == md5.data();
+    const bool bDone = LocalCachePeek(strPath.c_str(), md5.data(), &record, &uState) == TARN_OK;
+    return bDone && strMD5 == md5.data() ? uState : TARN_PEEK_UNKNOWN;
 }
 
 // The joined text ends every path with ";", which is also a fair character in a name. A path is taken where another
 // absolute one or the end follows and where the cache holds that very name under this MD5; should none fit, the text
 // up to the first such place is taken as it is.
-std::vector<std::string> SplitPaths(const std::string &strJoined, const std::string &strMD5) {
+std::vector<_FoundFile> SplitPaths(const std::string &strJoined, const std::string &strMD5) {
     std::set<std::string> taken;
-    std::vector<std::string> paths;
+    std::vector<_FoundFile> files;
     for (size_t start = 0; start < strJoined.size();) {
         size_t chosen = std::string::npos;
-        size_t fallback = std::string::npos;
+        size_t fallback = strJoined.size();
+        uint32_t uState = TARN_PEEK_UNKNOWN;
         for (size_t end = strJoined.find(';', start);
              end != std::string::npos && end - start < kLongestCachedPath && chosen == std::string::npos;
              end = strJoined.find(';', end + 1)) {
@@ -51,15 +58,16 @@ std::vector<std::string> SplitPaths(const std::string &strJoined, const std::str
                 continue;
             fallback = std::min(fallback, end);
             const std::string strPath = strJoined.substr(start, end - start);
-            if (!taken.contains(strPath) && IsCachedWith(strPath, strMD5))
+            uState = taken.contains(strPath) ? TARN_PEEK_UNKNOWN : StateWith(strPath, strMD5);
+            if (uState != TARN_PEEK_UNKNOWN)
                 chosen = end;
         }
-        const size_t end = std::min(chosen != std::string::npos ? chosen : fallback, strJoined.size());
-        paths.push_back(strJoined.substr(start, end - start));
-        taken.insert(paths.back());
+        const size_t end = chosen != std::string::npos ? chosen : fallback;
+        files.push_back({strJoined.substr(start, end - start), uState != TARN_PEEK_KNOWN});
+        taken.insert(files.back().strPath);
         start = end + 1;
     }
-    return paths;
+    return files;
 }
 
 // The slots that the interface takes: 32 digits and a NUL each.
@@ -82,7 +90,7 @@ bool FindPaths(const std::vector<std::string> &vecMD5, std::vector<_Found> &vecF
         std::memcpy(&pszPaths, &pRecords[index].pszFilePaths, sizeof pszPaths); // the field is not aligned
         found.strMD5 = pRecords[index].szMD5;
         if (pszPaths != nullptr)
-            found.vecPaths = SplitPaths(pszPaths, found.strMD5);
+            found.vecFiles = SplitPaths(pszPaths, found.strMD5);
         found.bKnown = pszPaths != nullptr;
         vecFound.push_back(std::move(found));
         if (index == 0 || pszPaths == nullptr)
@@ -143,23 +151,34 @@ bool FindWithProgress(const std::vector<std::string> &vecMD5, std::vector<_Found
     return walk.get();
 }
 
+bool HasUnchanged(const _Found &found) {
+    return std::any_of(found.vecFiles.begin(), found.vecFiles.end(), [](const auto &file) { return !file.bChanged; });
+}
+
 std::string JsonText(const _Found &found) {
     Json object;
     object["md5"] = found.strMD5;
-    object["state"] = !found.vecPaths.empty() ? "found" : found.bKnown ? "known" : "unknown";
+    object["state"] = HasUnchanged(found) ? "found" : found.bKnown ? "known" : "unknown";
     object["files"] = Json::array();
-    for (const std::string &strPath : found.vecPaths) {
+    for (const _FoundFile &known : found.vecFiles) {
         Json file;
-        PutName(file, "path", strPath);
+        PutName(file, "path", known.strPath);
+        file["changed"] = known.bChanged;
         object["files"].push_back(file);
     }
     return JsonLine(object);
 }
 
+// A file that changed since its scan is told apart, and stays out of a list that may be meant for another program.
 std::string TextLines(const _Found &found, bool bNullSeparated) {
     std::string strLines;
-    for (const std::string &strPath : found.vecPaths)
-        strLines += bNullSeparated ? strPath + '\0' : found.strMD5 + "  " + EscapeName(strPath) + "\n";
+    for (const _FoundFile &file : found.vecFiles) {
+        if (file.bChanged) {
+            (void)Trouble(found.strMD5 + ": " + EscapeName(file.strPath) + " has changed since it was scanned");
+        } else {
+            strLines += bNullSeparated ? file.strPath + '\0' : found.strMD5 + "  " + EscapeName(file.strPath) + "\n";
+        }
+    }
     return strLines;
 }
 
@@ -186,10 +205,10 @@ int RunFind(const _AskOptions &options) {
     std::string strOutput;
     for (const _Found &found : vecFound) {
         strOutput += options.bJson ? JsonText(found) : TextLines(found, options.bNullSeparated);
-        if (!found.vecPaths.empty())
+        if (HasUnchanged(found))
             continue;
         status = kExitFound;
-        if (!options.bJson)
+        if (!options.bJson && found.vecFiles.empty())
             (void)Trouble(found.strMD5 + (found.bKnown ? ": known, but not found on disk" : ": unknown"));
     }
     return Finish(strOutput, status);

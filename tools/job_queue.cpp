@@ -7,7 +7,7 @@ bool CJobQueue::Push(std::vector<_ScanJob> &vecJobs) {
     std::unique_lock lock(m_mutex);
     if (m_jobs.size() >= kCapacity)
         m_room.wait(lock, [this] { return m_bAborted || m_jobs.size() <= kLowWater; });
-    if (!m_bAborted)
+    if (!m_bAborted && m_nWorkers != kDropJobs)
         std::move(vecJobs.begin(), vecJobs.end(), std::back_inserter(m_jobs));
     vecJobs.clear();
     m_work.notify_all();

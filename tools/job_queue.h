@@ -35,6 +35,8 @@ struct _ScanJob {
 
 class CJobQueue {
   public:
+    static constexpr size_t kDropJobs = 0; // as the number of workers: for a walk that only counts
+
     explicit CJobQueue(size_t nWorkers) : m_nWorkers(nWorkers) {}
 
     // Waits for room and takes the jobs; the vector is empty afterwards. False once the queue was aborted; the jobs

@@ -1,6 +1,7 @@
 // tarncache: scans files with libclamav behind the cache of libtarncache, and looks after that cache.
 #include "tools/commands.h"
 
+#include "tools/path_argument.h"
 #include "tools/text.h"
 
 #include <CLI/CLI.hpp>
@@ -127,6 +128,8 @@ int Run(int argc, char **argv) {
     if (app.got_subcommand("scan")) {
         if (scan.vecPaths.empty() && scan.strFileList.empty())
             return Trouble("scan: nothing to scan; give a PATH or --file-list");
+        for (std::string &strGlob : scan.vecExclude)
+            strGlob = AbsoluteGlob(strGlob);
         return RunScan(scan);
     }
     if (app.got_subcommand("withdraw"))

@@ -69,6 +69,14 @@ std::string AbsolutePath(const std::string &strPath) {
     return strResult;
 }
 
+std::string AbsoluteGlob(const std::string &strGlob) {
+    std::string strResult = strGlob;
+    while (strResult.size() > 1 && strResult.back() == '/')
+        strResult.pop_back();
+    const bool bByPath = strResult.find('/') != std::string::npos && strResult.front() != '*';
+    return bByPath ? AbsolutePath(strResult) : strResult;
+}
+
 bool ResolveArgument(const std::string &strArgument, _PathArgument &argument) {
     argument.strOpen = strArgument;
     argument.strPath = AbsolutePath(strArgument);

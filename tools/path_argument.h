@@ -12,6 +12,10 @@ constexpr size_t kLongestCachedPath = 4096;
 // when the working folder is gone.
 std::string AbsolutePath(const std::string &strPath);
 
+// A pattern that names folders counts from the working folder unless it starts with "/" or "*", as a PATH does; a "/"
+// at its end, as completion leaves it, means nothing.
+std::string AbsoluteGlob(const std::string &strGlob);
+
 struct _PathArgument {
     std::string strOpen; // what to open: the argument as given, or the target of a link
     std::string strPath; // the name to report and to cache

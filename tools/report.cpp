@@ -90,7 +90,7 @@ CScanReport::CScanReport(const _ReportOptions &options, _ScanCounters &counters)
 void CScanReport::File(const _FileReport &file) {
     const EVerdict eVerdict = file.verdict.eVerdict;
     const bool bInfected = eVerdict == EVerdict::Infected;
-    const bool bProblem = eVerdict == EVerdict::Error || eVerdict == EVerdict::TimedOut;
+    const bool bProblem = !bInfected && eVerdict != EVerdict::Clean && eVerdict != EVerdict::Interrupted;
     const bool bWanted = bInfected || (!m_options.bInfectedOnly && (bProblem || m_options.bVerbose));
     if (!bWanted)
         return;
@@ -120,8 +120,11 @@ void CScanReport::Problem(const std::string &strPath, int error) {
 }
 
 void CScanReport::Note(const std::string &strText) {
-    if (m_options.bQuiet)
-        return;
+    if (!m_options.bQuiet)
+        Warn(strText);
+}
+
+void CScanReport::Warn(const std::string &strText) {
     const std::lock_guard lock(m_mutex);
     Err("tarncache: " + strText + "\n");
 }
@@ -228,6 +231,7 @@ void CScanReport::JsonSummary(const _ScanSummary &summary) {
     }
     object["signatures"] = summary.nSignatures;
     PutName(object, "signature_set", summary.strSignatures);
+    object["test_signatures_only"] = summary.bTestSignatures;
     object["load_seconds"] = summary.loadSeconds;
     Out(JsonLine(object));
 }

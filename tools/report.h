@@ -31,8 +31,9 @@ struct _ScanSummary {
     double loadSeconds = 0; // loading the signatures
     unsigned nSignatures = 0;
     std::string strSignatures;
-    std::string strRoot;     // the installation folder; empty without a cache
-    std::string strCacheOff; // why there was no cache; empty with one
+    bool bTestSignatures = false; // the program's own few, which find test files only
+    std::string strRoot;          // the installation folder; empty without a cache
+    std::string strCacheOff;      // why there was no cache; empty with one
     bool bInterrupted = false;
 };
 
@@ -49,6 +50,11 @@ class CScanReport {
 
     // A remark for the person at the terminal.
     void Note(const std::string &strText);
+
+    // What an operator has to know even of a quiet scan.
+    void Warn(const std::string &strText);
+
+    bool ShowsProgress() const { return m_bTerminal; }
 
     // Rewrites the progress line; does nothing unless standard error is a terminal.
     void Progress(const std::string &strText);

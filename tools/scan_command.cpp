@@ -1,5 +1,6 @@
 #include "tools/commands.h"
 
+#include "tools/file_estimate.h"
 #include "tools/interrupt.h"
 #include "tools/scan_worker.h"
 #include "tools/signature_set.h"
@@ -8,6 +9,7 @@
 #include "tools/tree_walker.h"
 
 #include <chrono>
+#include <optional>
 #include <sched.h>
 #include <sys/resource.h>
 #include <thread>
@@ -40,14 +42,14 @@ void AllowManyFiles() {
     }
 }
 
-std::string ProgressText(const _ScanCounters &counters, double seconds) {
+// nTotal: the files to come in all, 0 while nobody knows.
+std::string ProgressText(const _ScanCounters &counters, uint64_t nTotal, double seconds) {
     const uint64_t nDone = counters.nFiles.load();
     const double rate = seconds > 0 ? static_cast<double>(nDone) / seconds : 0;
     std::string strText = std::to_string(nDone) + " files, " + std::to_string(static_cast<uint64_t>(rate)) + "/s, " +
                           std::to_string(counters.nInfected.load()) + " infected";
-    const uint64_t nFound = counters.nFound.load();
-    if (counters.bWalkDone.load() && rate > 0 && nFound > nDone)
-        strText += ", " + DurationText(static_cast<double>(nFound - nDone) / rate) + " left";
+    if (rate > 0 && nTotal > nDone)
+        strText += ", " + DurationText(static_cast<double>(nTotal - nDone) / rate) + " left";
     return strText;
 }
 
@@ -123,13 +125,17 @@ class CScanRun {
 
     // Redraws the progress, writes out the report and passes a stop on, until every thread has ended.
     void Watch() {
+        std::optional<CFileEstimate> estimate;
+        if (m_report.ShowsProgress() && m_options.strFileList.empty())
+            estimate.emplace(m_options.vecPaths, m_options.vecExclude, m_ownFiles);
         const Clock::time_point start = Clock::now();
         while (m_nRunning.load() > 0) {
             if (CInterrupt::StopFlag().load())
                 m_queue.Abort();
             CInterrupt::WaitForEvent(kRedraw);
             m_report.Flush();
-            m_report.Progress(ProgressText(m_counters, SecondsSince(start)));
+            const uint64_t nTotal = m_counters.bWalkDone ? m_counters.nFound.load() : estimate ? estimate->Total() : 0;
+            m_report.Progress(ProgressText(m_counters, nTotal, SecondsSince(start)));
         }
     }
 
@@ -154,7 +160,7 @@ std::string StartCache(const _ScanOptions &options, const CInstallRoot &root, co
             report.Note(strRemark);
         return options.bNoCache ? strWhy : std::string();
     }
-    report.Note("scanning without the cache: " + strWhy);
+    report.Warn("scanning without the cache: " + strWhy);
     return strWhy;
 }
 
@@ -194,6 +200,10 @@ int RunScan(const _ScanOptions &options) {
     summary.loadSeconds = SecondsSince(loadStart);
     summary.nSignatures = pEngine->SignatureCount();
     summary.strSignatures = signatures.strPath;
+    summary.bTestSignatures = signatures.bTestOnly;
+    if (signatures.bTestOnly)
+        report.Warn("no signatures are installed; only the test files of this program's own set are found. Get the "
+                    "real ones, for instance with Debian's package clamav-freshclam, or name them with --database");
 
     CInterrupt::Arm();
     const Clock::time_point scanStart = Clock::now();

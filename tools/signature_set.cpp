@@ -110,9 +110,14 @@ bool ChooseSignatureSet(const std::string &strOption, _SignatureSet &set, std::s
     if (!strOption.empty())
         candidates = {AbsolutePath(strOption)};
     for (const std::string &strCandidate : candidates) {
+        if (access(strCandidate.c_str(), R_OK) != 0 && errno == EACCES) {
+            strError = "cannot read the signatures in " + ErrnoText(strCandidate, EACCES);
+            return false; // falling back on a smaller set would hide what is there
+        }
         const std::vector<std::string> files = SignatureFiles(strCandidate);
         if (!files.empty()) {
             set.strPath = strCandidate;
+            set.bTestOnly = strOption.empty() && strCandidate == candidates.back();
             return Fingerprint(files, set.strFingerprint, strError);
         }
     }

@@ -6,6 +6,7 @@
 
 struct _SignatureSet {
     std::string strPath;        // a signature file or a folder of them
+    bool bTestOnly = false;     // the small set that comes with this program
     std::string strFingerprint; // changes with any file's name or content, with the engine and with the scan policy
 };
 

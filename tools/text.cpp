@@ -31,7 +31,9 @@ size_t Utf8Sequence(std::string_view text, uint32_t &codePoint) {
 void AppendEscaped(std::string &out, char byte) {
     constexpr std::string_view digits = "0123456789abcdef";
     const auto value = static_cast<uint8_t>(byte);
-    if (byte == '\n') {
+    if (byte == '\\') {
+        out += "\\\\";
+    } else if (byte == '\n') {
         out += "\\n";
     } else if (byte == '\t') {
         out += "\\t";
@@ -40,6 +42,13 @@ void AppendEscaped(std::string &out, char byte) {
     } else {
         out += {'\\', 'x', digits[value >> 4], digits[value & 15]};
     }
+}
+
+// Not for characters that end a line, steer a terminal, or reorder or hide the text around them.
+bool IsPlain(uint32_t codePoint) {
+    const auto within = [codePoint](uint32_t low, uint32_t high) { return codePoint >= low && codePoint <= high; };
+    return codePoint != '\\' && codePoint >= 0x20 && !within(0x7F, 0x9F) && !within(0x200B, 0x200F) &&
+           !within(0x2028, 0x202E) && !within(0x2060, 0x206F) && codePoint != 0xFEFF && !within(0xE0000, 0xE007F);
 }
 
 int HexDigit(char digit) {
@@ -69,8 +78,7 @@ std::string EscapeName(std::string_view name) {
     while (!name.empty()) {
         uint32_t codePoint = 0;
         const size_t length = Utf8Sequence(name, codePoint);
-        const bool bControl = codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0);
-        if (length != 0 && !bControl) {
+        if (length != 0 && IsPlain(codePoint)) {
             out += name.substr(0, length);
         } else {
             for (const char byte : name.substr(0, length == 0 ? 1 : length))

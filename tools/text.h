@@ -9,8 +9,8 @@
 // True when the bytes are well-formed UTF-8.
 bool IsValidUtf8(std::string_view text);
 
-// A name fit for a line of text: control characters and bytes that are not UTF-8 become \n, \t, \r or \xHH, so that a
-// file name can neither forge a line of the report nor steer a terminal.
+// A name fit for a line of text: control characters, direction marks and bytes that are not UTF-8 become \n, \t, \r or
+// \xHH, a backslash two, so that a file name can neither forge a line of the report nor steer a terminal.
 std::string EscapeName(std::string_view name);
 
 // Lower-case hexadecimal digits of the bytes.
