@@ -118,6 +118,10 @@ class Tool(unittest.TestCase):
         status, summary, files = self.scan("--database", signatures, *headers)
         self.assertEqual((status, summary["from_cache"]), (1, 0), "a record of another engine is no answer")
         self.assertIn("Test.Found", files[headers[0].encode()]["name"])
+        for bit in (8, 12, 19, 31):  # as if the records of an older set had outlived their deletion
+            self.change_records(f"FTV = (FTV | {1 << bit}) - (FTV & {1 << bit})")
+            self.assertEqual(self.states(headers[0]), [("known", 48)], "people may still ask")
+            self.assertEqual(self.scan("--database", signatures, *headers)[1]["from_cache"], 0, bit)
 
     def test_interrupted_scan_keeps_what_it_has(self):
         fifo = self.top / "list"

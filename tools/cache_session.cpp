@@ -67,6 +67,7 @@ bool WaitForDropping(const CInstallRoot &root) {
 
 bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, std::string &strWhy,
                           std::string &strRemark) {
+    m_uTag = SignatureTag(strFingerprint);
     if (!root.Prepare(strWhy) || !MarkChangedSignatures(root, strFingerprint, strWhy))
         return false;
     if (Exists(root.HashMarker()) && !Exists(root.WithdrawnList()))
@@ -97,6 +98,19 @@ void CCacheSession::Stop() {
             (void)LocalCacheDeleteByFileHash(strMD5.c_str());
         (void)LocalCacheUnInit();
     }
+}
+
+bool CCacheSession::Find(const std::string &strPath, _FileVerdict &verdict) const {
+    char szMD5[TARN_MD5_TEXT_SIZE] = {};
+    _SCAN_FILE_RESULT record{};
+    return LocalCacheLookup(strPath.c_str(), szMD5, &record) == TARN_OK && FromRecord(record, szMD5, m_uTag, verdict);
+}
+
+bool CCacheSession::Add(const std::string &strPath, const _FileVerdict &verdict) {
+    _SCAN_FILE_RESULT record = ToRecord(verdict, m_uTag);
+    if (LocalCacheAdd(strPath.c_str(), verdict.strMD5.c_str(), &record) != TARN_OK)
+        return false;
+    return true;
 }
 
 void CCacheSession::TakeBack(const std::string &strMD5) {

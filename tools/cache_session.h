@@ -2,6 +2,7 @@
 #ifndef TARN_TOOLS_CACHE_SESSION_H
 #define TARN_TOOLS_CACHE_SESSION_H
 
+#include "tools/file_verdict.h"
 #include "tools/install_root.h"
 
 #include <mutex>
@@ -27,12 +28,19 @@ class CCacheSession {
 
     bool IsInUse() const { return m_bInUse; }
 
+    // True when the cache knows the file, unchanged, by a verdict of these very signatures.
+    bool Find(const std::string &strPath, _FileVerdict &verdict) const;
+
+    // False when the cache refuses the verdict.
+    bool Add(const std::string &strPath, const _FileVerdict &verdict);
+
     // A record with this MD5 was added for a file that changed in that very moment; Stop deletes it.
     void TakeBack(const std::string &strMD5);
 
   private:
-    bool m_bInUse = false; // constant while workers run
-    std::mutex m_mutex;    // guards the list
+    bool m_bInUse = false; // constant while workers run, like the tag
+    uint32_t m_uTag = 0;
+    std::mutex m_mutex; // guards the list
     std::vector<std::string> m_vecTakenBack;
 };
 

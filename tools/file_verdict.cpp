@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstring>
 
 namespace {
@@ -10,6 +11,10 @@ constexpr int32_t kEngineCode = 48; // the engine whose records the marker clean
 constexpr uint32_t kStateMask = 0x1F;
 constexpr uint32_t kStateInfected = 1;
 constexpr uint32_t kInfectedBit = 1u << 18;
+constexpr uint32_t kLowTagBits = 0x1F; // 5 bits from bit 8 on; the other 13 from bit 19 on
+constexpr int kLowTagShift = 8;
+constexpr int kHighTagShift = 19 - 5;
+constexpr uint32_t kTagBits = 0xFFF81F00;
 
 struct _TypeRule {
     std::string_view prefix;
@@ -71,10 +76,17 @@ const char *VerdictName(EVerdict eVerdict) {
     return names[static_cast<size_t>(eVerdict)];
 }
 
-_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict) {
+uint32_t SignatureTag(std::string_view fingerprint) {
+    uint32_t uNumber = 0;
+    (void)std::from_chars(fingerprint.data(), fingerprint.data() + std::min<size_t>(fingerprint.size(), 8), uNumber,
+                          16);
+    return (uNumber & kLowTagBits) << kLowTagShift | (uNumber & ~kLowTagBits) << kHighTagShift;
+}
+
+_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict, uint32_t uTag) {
     _SCAN_FILE_RESULT record{};
     record.lEngineCode = kEngineCode;
-    record.ulFlags = static_cast<uint32_t>(verdict.eType);
+    record.ulFlags = static_cast<uint32_t>(verdict.eType) | uTag;
     if (verdict.eVerdict == EVerdict::Infected) {
         record.ulFlags |= kInfectedBit | (kStateInfected << TARN_RESULT_STATE_SHIFT);
         const std::string strName = StoredName(verdict.strName);
@@ -83,7 +95,7 @@ _SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict) {
     return record;
 }
 
-bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, _FileVerdict &verdict) {
+bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, uint32_t uTag, _FileVerdict &verdict) {
     const uint32_t uFlags = record.ulFlags;
     const uint32_t uState = (uFlags >> TARN_RESULT_STATE_SHIFT) & kStateMask;
     const bool bInfected = uState == kStateInfected;
@@ -91,6 +103,7 @@ bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, _FileVerdic
     verdict.strName.assign(record.szVirusDesc, strnlen(record.szVirusDesc, TARN_VIRUS_DESC_SIZE));
     verdict.eType = TypeOfFlags(uFlags);
     verdict.strMD5 = pszMD5;
-    return record.lEngineCode == kEngineCode && bInfected == ((uFlags & kInfectedBit) != 0) &&
-           bInfected == !verdict.strName.empty() && (bInfected || uState == 0);
+    return record.lEngineCode == kEngineCode && (uFlags & kTagBits) == uTag &&
+           bInfected == ((uFlags & kInfectedBit) != 0) && bInfected == !verdict.strName.empty() &&
+           (bInfected || uState == 0);
 }

@@ -44,12 +44,20 @@ EFileType TypeOfFlags(uint32_t uFlags);
 const char *TypeName(EFileType eType);
 const char *VerdictName(EVerdict eVerdict);
 
-// The record to add for a clean or infected file: engine 48; flag word with the file type in bits 0-7, the result
-// state in bits 13-17 (0 clean, 1 infected) and bit 18 set when infected.
-_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict);
+// What tells the records of one signature set from those of another: 18 bits of the set's fingerprint, in their places
+// in the flag word.
+uint32_t SignatureTag(std::string_view fingerprint);
 
-// The verdict in a record that the cache gave. False when another engine made it or it does not hold together; the
-// file has to be scanned then.
-bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, _FileVerdict &verdict);
+// The record to add for a clean or infected file: engine 48, and the flag word
+//   bits 0-7           file type
+//   bits 13-17         result state: 0 clean, 1 infected
+//   bit 18             set when infected
+//   bits 8-12, 19-31   the tag of the signatures that gave the verdict
+_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict, uint32_t uTag);
+
+// The verdict in a record that the cache gave. False when another engine or other signatures made it, or when it does
+// not hold together; the file has to be scanned then. Outdated records are normally deleted, but that may fail or come
+// before the last of them is written.
+bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, uint32_t uTag, _FileVerdict &verdict);
 
 #endif

@@ -75,11 +75,8 @@ void CScanWorker::LookAt(const _ScanJob &job) {
 bool CScanWorker::AskCache(_FileReport &file) const {
     if (!m_shared.cache.IsInUse() || file.strPath.size() >= kLongestCachedPath)
         return false;
-    char szMD5[TARN_MD5_TEXT_SIZE] = {};
-    _SCAN_FILE_RESULT record{};
     _FileVerdict verdict;
-    file.bFromCache =
-        LocalCacheLookup(file.strPath.c_str(), szMD5, &record) == TARN_OK && FromRecord(record, szMD5, verdict);
+    file.bFromCache = m_shared.cache.Find(file.strPath, verdict);
     if (file.bFromCache)
         file.verdict = verdict;
     return file.bFromCache;
@@ -183,8 +180,7 @@ ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _Statu
 ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport &file) {
     if (!m_shared.cache.IsInUse())
         return ENotCached::Cached;
-    _SCAN_FILE_RESULT record = ToRecord(file.verdict);
-    if (LocalCacheAdd(file.strPath.c_str(), file.verdict.strMD5.c_str(), &record) != TARN_OK)
+    if (!m_shared.cache.Add(file.strPath, file.verdict))
         return ENotCached::Refused;
     struct stat after {};
     if (lstat(file.strPath.c_str(), &after) == 0 && IsUnchanged(before, after))
