@@ -3,6 +3,7 @@
 Only files that have lain unchanged for two seconds are cached, and no test waits for that: what has to be cached is
 taken from folders of installed packages, what must not be cached is made here.
 """
+import fcntl
 import hashlib
 import json
 import os
@@ -167,7 +168,8 @@ class Tool(unittest.TestCase):
         self.assertEqual(status, 1)
         self.assertEqual(summary["skipped"], {"links": 2, "not_a_file": 1, "excluded": 0, "kernel_files": 1,
                                               "own_files": 2})
-        self.assertCountEqual(files, [f"{self.tree}/sub/eicar".encode(), f"{self.root}/engine/signatures.id".encode()])
+        engine = [f"{self.root}/engine/{name}".encode() for name in ("scan.lock", "signatures.id", "update.lock")]
+        self.assertCountEqual(files, [f"{self.tree}/sub/eicar".encode(), *engine])
         for exclude in ("sub", "*/sub/eic*", "e[i]car", f"{self.tree}/sub/", os.path.relpath(self.tree) + "/s?b"):
             self.assertEqual(self.scan("--exclude", exclude, self.tree)[0], 0, exclude)
         _, _, files = self.scan(self.tree / "link")
@@ -223,6 +225,34 @@ class Tool(unittest.TestCase):
         digests = {md5(path) for path in paths}
         self.assertEqual(sorted(again), sorted(str(p) for p in Path(CLEAN).iterdir() if md5(p) in digests))
         self.assertFalse(marker.exists() or listed.exists())
+
+    def test_list_that_does_not_open_keeps_the_cache_off_at_once_and_is_kept(self):
+        self.scan(CLEAN)
+        self.run_tool("withdraw", "--engine-version", "1", text=md5(f"{CLEAN}/ssl.h").encode())
+        key = self.root / "config/business.ini"
+        right = key.read_text()
+        for wrong in ("", f"[avscan]\nmor_secret={'5a' * 14}\n"):
+            key.write_text(wrong)
+            summary = self.scan(CLEAN)[1]
+            self.assertTrue(not summary["cache_used"] and summary["seconds"] < 20, wrong)
+            self.assertIn("business.ini", summary["cache_off"])
+        key.write_text(right)
+        self.assertEqual(self.scan(CLEAN)[1]["scanned"], 1)
+
+    def test_scans_and_updaters_wait_or_keep_out_of_the_way(self):
+        self.scan(CLEAN)
+        with open(self.root / "engine/scan.lock", "w") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            self.assertIn("another scan", self.scan(CLEAN)[1]["cache_off"])
+        arguments = [TOOL, "withdraw", "--root", self.root, "--engine-version", "1", self.top / "list"]
+        (self.top / "list").write_text("0" * 32)
+        with open(self.root / "engine/update.lock", "w") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            with subprocess.Popen(arguments, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE) as tool:
+                self.assertIn(b"waiting", tool.stderr.readline())
+                self.assertFalse((self.root / "engine/clean_engine_hash_flag").exists())
+                fcntl.flock(lock, fcntl.LOCK_UN)
+        self.assertEqual((tool.returncode, self.scan(CLEAN)[1]["from_cache"] > 0), (0, True))
 
     def test_find_and_forget(self):
         path = f"{INFECTED}/clam.exe"

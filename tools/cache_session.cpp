@@ -3,6 +3,7 @@
 #include "tools/atomic_file.h"
 #include "tools/interrupt.h"
 #include "tools/text.h"
+#include "tools/withdrawn_list.h"
 
 #include <tarncache.h>
 
@@ -13,8 +14,9 @@
 
 namespace {
 
-constexpr int kLongestWait = 60; // seconds for the cache to drop what the markers tell
+constexpr int kLongestWait = 60; // seconds for a marker to go
 constexpr int kPollStep = 5;     // milliseconds
+constexpr int kNoteAfter = 3;    // seconds
 
 std::string CodeText(uint32_t uCode) {
     std::array<char, 16> buffer{};
@@ -23,9 +25,11 @@ std::string CodeText(uint32_t uCode) {
 }
 
 std::string StartFailure(const CInstallRoot &root, uint32_t uCode) {
-    return "the cache does not start (" + CodeText(uCode) + "); check that " + EscapeName(root.CacheFolder()) +
-           " can be written to, that its disk is not nearly full (diskthreshold in " +
-           EscapeName(root.Below("config/tarncfg.ini")) + ") and what the log says with TARN_LOG_LEVEL=debug";
+    const std::string strFolder = EscapeName(root.CacheFolder());
+    return "the cache does not start (" + CodeText(uCode) + "): " + strFolder +
+           " cannot be written to, its disk is nearly full (diskthreshold in " + EscapeName(root.ConfigFile()) +
+           "), its database is in use by another process, or it is damaged: then delete " + strFolder +
+           "/morcache.db while nothing uses it, the files are scanned once more; TARN_LOG_LEVEL=debug tells which";
 }
 
 bool HasRecords(const CInstallRoot &root) {
@@ -52,12 +56,36 @@ bool IsListPending(const CInstallRoot &root) {
     return Exists(root.HashMarker()) && Exists(root.WithdrawnList());
 }
 
-// The cache drops records on its writer thread after the start. A look-up before that could still answer from them.
-bool WaitForDropping(const CInstallRoot &root) {
-    const timespec step{0, kPollStep * 1000000L};
-    for (int nSteps = kLongestWait * 1000 / kPollStep; nSteps > 0; --nSteps) {
-        if ((!Exists(root.EngineMarker()) && !IsListPending(root)) || CInterrupt::StopFlag().load())
+std::filesystem::file_time_type ChangeTime(const std::string &strPath) {
+    std::error_code error;
+    return std::filesystem::last_write_time(strPath, error);
+}
+
+// What the cache finds at its start.
+struct _Found {
+    bool bList;                                    // a pending one
+    std::filesystem::file_time_type configuration; // when it was written last
+};
+
+// The cache drops records on its writer thread after the start. A look-up before that could still answer from them. A
+// list takes as long as it takes: one that is given up would be begun anew by every scan. Only when the writer has gone
+// on to rewrite its configuration, and the list is still there, has it refused the list. The marker goes after its
+// list, and only then may an updater leave the next one.
+bool WaitForDropping(const CInstallRoot &root, const _Found &found, CScanReport &report) {
+    constexpr int nStepsInSecond = 1000 / kPollStep;
+    constexpr timespec step{0, kPollStep * 1000000L};
+    int nIdle = 0;
+    for (int nSteps = 1; nIdle < kLongestWait * nStepsInSecond; ++nSteps) {
+        const bool bPending = Exists(root.EngineMarker()) || (found.bList && Exists(root.HashMarker()));
+        if (!bPending || CInterrupt::StopFlag().load())
             return true;
+        const bool bAtWork =
+            found.bList && Exists(root.WithdrawnList()) && ChangeTime(root.ConfigFile()) == found.configuration;
+        nIdle = bAtWork ? 0 : nIdle + 1;
+        if (nSteps == kNoteAfter * nStepsInSecond)
+            report.Note("the cache drops outdated verdicts first; the scan begins when that is done");
+        if (nSteps % nStepsInSecond == 0)
+            report.Progress("dropping outdated verdicts, " + DurationText(nSteps * kPollStep / 1000.0));
         (void)nanosleep(&step, nullptr);
     }
     return false;
@@ -65,25 +93,51 @@ bool WaitForDropping(const CInstallRoot &root) {
 
 } // namespace
 
-bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, std::string &strWhy,
-                          std::string &strRemark) {
+bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report,
+                          std::string &strWhy) {
     m_uTag = SignatureTag(strFingerprint);
-    if (!root.Prepare(strWhy) || !MarkChangedSignatures(root, strFingerprint, strWhy))
+    if (!root.Prepare(strWhy))
         return false;
-    if (Exists(root.HashMarker()) && !Exists(root.WithdrawnList()))
-        strRemark = EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again";
+    strWhy = "another scan is using it";
+    if (m_scanLock.TryTake(root.ScanLock(), strWhy) != ELock::Taken)
+        return false;
+    const auto note = [&report] { report.Note("waiting for digests that are being withdrawn"); };
+    const std::atomic<bool> &bStop = CInterrupt::StopFlag();
+    strWhy = "interrupted";
+    const bool bDone = m_updateLock.Take(root.UpdateLock(), bStop, note, strWhy) == ELock::Taken &&
+                       Open(root, strFingerprint, report, strWhy);
+    report.Progress("");
+    // After an interruption the writer may still be at work on the list, until the cache is closed.
+    if (!bDone || !bStop.load())
+        m_updateLock.Release();
+    if (!bDone)
+        m_scanLock.Release();
+    return bDone;
+}
+
+bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report,
+                         std::string &strWhy) {
+    if (!MarkChangedSignatures(root, strFingerprint, strWhy))
+        return false;
+    std::string strDigests;
+    bool bMissing = false;
+    const _Found found{IsListPending(root), ChangeTime(root.ConfigFile())};
+    if (found.bList && !ReadPendingList(root, strDigests, bMissing, strWhy))
+        return false;
+    std::string().swap(strDigests); // it may be long
+    if (Exists(root.HashMarker()) && !found.bList)
+        report.Note(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
     const uint32_t uCode = LocalCacheInit();
     if (uCode != TARN_OK) {
         strWhy = StartFailure(root, uCode);
         return false;
     }
     m_bInUse = true;
-    if (WaitForDropping(root))
+    if (WaitForDropping(root, found, report))
         return true;
     Stop();
     strWhy = "the cache did not drop outdated verdicts within " + std::to_string(kLongestWait) + " seconds; check " +
-             EscapeName(root.HashMarker()) + ", " + EscapeName(root.WithdrawnList()) + " and the key in " +
-             EscapeName(root.KeyFile());
+             EscapeName(root.EngineMarker()) + " and " + EscapeName(root.HashMarker());
     return false;
 }
 
@@ -98,6 +152,8 @@ void CCacheSession::Stop() {
             (void)LocalCacheDeleteByFileHash(strMD5.c_str());
         (void)LocalCacheUnInit();
     }
+    m_updateLock.Release();
+    m_scanLock.Release();
 }
 
 bool CCacheSession::Find(const std::string &strPath, _FileVerdict &verdict) const {

@@ -2,8 +2,10 @@
 #ifndef TARN_TOOLS_CACHE_SESSION_H
 #define TARN_TOOLS_CACHE_SESSION_H
 
+#include "tools/file_lock.h"
 #include "tools/file_verdict.h"
 #include "tools/install_root.h"
+#include "tools/report.h"
 
 #include <mutex>
 #include <string>
@@ -18,10 +20,9 @@ class CCacheSession {
     ~CCacheSession() { Stop(); }
 
     // Sets the installation folder up, marks the engine's records for dropping when the signatures are not those of
-    // the last scan, starts the cache and waits until it has dropped what it was told to. False when it cannot be
-    // used, with the reason and what to check in *strWhy. *strRemark gets what the operator should know otherwise.
-    bool Start(const CInstallRoot &root, const std::string &strFingerprint, std::string &strWhy,
-               std::string &strRemark);
+    // the last scan, starts the cache and waits until it has dropped what it was told to, however long that takes.
+    // False when it cannot be used, another scan's use included, with the reason and what to check in *strWhy.
+    bool Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
 
     // Writes everything that is queued and closes the cache.
     void Stop();
@@ -38,9 +39,13 @@ class CCacheSession {
     void TakeBack(const std::string &strMD5);
 
   private:
+    bool Open(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
+
     bool m_bInUse = false; // constant while workers run, like the tag
     uint32_t m_uTag = 0;
-    std::mutex m_mutex; // guards the list
+    CFileLock m_scanLock;   // for as long as the cache is used
+    CFileLock m_updateLock; // until what was pending is dropped
+    std::mutex m_mutex;     // guards the list
     std::vector<std::string> m_vecTakenBack;
 };
 

@@ -130,13 +130,12 @@ bool CInstallRoot::Prepare(std::string &strError) const {
         if (!MakeFolder(strFolder, rule.mode, strError) || !IsTrusted(strFolder, rule.forbidden, strError))
             return false;
     }
-    const std::string strConfig = Below("config/tarncfg.ini");
-    if (!Exists(strConfig) && !WriteFileAtomically(strConfig, kDefaultConfig, 0644, EExisting::Keep, strError))
+    if (!Exists(ConfigFile()) && !WriteFileAtomically(ConfigFile(), kDefaultConfig, 0644, EExisting::Keep, strError))
         return false;
     // Trouble with a key that is there is for those who need it.
     return Exists(KeyFile()) || EnsureBusinessKey(KeyFile(), strError);
 }
 
 bool CInstallRoot::IsSetUp() const {
-    return Exists(Below("config/tarncfg.ini")) && Exists(Below("engine"));
+    return Exists(ConfigFile()) && Exists(Below("engine"));
 }

@@ -31,6 +31,9 @@ class CInstallRoot {
     std::string HashMarker() const { return Below("engine/clean_engine_hash_flag"); }
     std::string WithdrawnList() const { return Below("engine/kelmorehash/update_cache.dat"); }
     std::string SignatureId() const { return Below("engine/signatures.id"); }
+    std::string ScanLock() const { return Below("engine/scan.lock"); }     // held by the scan that uses the cache
+    std::string UpdateLock() const { return Below("engine/update.lock"); } // held while markers are left or consumed
+    std::string ConfigFile() const { return Below("config/tarncfg.ini"); }
     std::string KeyFile() const { return Below("config/business.ini"); }
 
   private:

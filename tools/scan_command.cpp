@@ -153,13 +153,11 @@ class CScanRun {
 // Starts the cache; a scan goes on without one.
 std::string StartCache(const _ScanOptions &options, const CInstallRoot &root, const _SignatureSet &signatures,
                        CCacheSession &cache, CScanReport &report) {
-    std::string strWhy = "--no-cache";
-    std::string strRemark;
-    if (options.bNoCache || cache.Start(root, signatures.strFingerprint, strWhy, strRemark)) {
-        if (!strRemark.empty())
-            report.Note(strRemark);
-        return options.bNoCache ? strWhy : std::string();
-    }
+    std::string strWhy;
+    if (options.bNoCache)
+        return "--no-cache";
+    if (cache.Start(root, signatures.strFingerprint, report, strWhy))
+        return {};
     report.Warn("scanning without the cache: " + strWhy);
     return strWhy;
 }

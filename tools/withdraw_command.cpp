@@ -4,51 +4,35 @@
 
 #include "tools/atomic_file.h"
 #include "tools/business_key.h"
+#include "tools/file_lock.h"
 #include "tools/install_root.h"
+#include "tools/interrupt.h"
 #include "tools/md5_list.h"
 #include "tools/text.h"
-
-#include <nettle/arcfour.h>
+#include "tools/withdrawn_list.h"
 
 #include <algorithm>
-#include <array>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 
 namespace {
 
-constexpr size_t kCipherBlock = 256;           // bytes after which the key stream begins anew
-constexpr uint64_t kLargestList = 0xFFFFFFFFu; // bytes; the cache refuses more
-constexpr size_t kLongestVersion = 99;         // bytes; the cache cuts more
+constexpr size_t kLongestVersion = 99; // bytes; the cache cuts more
 constexpr std::string_view kVersionName = "tarncache:";
 
-// Enciphers or deciphers: every block of 256 bytes is combined with the same start of the key's RC4 stream.
-void Encipher(const std::string &strKey, std::string &strText) {
-    arcfour_ctx cipher;
-    arcfour_set_key(&cipher, strKey.size(), reinterpret_cast<const uint8_t *>(strKey.data()));
-    std::array<uint8_t, kCipherBlock> stream{};
-    arcfour_crypt(&cipher, stream.size(), stream.data(), stream.data());
-    for (size_t index = 0; index < strText.size(); ++index)
-        strText[index] = static_cast<char>(static_cast<uint8_t>(strText[index]) ^ stream[index % kCipherBlock]);
-}
-
 // A list that the cache has not taken yet must not be lost: its digests join the new ones. False when there is one
-// that this key does not open; nobody but the operator can tell then what it is.
-bool TakePending(const CInstallRoot &root, const std::string &strKey, std::vector<std::string> &vecMD5,
-                 std::string &strError) {
-    std::string strText;
+// that does not open or is not of this program's making; nobody but the operator can tell then what it is.
+bool TakePending(const CInstallRoot &root, std::vector<std::string> &vecMD5, std::string &strError) {
+    std::string strDigests;
     bool bMissing = false;
-    if (!ReadWholeFile(root.WithdrawnList(), kLargestList, strText, bMissing, strError))
+    if (!ReadPendingList(root, strDigests, bMissing, strError))
         return bMissing;
-    Encipher(strKey, strText);
-    const size_t lineEnd = strText.find('\n');
-    std::istringstream lines(lineEnd == std::string::npos ? "" : strText.substr(lineEnd + 1));
-    if (lineEnd != std::string::npos && strText.find(':') < lineEnd &&
-        ReadMD5Lines(lines, "pending list", vecMD5, strError))
+    std::istringstream lines(strDigests);
+    if (ReadMD5Lines(lines, "pending list", vecMD5, strError))
         return true;
-    strError = EscapeName(root.WithdrawnList()) + " is pending and does not open with the key in " +
-               EscapeName(root.KeyFile()) + "; let a scan take it, or remove it";
+    strError =
+        EscapeName(root.WithdrawnList()) + " is pending and holds more than MD5s; let a scan take it, or remove it";
     return false;
 }
 
@@ -84,14 +68,20 @@ int RunWithdraw(const _WithdrawOptions &options) {
         return Finish("Nothing to withdraw.\n", kExitClean);
     const CInstallRoot root(options.strRoot);
     if (!root.Prepare(strError) || !EnsureBusinessKey(root.KeyFile(), strError) ||
-        !ReadBusinessKey(root.KeyFile(), strKey, strError) || !TakePending(root, strKey, vecMD5, strError))
+        !ReadBusinessKey(root.KeyFile(), strKey, strError))
+        return Trouble(strError);
+    // A scan that takes an earlier list removes what lies in its place afterwards.
+    CFileLock lock;
+    const auto note = [] { (void)Trouble("waiting for a scan that takes an earlier list"); };
+    if (lock.Take(root.UpdateLock(), CInterrupt::StopFlag(), note, strError) != ELock::Taken ||
+        !TakePending(root, vecMD5, strError))
         return Trouble(strError);
     std::sort(vecMD5.begin(), vecMD5.end());
     vecMD5.erase(std::unique(vecMD5.begin(), vecMD5.end()), vecMD5.end());
     std::string strText = ListText(options.strVersion, vecMD5);
-    if (strText.size() > kLargestList)
+    if (strText.size() > kLargestWithdrawnList)
         return Trouble("the list is too long; withdraw it in parts, with a scan between them");
-    Encipher(strKey, strText);
+    EncipherList(strKey, strText);
     // The list first: whoever sees the marker has to find the list.
     if (!WriteFileAtomically(root.WithdrawnList(), strText, 0600, EExisting::Replace, strError) ||
         !WriteFileAtomically(root.HashMarker(), "", 0600, EExisting::Replace, strError))

@@ -1,0 +1,32 @@
+#include "tools/file_lock.h"
+
+#include "tools/text.h"
+
+#include <ctime>
+#include <sys/file.h>
+
+ELock CFileLock::TryTake(const std::string &strPath, std::string &strError) {
+    CDescriptor file(open(strPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    if (file.IsOpen() && flock(file.Get(), LOCK_EX | LOCK_NB) == 0) {
+        m_file = std::move(file);
+        return ELock::Taken;
+    }
+    if (file.IsOpen() && errno == EWOULDBLOCK)
+        return ELock::Busy;
+    strError = "cannot lock " + ErrnoText(strPath, errno);
+    return ELock::Failed;
+}
+
+ELock CFileLock::Take(const std::string &strPath, const std::atomic<bool> &bStop,
+                      const std::function<void()> &onWaiting, std::string &strError) {
+    constexpr timespec step{0, 20000000}; // 20 milliseconds
+    constexpr int nPatience = 50;         // steps; a second
+    ELock eLock = TryTake(strPath, strError);
+    for (int nSteps = 1; eLock == ELock::Busy && !bStop.load(); ++nSteps) {
+        if (nSteps == nPatience)
+            onWaiting();
+        (void)nanosleep(&step, nullptr);
+        eLock = TryTake(strPath, strError);
+    }
+    return eLock;
+}
