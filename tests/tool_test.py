@@ -254,6 +254,23 @@ class Tool(unittest.TestCase):
                 fcntl.flock(lock, fcntl.LOCK_UN)
         self.assertEqual((tool.returncode, self.scan(CLEAN)[1]["from_cache"] > 0), (0, True))
 
+    def test_verdicts_that_cannot_be_stored_are_told(self):
+        """A writer elsewhere makes insertions fail, a reader the commit of a whole batch."""
+        fifo = self.top / "list"
+        os.mkfifo(fifo)
+        for statement in ("begin immediate", "begin; select * from CT"):
+            arguments = [TOOL, "scan", "--json", "--root", self.root, "-f", fifo]
+            with subprocess.Popen(arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
+                with open(fifo, "w") as file:  # from here on the cache has started
+                    database = sqlite3.connect(self.root / "engine/cache/morcache.db", isolation_level=None)
+                    for part in statement.split("; "):
+                        database.execute(part).fetchone()
+                    file.write(f"{CLEAN}/ssl.h\n{CLEAN}/bio.h\n")
+                out, err = tool.communicate(timeout=60)
+            database.close()
+            self.assertEqual(json.loads(out.splitlines()[-1])["not_cached"]["not_stored"], 2, statement)
+            self.assertIn(b"could not be stored", err)
+
     def test_find_and_forget(self):
         path = f"{INFECTED}/clam.exe"
         self.scan(path)

@@ -166,6 +166,7 @@ bool CCacheSession::Add(const std::string &strPath, const _FileVerdict &verdict)
     _SCAN_FILE_RESULT record = ToRecord(verdict, m_uTag);
     if (LocalCacheAdd(strPath.c_str(), verdict.strMD5.c_str(), &record) != TARN_OK)
         return false;
+    m_added.Note(strPath);
     return true;
 }
 

@@ -2,6 +2,7 @@
 #ifndef TARN_TOOLS_CACHE_SESSION_H
 #define TARN_TOOLS_CACHE_SESSION_H
 
+#include "tools/added_records.h"
 #include "tools/file_lock.h"
 #include "tools/file_verdict.h"
 #include "tools/install_root.h"
@@ -24,6 +25,9 @@ class CCacheSession {
     // False when it cannot be used, another scan's use included, with the reason and what to check in *strWhy.
     bool Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
 
+    // Waits for the writer when anything was added; returns how many records it could not store.
+    uint64_t CountLost() const { return m_bInUse ? m_added.CountLost(m_uTag) : 0; }
+
     // Writes everything that is queued and closes the cache.
     void Stop();
 
@@ -45,7 +49,8 @@ class CCacheSession {
     uint32_t m_uTag = 0;
     CFileLock m_scanLock;   // for as long as the cache is used
     CFileLock m_updateLock; // until what was pending is dropped
-    std::mutex m_mutex;     // guards the list
+    CAddedRecords m_added;
+    std::mutex m_mutex; // guards the list
     std::vector<std::string> m_vecTakenBack;
 };
 

@@ -162,6 +162,17 @@ std::string StartCache(const _ScanOptions &options, const CInstallRoot &root, co
     return strWhy;
 }
 
+// Without a word a full disk would leave every scan as slow as the first.
+void StopCache(CCacheSession &cache, CScanReport &report, _ScanCounters &counters) {
+    const uint64_t nLost = cache.CountLost();
+    if (nLost != 0)
+        report.Warn("about " + std::to_string(nLost) +
+                    " verdicts could not be stored in the cache: its disk or the file size "
+                    "limit (ulimit -f) is full, or another process uses its database");
+    counters.notCached[static_cast<size_t>(ENotCached::NotStored)] += nLost;
+    cache.Stop();
+}
+
 int ExitStatus(const _ScanCounters &counters, const CScanReport &report) {
     if (CInterrupt::BySignal())
         return kExitInterrupted;
@@ -211,7 +222,7 @@ int RunScan(const _ScanOptions &options) {
     const COwnFiles ownFiles({root.CacheFolder(), temporary.Path()});
     if (!CScanRun(options, *pEngine, cache, ownFiles, report, counters, nThreads).Run())
         return Trouble("cannot start the worker threads");
-    cache.Stop();
+    StopCache(cache, report, counters);
     summary.scanSeconds = SecondsSince(scanStart);
     summary.bInterrupted = CInterrupt::StopFlag().load();
     report.Summary(summary);

@@ -16,6 +16,7 @@ enum class ENotCached {
     LimitExceeded,
     PathTooLong,
     Refused,
+    NotStored, // the cache took it, but could not write it; found at the end, for no file in particular
     Interrupted,
 };
 
@@ -35,7 +36,7 @@ constexpr std::array<_ReasonText, 5> kSkippedTexts{{
     {"the cache's own files", "own_files"},
 }};
 
-constexpr std::array<_ReasonText, 9> kNotCachedTexts{{
+constexpr std::array<_ReasonText, 10> kNotCachedTexts{{
     {"", ""},
     {"changed within 2 seconds", "too_new"},
     {"changed during the scan", "changed_during_scan"},
@@ -44,6 +45,7 @@ constexpr std::array<_ReasonText, 9> kNotCachedTexts{{
     {"limit exceeded", "limit_exceeded"},
     {"path too long", "path_too_long"},
     {"refused by the cache", "refused"},
+    {"could not be stored", "not_stored"},
     {"interrupted", "interrupted"},
 }};
 
