@@ -85,6 +85,25 @@ class Tool(unittest.TestCase):
         status, summary, _ = self.scan(path)
         self.assertEqual((status, summary["from_cache"]), (1, 0))
 
+    def test_nothing_is_clean_without_room_to_unpack(self):
+        status, _, err = self.run_tool("scan", CLEAN, env={**os.environ, "TMPDIR": "/nonexistent"})
+        self.assertEqual((status, self.root.exists()), (2, False))
+        self.assertIn("TMPDIR", err)
+
+    def test_abandoned_temporary_folders_go(self):
+        environment = {**os.environ, "TMPDIR": str(self.tree)}
+        os.mkfifo(self.top / "list")
+        (self.top / "kept").mkdir()
+        (self.tree / "tarncache-linked").symlink_to(self.top / "kept")
+        with subprocess.Popen([TOOL, "scan", "--no-cache", "-q", "-f", self.top / "list"], env=environment) as tool:
+            with open(self.top / "list", "w"):  # opens when the scan has begun, and the list has no end
+                self.assertEqual(self.run_tool("scan", CLEAN, env=environment)[0], 0)
+                self.assertEqual(len(os.listdir(self.tree)), 2, "the folder of a running scan stays")
+                tool.kill()
+        (next(path for path in self.tree.iterdir() if path.is_dir() and not path.is_symlink()) / "rest").touch()
+        self.assertEqual(self.run_tool("scan", CLEAN, env=environment)[0], 0)
+        self.assertEqual(os.listdir(self.tree), ["tarncache-linked"])
+
     def test_changed_file_is_scanned_again(self):
         path = f"{INFECTED}/clam.exe"
         self.scan(path)

@@ -197,6 +197,8 @@ int RunScan(const _ScanOptions &options) {
     _SignatureSet signatures;
     const unsigned nThreads = options.nThreads != 0 ? options.nThreads : ProcessorCount();
     const CTemporaryFolder temporary(nThreads * options.limits.uMaxScanSize);
+    if (temporary.Path().empty())
+        return Trouble(temporary.Error());
     report.Progress("loading the signatures");
     const Clock::time_point loadStart = Clock::now();
     // The fingerprint is taken before loading: signatures that are replaced meanwhile count as changed next time.

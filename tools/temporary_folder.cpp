@@ -1,17 +1,27 @@
 #include "tools/temporary_folder.h"
 
+#include "tools/text.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <linux/magic.h>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr const char *kMemoryFolder = "/dev/shm";
+constexpr const char *kDiskFolder = "/tmp";
+constexpr std::string_view kName = "tarncache-";
+constexpr std::string_view kRandomName = "XXXXXX";
 constexpr uint64_t kReserve = 4; // times the most that the engine may unpack
+constexpr int kAttempts = 8;
 
 // Bytes that the machine can still give.
 uint64_t AvailableMemory() {
@@ -64,15 +74,61 @@ bool FitsInMemory(uint64_t uMostBytes) {
     return uMostBytes != 0 && std::min({uFree, AvailableMemory(), MemoryLimit()}) / kReserve >= uMostBytes;
 }
 
+CDescriptor OpenFolder(const std::string &strPath) {
+    return CDescriptor(open(strPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+bool IsOurName(const std::string &strName) {
+    return strName.size() == kName.size() + kRandomName.size() && strName.starts_with(kName);
+}
+
+void RemoveAbandoned(const std::string &strParent) {
+    std::error_code error;
+    auto entry = std::filesystem::directory_iterator(strParent, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        if (!IsOurName(entry->path().filename().string()))
+            continue;
+        const CDescriptor folder = OpenFolder(entry->path().string());
+        struct stat status {};
+        std::error_code ignored;
+        if (folder.IsOpen() && fstat(folder.Get(), &status) == 0 && status.st_uid == geteuid() &&
+            flock(folder.Get(), LOCK_EX | LOCK_NB) == 0)
+            (void)std::filesystem::remove_all(entry->path(), ignored);
+    }
+}
+
 } // namespace
 
 CTemporaryFolder::CTemporaryFolder(uint64_t uMostBytes) {
     const char *pszParent = getenv("TMPDIR");
-    if (pszParent == nullptr || *pszParent != '/')
-        pszParent = FitsInMemory(uMostBytes) ? kMemoryFolder : "/tmp";
-    std::string strTemplate = std::string(pszParent) + "/tarncache-XXXXXX";
-    if (mkdtemp(strTemplate.data()) != nullptr)
-        m_strPath = strTemplate;
+    if (pszParent == nullptr || *pszParent != '/') {
+        // Both, and first: what a killed scan left in memory takes the room there.
+        RemoveAbandoned(kMemoryFolder);
+        RemoveAbandoned(kDiskFolder);
+        pszParent = FitsInMemory(uMostBytes) ? kMemoryFolder : kDiskFolder;
+    } else {
+        RemoveAbandoned(pszParent);
+    }
+    for (int nLeft = kAttempts; nLeft > 0 && !Make(pszParent); --nLeft) {
+    }
+    if (m_strPath.empty())
+        m_strError = "cannot make a temporary folder in " + ErrnoText(pszParent, errno) + "; see TMPDIR";
+}
+
+// A scan that starts at the same time may take the new folder for an abandoned one until it is locked.
+bool CTemporaryFolder::Make(const std::string &strParent) {
+    std::string strPath = strParent + "/";
+    strPath += kName;
+    strPath += kRandomName;
+    if (mkdtemp(strPath.data()) == nullptr)
+        return false;
+    m_folder = OpenFolder(strPath);
+    if (!m_folder.IsOpen())
+        return false;
+    (void)flock(m_folder.Get(), LOCK_EX); // where nothing can be locked, nothing is taken for abandoned either
+    if (access(strPath.c_str(), F_OK) == 0)
+        m_strPath = strPath;
+    return !m_strPath.empty();
 }
 
 CTemporaryFolder::~CTemporaryFolder() {
