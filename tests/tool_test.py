@@ -209,7 +209,8 @@ class Tool(unittest.TestCase):
         self.assertEqual((status, summary["errors"]), (2, 1))
         self.assertEqual(files[f"{self.tree}/secret".encode()]["verdict"], "error")
         self.assertEqual(self.scan(self.tree, **options)[0], 1, "infected files win")
-        for args in ([self.tree / "missing"], ["--database", self.tree, CLEAN], [], ["--threads", "0", CLEAN]):
+        for args in ([self.tree / "missing"], ["--database", self.tree, CLEAN],
+                     ["--database", "/etc/passwd", CLEAN], [], ["--threads", "0", CLEAN]):
             self.assertEqual(self.run_tool("scan", *args)[0], 2, args)
 
     def test_paths_that_are_too_long_are_scanned_but_not_cached(self):

@@ -29,7 +29,10 @@ void AddScan(CLI::App &app, _ScanOptions &options) {
     pScan->add_option("PATH", options.vecPaths, "Files and folders; a PATH that is a link stands for its target")
         ->type_name("");
     pScan->add_option("--root", options.strRoot, kRootHelp)->type_name("DIR");
-    pScan->add_option("--database,-d", options.strDatabase, "Signature file or folder of signature files")
+    pScan
+        ->add_option("--database,-d", options.strDatabase,
+                     "Signature file or folder of signature files; another set than last time "
+                     "drops the verdicts in this cache (not with --no-cache)")
         ->type_name("PATH");
     pScan->add_option("--threads,-t", options.nThreads, "Worker threads (default: the processors of this process)")
         ->check(CLI::Range(1u, 1024u).description(""));

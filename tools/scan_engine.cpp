@@ -85,9 +85,10 @@ std::unique_ptr<CScanEngine> CScanEngine::Load(const std::string &strSignatures,
     result = cl_load(strSignatures.c_str(), pEngine, &pLoaded->m_nSignatures, CL_DB_STDOPT);
     if (result == CL_SUCCESS)
         result = cl_engine_compile(pEngine);
-    if (result == CL_SUCCESS)
+    if (result == CL_SUCCESS && pLoaded->m_nSignatures != 0)
         return pLoaded;
-    strError = "cannot load the signatures in " + EscapeName(strSignatures) + ": " + cl_strerror(result);
+    strError = "cannot load the signatures in " + EscapeName(strSignatures) + ": " +
+               (result == CL_SUCCESS ? "there are none" : cl_strerror(result));
     return nullptr;
 }
 
