@@ -14,6 +14,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import zipfile
 from pathlib import Path
 
 TOOL = sys.argv.pop(1)
@@ -77,18 +78,38 @@ class Tool(unittest.TestCase):
         self.assertEqual(self.scan(CLEAN)[0], 0)
 
     def test_unfinished_scans_are_never_cached(self):
-        path = f"{INFECTED}/clam.zip"
-        for option, value in (("--max-scansize", "500"), ("--max-filesize", "300")):
+        paths = [f"{INFECTED}/clam.zip", f"{INFECTED}/clam.cab"]
+        for path, option, value in ((paths[0], "--max-scansize", "500"), (paths[0], "--max-filesize", "300"),
+                                    (paths[1], "--max-scansize", "1000")):  # cuts the member off without a word
             status, summary, files = self.scan(option, value, path)
             self.assertEqual((status, summary["not_cached"]["limit_exceeded"]), (0, 1), option)
             self.assertEqual(files[path.encode()]["verdict"], "limit exceeded", option)
-        status, summary, _ = self.scan(path)
-        self.assertEqual((status, summary["from_cache"]), (1, 0))
+        status, summary, _ = self.scan(*paths)
+        self.assertEqual((status, summary["infected"], summary["from_cache"]), (1, 2, 0))
+        for name, method in (("deflated", zipfile.ZIP_DEFLATED), ("bzip2", zipfile.ZIP_BZIP2)):
+            with zipfile.ZipFile(self.tree / "inner", "w", method) as inner:
+                inner.writestr("member", bytes(3000000))
+            with zipfile.ZipFile(self.tree / name, "w") as outer:
+                outer.write(self.tree / "inner")
+        (self.tree / "small").write_bytes(b"small")
+        for limit, verdict in (("2999999", "limit exceeded"), ("4000000", "clean")):
+            _, _, files = self.scan("--max-filesize", limit, self.tree)
+            verdicts = {os.path.basename(path): line["verdict"] for path, line in files.items()}
+            self.assertEqual(verdicts, {b"inner": verdict, b"deflated": verdict, b"bzip2": verdict, b"small": "clean"})
 
     def test_nothing_is_clean_without_room_to_unpack(self):
         status, _, err = self.run_tool("scan", CLEAN, env={**os.environ, "TMPDIR": "/nonexistent"})
         self.assertEqual((status, self.root.exists()), (2, False))
         self.assertIn("TMPDIR", err)
+        for option in ("size=4k", "nr_inodes=2", "nr_inodes=4"):
+            script = f'mount -t tmpfs -o {option} none "$TMPDIR" || exit 77; exec "$0" "$@"'
+            done = subprocess.run(["unshare", "-rm", "sh", "-c", script, TOOL, "scan", "--no-cache", "-v", "--json",
+                                   INFECTED], env={**os.environ, "TMPDIR": str(self.tree)}, capture_output=True,
+                                  timeout=120, check=False)
+            if b"unshare: " in done.stderr or done.returncode == 77:
+                self.skipTest("cannot mount a small file system here")
+            lines = [json.loads(line) for line in done.stdout.splitlines()]
+            self.assertEqual({line["verdict"] for line in lines[:-1]} - {"infected"}, {"error"}, option)
 
     def test_abandoned_temporary_folders_go(self):
         environment = {**os.environ, "TMPDIR": str(self.tree)}

@@ -204,7 +204,7 @@ int RunScan(const _ScanOptions &options) {
     // The fingerprint is taken before loading: signatures that are replaced meanwhile count as changed next time.
     std::unique_ptr<CScanEngine> pEngine;
     if (ChooseSignatureSet(options.strDatabase, signatures, strError))
-        pEngine = CScanEngine::Load(signatures.strPath, options.limits, temporary.Path(), strError);
+        pEngine = CScanEngine::Load(signatures.strPath, options.limits, temporary, strError);
     report.Progress("");
     if (pEngine == nullptr)
         return Trouble(strError);

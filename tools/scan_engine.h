@@ -3,6 +3,7 @@
 #define TARN_TOOLS_SCAN_ENGINE_H
 
 #include "tools/file_verdict.h"
+#include "tools/temporary_folder.h"
 
 #include <atomic>
 #include <cstdint>
@@ -20,9 +21,10 @@ struct _ScanLimits {
 // One counted reference to the compiled engine.
 class CScanEngine {
   public:
-    // Loads and compiles the signatures; may take many seconds. Null with the reason in *strError.
+    // Loads and compiles the signatures; may take many seconds. Null with the reason in *strError. The temporary
+    // folder has to outlive every reference.
     static std::unique_ptr<CScanEngine> Load(const std::string &strSignatures, const _ScanLimits &limits,
-                                             const std::string &strTemporaryFolder, std::string &strError);
+                                             const CTemporaryFolder &temporary, std::string &strError);
     CScanEngine(const CScanEngine &) = delete;
     CScanEngine &operator=(const CScanEngine &) = delete;
     ~CScanEngine();
@@ -30,20 +32,21 @@ class CScanEngine {
     // A further reference for another thread; null when the engine gives none.
     std::unique_ptr<CScanEngine> Share() const;
 
-    // Scans an open file from its beginning. Ends early, with EVerdict::Interrupted, once stop is set.
-    // *strError tells more about EVerdict::Error.
-    _FileVerdict ScanDescriptor(int fd, const std::atomic<bool> &stop, std::string &strError) const;
+    // Scans an open file of uSize bytes from its beginning. Ends early, with EVerdict::Interrupted, once stop is set.
+    // Clean is only what the engine has seen to its end. *strError tells more about EVerdict::Error.
+    _FileVerdict ScanDescriptor(int fd, uint64_t uSize, const std::atomic<bool> &stop, std::string &strError) const;
 
     unsigned SignatureCount() const { return m_nSignatures; }
-    uint64_t MaxFileSize() const { return m_uMaxFileSize; }
+    uint64_t MaxFileSize() const { return m_limits.uMaxFileSize; }
 
   private:
-    CScanEngine(cl_engine *pEngine, unsigned nSignatures, uint64_t uMaxFileSize)
-        : m_pEngine(pEngine), m_nSignatures(nSignatures), m_uMaxFileSize(uMaxFileSize) {}
+    CScanEngine(cl_engine *pEngine, const CTemporaryFolder &temporary, const _ScanLimits &limits)
+        : m_pEngine(pEngine), m_temporary(temporary), m_limits(limits) {}
 
     cl_engine *m_pEngine;
-    unsigned m_nSignatures;
-    uint64_t m_uMaxFileSize;
+    const CTemporaryFolder &m_temporary;
+    const _ScanLimits m_limits;
+    unsigned m_nSignatures = 0;
 };
 
 #endif

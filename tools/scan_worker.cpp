@@ -120,7 +120,7 @@ void CScanWorker::ReadAndScan(int fd, const struct stat &opened, _FileReport &fi
         file.strError = std::generic_category().message(errno);
         return;
     }
-    file.verdict = m_pEngine->ScanDescriptor(fd, m_shared.stop, file.strError);
+    file.verdict = m_pEngine->ScanDescriptor(fd, file.uSize, m_shared.stop, file.strError);
     file.verdict.strMD5 = strMD5;
 }
 

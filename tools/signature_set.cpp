@@ -18,7 +18,7 @@
 namespace {
 
 // Raised whenever the scan options or the meaning of a stored verdict change, so that older verdicts are dropped.
-constexpr std::string_view kScanPolicy = "policy 2";
+constexpr std::string_view kScanPolicy = "policy 3";
 
 // The extensions that the engine loads from a folder.
 constexpr std::array<std::string_view, 41> kExtensions{

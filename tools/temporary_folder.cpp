@@ -11,6 +11,7 @@
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -21,6 +22,8 @@ constexpr const char *kDiskFolder = "/tmp";
 constexpr std::string_view kName = "tarncache-";
 constexpr std::string_view kRandomName = "XXXXXX";
 constexpr uint64_t kReserve = 4; // times the most that the engine may unpack
+constexpr uint64_t kLeastFreeBytes = 1u << 20;
+constexpr uint64_t kLeastFreeFiles = 64;
 constexpr int kAttempts = 8;
 
 // Bytes that the machine can still give.
@@ -129,6 +132,17 @@ bool CTemporaryFolder::Make(const std::string &strParent) {
     if (access(strPath.c_str(), F_OK) == 0)
         m_strPath = strPath;
     return !m_strPath.empty();
+}
+
+bool CTemporaryFolder::HasRoom() const {
+    struct statvfs info {};
+    if (fstatvfs(m_folder.Get(), &info) != 0)
+        return false;
+    const bool bRoot = geteuid() == 0; // may use what is kept back from others
+    const uint64_t uFree = static_cast<uint64_t>(bRoot ? info.f_bfree : info.f_bavail) * info.f_frsize;
+    const uint64_t uFreeFiles = bRoot ? info.f_ffree : info.f_favail;
+    // A total of 0 stands for no limit.
+    return (info.f_blocks == 0 || uFree >= kLeastFreeBytes) && (info.f_files == 0 || uFreeFiles >= kLeastFreeFiles);
 }
 
 CTemporaryFolder::~CTemporaryFolder() {

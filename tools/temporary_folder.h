@@ -20,6 +20,9 @@ class CTemporaryFolder {
     const std::string &Path() const { return m_strPath; }   // empty when none could be made
     const std::string &Error() const { return m_strError; } // why not
 
+    // Whether a few more small files would fit.
+    bool HasRoom() const;
+
   private:
     bool Make(const std::string &strParent);
 
