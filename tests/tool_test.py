@@ -115,7 +115,7 @@ class Tool(unittest.TestCase):
         environment = {**os.environ, "TMPDIR": str(self.tree)}
         os.mkfifo(self.top / "list")
         (self.top / "kept").mkdir()
-        (self.tree / "tarncache-linked").symlink_to(self.top / "kept")
+        (self.tree / "tarncache-unpacked.linked").symlink_to(self.top / "kept")
         with subprocess.Popen([TOOL, "scan", "--no-cache", "-q", "-f", self.top / "list"], env=environment) as tool:
             with open(self.top / "list", "w"):  # opens when the scan has begun, and the list has no end
                 self.assertEqual(self.run_tool("scan", CLEAN, env=environment)[0], 0)
@@ -123,7 +123,7 @@ class Tool(unittest.TestCase):
                 tool.kill()
         (next(path for path in self.tree.iterdir() if path.is_dir() and not path.is_symlink()) / "rest").touch()
         self.assertEqual(self.run_tool("scan", CLEAN, env=environment)[0], 0)
-        self.assertEqual(os.listdir(self.tree), ["tarncache-linked"])
+        self.assertEqual(os.listdir(self.tree), ["tarncache-unpacked.linked"])
 
     def test_changed_file_is_scanned_again(self):
         path = f"{INFECTED}/clam.exe"

@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char *kMemoryFolder = "/dev/shm";
 constexpr const char *kDiskFolder = "/tmp";
-constexpr std::string_view kName = "tarncache-";
+constexpr std::string_view kName = "tarncache-unpacked."; // nobody else names a folder so: it may be removed
 constexpr std::string_view kRandomName = "XXXXXX";
 constexpr uint64_t kReserve = 4; // times the most that the engine may unpack
 constexpr uint64_t kLeastFreeBytes = 1u << 20;
