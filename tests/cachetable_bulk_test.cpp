@@ -66,7 +66,7 @@ TEST_F(BulkOperations, EnginesAreBits32To47WhateverTheOthersAre) {
     for (auto entry : cases) {
         ASSERT_TRUE(m_db.Run("delete from CT"));
         for (const int64_t liVerdict : {PackVerdict(0, 5, 0), PackVerdict(~0U, 5, -1), PackVerdict(5, 7, 5),
-                                        PackVerdict(5, 0, 5), PackVerdict(0, -3, 0), PackVerdict(0, 21, 5)}) {
+                                        PackVerdict(5, 0, 5), PackVerdict(0, -3, 0), PackVerdict(0, 0x105, 5)}) {
             ASSERT_TRUE(Insert("select count(*)+1,0," + std::to_string(liVerdict) + ",0,0,0,0,0,'' from CT"));
         }
         EXPECT_EQ(m_table.EngineSetToStr(entry.setEngines), entry.pszText);

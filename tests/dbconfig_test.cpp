@@ -65,6 +65,8 @@ TEST_F(Config, EveryKeyIsParsedIntoItsField) {
     }
     (void)Read("[cacheeng]\ndbname=" + std::string(200, 'n') + "\n");
     EXPECT_EQ(m_config.szDBName, std::string(63, 'n'));
+    (void)Read("[cacheeng]\ndbname=\n"); // the folder itself would be the database
+    EXPECT_EQ(m_config.szDBName, std::string("morcache.db"));
     EXPECT_TRUE(RecordedLog::Contains("[ReadDBConfig][cache] read expire percent:250."));
 }
 

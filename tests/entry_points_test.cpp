@@ -50,6 +50,7 @@ TEST_F(EntryPoints, CheckArgumentsFirstAndThenForTheAgent) {
     _SCAN_FILE_RESULT result = {};
     _LOCAL_CACHE_STATISTIC statistic = {77, 78};
     uint64_t ullCount = 77;
+    uint32_t ulState = 79;
     _CacheFileInfo *pInfos = nullptr;
     std::map<std::string, int32_t> mapFlags;
     const auto refused = [&](uint32_t ulBad) {
@@ -69,6 +70,7 @@ TEST_F(EntryPoints, CheckArgumentsFirstAndThenForTheAgent) {
                LocalCacheFindFilesByHash(kMD5A, 1, &pInfos, &ullCount) == ulResult && pInfos == nullptr &&
                LocalCacheLookUpByHashes(kMD5A, 1, mapFlags) == ulResult && mapFlags.empty() && ullCount == 77 &&
                Add("/no/file", kMD5A) == ulResult && Add(m_strFile, kMD5A, 0, "\"") == ulResult &&
+               LocalCachePeek("/f", szMD5, &result, &ulState) == ulResult && ulState == 79 &&
                Lookup("/no/file") == ulResult && Lookup("relative") == ulResult && statistic.ulCacheSize == 78;
     };
     EXPECT_TRUE(refused(TARN_E_INVALIDARG));
@@ -112,7 +114,7 @@ TEST_F(EntryPoints, GiveBackTheVerdictAndTouchNothingElse) {
     } cases[] = {{0xFFFFFF00, 0x0001FFFD, -3, "Win.Test.A"},
                  {0x0001E000, 0x7FFF, 0x7FFF, ""},                                   // state 15
                  {0x00022000, INT32_MIN, 0, std::string(TARN_VIRUS_DESC_SIZE, 'x')}, // state 17; text without an end
-                 {0x12345600, -32768, -32768, "Win.Test.A"}};
+                 {0x12345600, -32768, -32768, "a'b\n\xff;--"}};
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
     uint32_t ulAdded = 0;
     for (const auto &entry : cases) {
@@ -156,9 +158,11 @@ TEST_F(EntryPoints, PeekTellsAChangedFileFromAnUnknownOne) {
 }
 
 TEST_F(EntryPoints, FilesByHashComeInMd5OrderWithTheirPathsJoined) {
-    const std::string strLate = m_install.WriteFile("z"), strGone = m_install.WriteFile("gone");
-    ASSERT_TRUE(LocalCacheInit() == TARN_OK && Add(strLate, kMD5B) == TARN_OK && Add(m_strFile, kMD5B) == TARN_OK &&
-                Add(m_strOther, kMD5A) == TARN_OK && Add(strGone, kMD5C, 0x80000000) == TARN_OK && WaitForAdded(4));
+    std::filesystem::create_directory(m_install.Path("engine/cache/d")); // deeper than a path index reaches
+    const std::string strLate = m_install.WriteFile("engine/cache/d/z"), strGone = m_install.WriteFile("gone");
+    ASSERT_TRUE(LocalCacheInit() == TARN_OK && Add(strLate, kMD5B) == TARN_OK &&
+                Add(m_strFile, kMD5B, 0x200) == TARN_OK && Add(m_strOther, kMD5A) == TARN_OK &&
+                Add(strGone, kMD5C, 0x80000000) == TARN_OK && WaitForAdded(4));
     std::filesystem::remove(strGone);
     const std::string strSlots = std::string(kMD5B) + '\0' + kUnknown + '\0' + kMD5A + '\0' + kMD5C + '\0' + kMD5B;
     _CacheFileInfo *pInfos = nullptr;

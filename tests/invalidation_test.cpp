@@ -130,15 +130,15 @@ TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
         {TARN_E_INVALIDARG, 0, std::string(300, '\0')},
         {TARN_E_INVALIDARG, 0, Encipher("engine:1.2\n" + strOne)}, // not with this key
         {TARN_E_FAIL, 0, ""},
-        {TARN_OK, 1, "e:" + std::string(150, '9') + "\r\n" + strOne},
+        {TARN_OK, 1, "e:" + std::string(150, '9') + "\r\n" + std::string(31, '0') + "A"},
     };
     RecordedLog::SetDebug(true);
     for (const auto &[uResult, liDeleted, strText] : cases) {
         SCOPED_TRACE(strText);
-        StartWithRows(3);
+        StartWithRows(10);
         LeaveList(strText);
         EXPECT_EQ(m_pAgent->DeleteCacheRecordsByFileMD5(), uResult);
-        EXPECT_EQ(Rows(), 4 - liDeleted);
+        EXPECT_EQ(Rows(), 11 - liDeleted);
         EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), uResult == TARN_OK ? TARN_OK : TARN_E_FAIL);
         EXPECT_TRUE(HasMarker() == (uResult != TARN_OK) && Exists(m_strList) == HasMarker());
     }
@@ -180,6 +180,11 @@ TEST_F(Invalidation, ALongListIsCutIntoBatchesAndAFailedOneIsRolledBackAlone) {
     EXPECT_FALSE(HasMarker());
     EXPECT_EQ(RecordedLog::Texts(2).back().find("[BatchDeleteCacheRecordsByFileMD5]DeleteRecordByMD5 failed, HMD5:0"),
               0U);
+    const CSecondConnection reader(m_install.Database()); // no commit while it reads
+    ASSERT_TRUE(reader.Run("drop trigger T; begin; select * from CT"));
+    LeaveList("e:1\n" + DigestText(1500));
+    EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), TARN_OK);
+    EXPECT_EQ(m_strBatches.substr(33), "1commit;1commit;1rollback;"); // tried once more
 }
 
 TEST_F(Invalidation, ShutDownEndsTheReadingKeepsTheListAndDeletesWhatWasRead) {

@@ -38,7 +38,8 @@ TEST_F(PlatformLog, NamesCannotForgeALineOrSteerATerminal) {
         {"a\nb\x1b[31m\x7f \\n", "a\\nb\\x1b[31m\\x7f \\\\n"},
         {"gr\xc3\xbc\xc3\x9f \xf0\x9f\x98\x80", "gr\xc3\xbc\xc3\x9f \xf0\x9f\x98\x80"},
         {"\xff\xc0\x80\xed\xa0\x80 \xe2\x82", "\\xff\\xc0\\x80\\xed\\xa0\\x80 \\xe2\\x82"},
-        {"\xc2\x9b \xe2\x80\xae", "\\xc2\\x9b \\xe2\\x80\\xae"}, // C1 control, direction mark
+        {"\xc2\x9b \xe2\x80\xae \xe2\x81\xa6 \xe2\x80\x8b", // C1 control, direction marks, zero-width space
+         "\\xc2\\x9b \\xe2\\x80\\xae \\xe2\\x81\\xa6 \\xe2\\x80\\x8b"},
         {std::string(60000, 'x'), std::string(5116, 'x') + "..."}};
     for (const auto &[strName, strWritten] : cases) {
         RunChild("TARN_LOG_LEVEL=severe", "levels '" + strName + "'");
@@ -48,7 +49,8 @@ TEST_F(PlatformLog, NamesCannotForgeALineOrSteerATerminal) {
 }
 
 TEST_F(PlatformLog, FilesArePrivateBoundedAndNotInherited) {
-    EXPECT_EQ(RunChild("umask 022; TARN_LOG_FILE=@/../app.log", "fill text"), 0);
+    Write("config/tarncfg.ini", "[log]\nfile=@/../app.log\n");
+    EXPECT_EQ(RunChild("umask 022;", "fill text"), 0);
     EXPECT_TRUE(Shown("output") && !Shown("app.log")) << m_strOutput;
     EXPECT_EQ(Status("app.log").st_mode, S_IFREG | 0600U);
     EXPECT_EQ(Status("app.1.log").st_mode, S_IFREG | 0600U);
@@ -66,10 +68,10 @@ TEST_F(PlatformLog, ABrokenSinkNeverReachesTheCaller) {
     const std::string cases[][3] = {{"none/a.log", "levels", "2>&1"}, {"link.log", "levels", "2>&1"},
                                     {"fifo.log", "levels", "2>&1"},   {"none/a.log", "levels", "2>/dev/full"},
                                     {"none/a.log", "levels", "2>&-"}, {"none/a.log", "pipe", ""},
-                                    {"x.log", "limited", ""}};
+                                    {"x.log", "limited", ""},         {"/dev/null", "levels", "2>&1"}};
     for (const auto &[strFile, strAction, strAfter] : cases) {
         EXPECT_EQ(RunChild("TARN_LOG_FILE=" + Path(strFile), strAction + " text", strAfter), 0) << strFile << strAfter;
-        EXPECT_EQ(Shown("child:2 text\n"), strAfter == "2>&1") << strFile << m_strOutput;
+        EXPECT_EQ(Shown("child:1 text\n") && Shown("child:2 text\n"), strAfter == "2>&1") << strFile << m_strOutput;
     }
     EXPECT_EQ(Read("target"), "untouched");
 }

@@ -95,7 +95,8 @@ TEST_F(PlatformServices, BusinessValuesNeedAPrivateFileAndStayOutOfTheLog) {
 
 // Runs with another thread's timer; returns it when this thread takes no signals.
 void *PlatformServices::InIsolation(void *pForeignTimer) {
-    cl_timerplus_close(static_cast<cl_timerplus *>(pForeignTimer)); // ignored
+    cl_timerplus_stop(static_cast<cl_timerplus *>(pForeignTimer)); // ignored, both
+    cl_timerplus_close(static_cast<cl_timerplus *>(pForeignTimer));
     int nFired = 0;
     cl_timerplus_start(0, 1, cl_timerplus_close, nullptr, 0, 0); // closes itself
     cl_timerplus_start(0, 2, CountUp, &nFired, 0, 0);            // left to the end of the thread
@@ -104,7 +105,8 @@ void *PlatformServices::InIsolation(void *pForeignTimer) {
     }
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    return sigismember(&mask, SIGTERM) == 1 && sigismember(&mask, SIGUSR1) == 1 ? pForeignTimer : nullptr;
+    const bool bIsolated = sigismember(&mask, SIGTERM) == 1 && sigismember(&mask, SIGUSR1) == 1;
+    return bIsolated && sigismember(&mask, SIGSEGV) == 0 ? pForeignTimer : nullptr; // faults reach the host
 }
 
 TEST_F(PlatformServices, ATimerRepeatsOnItsOwnThreadUntilStopped) {

@@ -69,6 +69,7 @@ TEST_F(Tables, StatementTextsAreTheExpectedOnesAndAcceptedBySqlite) {
         "create table if not exists VST(FV integer(4) primary key,VN integer(4) not null,LDT integer(8) not null);"
         "drop table if exists VST;replace into VST values(?,?,?);delete from VST where FV = ?;"
         "select * from VST where FV = ?;");
+    EXPECT_EQ(db.Text("select sql from sqlite_master where name = 'CT_MD5'"), "CREATE INDEX CT_MD5 on CT(FHMD,FLMD)");
 }
 
 TEST_F(Tables, SchemaIsKeptWhenItMatchesAndElseDroppedAndMadeAnew) {

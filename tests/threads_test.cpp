@@ -123,6 +123,9 @@ TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
     constexpr int kFiles = 3000;
     MakeFiles(kFiles);
     Configure("cachesize=10\nexpiretime=99999999999\n"); // few pages, so that the inserts themselves have to write
+    LimitFileSize(0);
+    EXPECT_EQ(LocalCacheInit(), TARN_E_FAIL);
+    LimitFileSize(RLIM_INFINITY);
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
     AddFiles(50);
     ASSERT_TRUE(WaitFor([] { return AddedCount() == 50; }));
@@ -136,6 +139,7 @@ TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
     LimitFileSize(0); // a caller's own write fails too, and its thread lives
     _SCAN_FILE_RESULT verdict = Verdict(1, 1, "New.Virus");
     EXPECT_EQ(LocalCacheAdd(Path(0).c_str(), DigestText(1).c_str(), &verdict), TARN_E_FAIL);
+    EXPECT_EQ(LocalCacheDeleteByFileHash(DigestText(1).c_str()), TARN_E_FAIL);
     LimitFileSize(RLIM_INFINITY);
     AddFiles(kFiles);
     EXPECT_EQ(LocalCacheUnInit(), TARN_OK);

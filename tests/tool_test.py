@@ -18,6 +18,7 @@ import zipfile
 from pathlib import Path
 
 TOOL = sys.argv.pop(1)
+SCAN = [TOOL, "scan", "-d", Path(TOOL).parent.parent / "share/tarncache/signatures"]  # not with this machine's own
 INFECTED = "/usr/share/clamav-testfiles"  # 44 packings of one program that the shipped signatures know
 CLEAN = "/usr/include/openssl"
 EICAR = b"X5O!P%@AP[4\\PZX54(P^)7CC)7}$" + b"EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*"
@@ -38,6 +39,8 @@ class Tool(unittest.TestCase):
         self.tree.mkdir()
 
     def run_tool(self, command, *args, text=None, **options):
+        if command == "scan" and not {"-d", "--database"}.intersection(args):
+            args = (*SCAN[2:], *args)
         done = subprocess.run([TOOL, command, "--root", self.root, *args], input=text, capture_output=True,
                               timeout=120, check=False, **options)
         return done.returncode, done.stdout, done.stderr.decode()
@@ -103,7 +106,7 @@ class Tool(unittest.TestCase):
         self.assertIn("TMPDIR", err)
         for option in ("size=4k", "nr_inodes=2", "nr_inodes=4"):
             script = f'mount -t tmpfs -o {option} none "$TMPDIR" || exit 77; exec "$0" "$@"'
-            done = subprocess.run(["unshare", "-rm", "sh", "-c", script, TOOL, "scan", "--no-cache", "-v", "--json",
+            done = subprocess.run(["unshare", "-rm", "sh", "-c", script, *SCAN, "--no-cache", "-v", "--json",
                                    INFECTED], env={**os.environ, "TMPDIR": str(self.tree)}, capture_output=True,
                                   timeout=120, check=False)
             if b"unshare: " in done.stderr or done.returncode == 77:
@@ -116,7 +119,7 @@ class Tool(unittest.TestCase):
         os.mkfifo(self.top / "list")
         (self.top / "kept").mkdir()
         (self.tree / "tarncache-unpacked.linked").symlink_to(self.top / "kept")
-        with subprocess.Popen([TOOL, "scan", "--no-cache", "-q", "-f", self.top / "list"], env=environment) as tool:
+        with subprocess.Popen([*SCAN, "--no-cache", "-q", "-f", self.top / "list"], env=environment) as tool:
             with open(self.top / "list", "w"):  # opens when the scan has begun, and the list has no end
                 self.assertEqual(self.run_tool("scan", CLEAN, env=environment)[0], 0)
                 self.assertEqual(len(os.listdir(self.tree)), 2, "the folder of a running scan stays")
@@ -168,7 +171,7 @@ class Tool(unittest.TestCase):
         fifo = self.top / "list"
         os.mkfifo(fifo)
         paths = sorted(str(path) for path in Path(INFECTED).iterdir())
-        with subprocess.Popen([TOOL, "scan", "--root", self.root, "-v", "-f", fifo], stdout=subprocess.PIPE) as tool:
+        with subprocess.Popen([*SCAN, "--root", self.root, "-v", "-f", fifo], stdout=subprocess.PIPE) as tool:
             with open(fifo, "w") as file:  # stays open: the list has no end
                 file.write("\n".join(paths) + "\n")
                 file.flush()
@@ -300,7 +303,7 @@ class Tool(unittest.TestCase):
         fifo = self.top / "list"
         os.mkfifo(fifo)
         for statement in ("begin immediate", "begin; select * from CT"):
-            arguments = [TOOL, "scan", "--json", "--root", self.root, "-f", fifo]
+            arguments = [*SCAN, "--json", "--root", self.root, "-f", fifo]
             with subprocess.Popen(arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
                 with open(fifo, "w") as file:  # from here on the cache has started
                     database = sqlite3.connect(self.root / "engine/cache/morcache.db", isolation_level=None)
@@ -335,7 +338,7 @@ class Tool(unittest.TestCase):
         self.assertEqual(self.run_tool("stats")[0], 2, "asking sets nothing up")
         self.assertFalse(self.root.exists())
         environment = {**os.environ, "TARN_INSTALL_DIR": str(self.root / "lib")}
-        done = subprocess.run([TOOL, "scan", "-q", CLEAN], env=environment, timeout=120, check=False)
+        done = subprocess.run([*SCAN, "-q", CLEAN], env=environment, timeout=120, check=False)
         self.assertEqual(done.returncode, 0)
         modes = {name: stat.S_IMODE((self.root / name).stat().st_mode)
                  for name in ("engine", "engine/cache", "engine/kelmorehash", "config/business.ini")}
@@ -355,7 +358,7 @@ class Tool(unittest.TestCase):
     def test_reader_of_the_report_that_goes_away_ends_the_scan(self):
         fifo = self.top / "list"
         os.mkfifo(fifo)
-        with subprocess.Popen([TOOL, "scan", "--root", self.root, "-v", "-f", fifo], stdout=subprocess.PIPE,
+        with subprocess.Popen([*SCAN, "--root", self.root, "-v", "-f", fifo], stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE) as tool:
             tool.stdout.close()
             with open(fifo, "w") as file:  # stays open: the list has no end
