@@ -112,7 +112,8 @@ class Tool(unittest.TestCase):
             if b"unshare: " in done.stderr or done.returncode == 77:
                 self.skipTest("cannot mount a small file system here")
             lines = [json.loads(line) for line in done.stdout.splitlines()]
-            self.assertEqual({line["verdict"] for line in lines[:-1]} - {"infected"}, {"error"}, option)
+            self.assertNotEqual(done.returncode, 0, option)  # with two inodes there may be no folder at all
+            self.assertLessEqual({line["verdict"] for line in lines[:-1]}, {"infected", "error"}, option)
 
     def test_abandoned_temporary_folders_go(self):
         environment = {**os.environ, "TMPDIR": str(self.tree)}
