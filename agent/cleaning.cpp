@@ -43,14 +43,14 @@ void CDataBaseAgent::DoCleanCachesJob() {
     TARN_LOG_DEBUG("[%s][cache] iQueryTimes:%d.", iQueryTimes);
     const CWriteLock lock(m_tableLock);
     int iDeleted = static_cast<int>(m_ulWeedOutCount);
-    if (const uint32_t uResult = m_pCacheTable->DeleteExpireRecords(iQueryTimes, liCutOff, &iDeleted); uResult != 0) {
+    if (const uint32_t ulResult = m_pCacheTable->DeleteExpireRecords(iQueryTimes, liCutOff, &iDeleted); ulResult != 0) {
         TARN_LOG_ERROR("[%s][cache] Expire records failed with error code msg = %s",
-                       sqlite3_errstr(static_cast<int>(uResult)));
+                       sqlite3_errstr(static_cast<int>(ulResult)));
         return; // the date stays, so the next start tries again
     }
     m_ulWeedOutCount = static_cast<uint32_t>(iDeleted); // replaces the count, where trimming adds to it
-    if (const uint32_t uResult = m_pCacheTable->ResetAllRecordsQueryCount(0); uResult != 0) {
-        LogFailedReset(sqlite3_errstr(static_cast<int>(uResult)));
+    if (const uint32_t ulResult = m_pCacheTable->ResetAllRecordsQueryCount(0); ulResult != 0) {
+        LogFailedReset(sqlite3_errstr(static_cast<int>(ulResult)));
         return;
     }
     TARN_LOG_DEBUG("[%s][cache] expire time is come.");

@@ -2,10 +2,10 @@
 // the writer starts and after it has ended; takes no lock.
 #include "agent/dbagent.h"
 
+#include "interface/tarncache.h"
 #include "platform/nubbase.h"
 #include "tables/sqlite_support.h"
 #include "util/log.h"
-#include "util/result_codes.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -28,12 +28,12 @@ std::string DatabasePath(const _DBConfig &config) {
 
 uint32_t CDataBaseAgent::OpenDB() {
     if (sqlite3_open(DatabasePath(m_config).c_str(), &m_pDB) != SQLITE_OK) {
-        if (const uint32_t uResult = RebuildDB(); uResult != TARN_OK) {
+        if (const uint32_t ulResult = RebuildDB(); ulResult != TARN_OK) {
             TARN_LOG_ERROR("[%s]RebuildDB failed.");
             m_stCommit.Finalize();
             m_stRollback.Finalize();
             (void)CloseDB();
-            return uResult;
+            return ulResult;
         }
     }
     if (sqlite3_db_mutex(m_pDB) == nullptr) {
@@ -93,11 +93,11 @@ uint32_t CDataBaseAgent::RebuildDB() {
 }
 
 template <typename Table> uint32_t CDataBaseAgent::CheckTable(Table *pTable) {
-    const uint32_t uResult = TableCreateCheckRebuild(pTable);
-    if (uResult != TARN_OK) {
+    const uint32_t ulResult = TableCreateCheckRebuild(pTable);
+    if (ulResult != TARN_OK) {
         TARN_LOG_AS(LOG_FAILURE, "DBTablesInit", "[%s][cache] Create Table %s failed.", pTable->m_strTableName.c_str());
     }
-    return uResult;
+    return ulResult;
 }
 
 uint32_t CDataBaseAgent::DBTablesInit() {
@@ -112,17 +112,17 @@ uint32_t CDataBaseAgent::DBTablesInit() {
         DBTablesUnInit();
         return TARN_E_OUTOFMEMORY;
     }
-    uint32_t uResult = CheckTable(m_pCacheTable.get());
-    uResult = uResult != TARN_OK ? uResult : CheckTable(m_pVirusTable.get());
-    uResult = uResult != TARN_OK ? uResult : CheckTable(m_pVersionTable.get());
-    if (uResult == TARN_OK && CheckModuleVersion() != 0) {
+    uint32_t ulResult = CheckTable(m_pCacheTable.get());
+    ulResult = ulResult != TARN_OK ? ulResult : CheckTable(m_pVirusTable.get());
+    ulResult = ulResult != TARN_OK ? ulResult : CheckTable(m_pVersionTable.get());
+    if (ulResult == TARN_OK && CheckModuleVersion() != 0) {
         TARN_LOG_ERROR("[%s][cache] CheckModuleVersion failed.");
-        uResult = TARN_E_FAIL;
+        ulResult = TARN_E_FAIL;
     }
-    if (uResult != TARN_OK) {
+    if (ulResult != TARN_OK) {
         DBTablesUnInit();
     }
-    return uResult;
+    return ulResult;
 }
 
 uint32_t CDataBaseAgent::CheckModuleVersion() {
@@ -131,14 +131,14 @@ uint32_t CDataBaseAgent::CheckModuleVersion() {
         return static_cast<uint32_t>(-1);
     }
     _VersionRecord version = {};
-    const uint32_t uResult = m_pVersionTable->QueryRecord(&version);
-    if (uResult == SQLITE_OK) {
+    const uint32_t ulResult = m_pVersionTable->QueryRecord(&version);
+    if (ulResult == SQLITE_OK) {
         return 0; // whichever version made the file: the table checks are what decides
     }
-    if (uResult != SQLITE_DONE) {
+    if (ulResult != SQLITE_DONE) {
         TARN_LOG_ERROR("[%s][cache] version Query failed with error msg = %s",
-                       sqlite3_errstr(static_cast<int>(uResult)));
-        return uResult;
+                       sqlite3_errstr(static_cast<int>(ulResult)));
+        return ulResult;
     }
     version.liCreateTime = time(nullptr);
     version.iVersionNo = m_config.lModuleVersion;

@@ -2,8 +2,8 @@
 // mutex for the running flag.
 #include "agent/dbagent.h"
 
+#include "interface/tarncache.h"
 #include "util/log.h"
-#include "util/result_codes.h"
 
 #include <cstring>
 #include <new>
@@ -21,15 +21,15 @@ CDataBaseAgent::CDataBaseAgent() = default;
 CDataBaseAgent::~CDataBaseAgent() = default;
 
 uint32_t CDataBaseAgent::AgentInit(int mode) {
-    uint32_t uResult = TARN_E_OUTOFMEMORY;
+    uint32_t ulResult = TARN_E_OUTOFMEMORY;
     try {
-        uResult = StartDatabase();
+        ulResult = StartDatabase();
     } catch (const std::bad_alloc &) {
         TARN_LOG_SEVERE("[%s][cache] out of memory.");
     }
-    if (uResult != TARN_OK) {
+    if (ulResult != TARN_OK) {
         (void)AgentUnInit(); // the failure that counts is the one of the start
-        return uResult;
+        return ulResult;
     }
     m_bRunning = true;
     if (mode != 0) {
@@ -49,9 +49,9 @@ uint32_t CDataBaseAgent::StartDatabase() {
         TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] init rwlock, mutext, cond failed.");
         return TARN_E_FAIL;
     }
-    if (const uint32_t uResult = ReadDBConfig(&m_config); uResult != TARN_OK) {
+    if (const uint32_t ulResult = ReadDBConfig(&m_config); ulResult != TARN_OK) {
         TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] ReadDBConfig failed.");
-        return uResult;
+        return ulResult;
     }
     TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] read db config success.");
     if (!IsDiskSpaceEnough()) {
@@ -59,14 +59,14 @@ uint32_t CDataBaseAgent::StartDatabase() {
         return TARN_E_FAIL;
     }
     TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] disk have free space for db.");
-    if (const uint32_t uResult = OpenDB(); uResult != TARN_OK) {
+    if (const uint32_t ulResult = OpenDB(); ulResult != TARN_OK) {
         TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] open db failed.");
-        return uResult;
+        return ulResult;
     }
     TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] open db success.");
-    if (const uint32_t uResult = DBTablesInit(); uResult != TARN_OK) {
+    if (const uint32_t ulResult = DBTablesInit(); ulResult != TARN_OK) {
         TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] DBTablesInit failed.");
-        return uResult;
+        return ulResult;
     }
     TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] tables init success.");
     return TARN_OK;

@@ -13,12 +13,12 @@
 #ifndef TARN_AGENT_DBAGENT_H
 #define TARN_AGENT_DBAGENT_H
 
+#include "interface/tarncache.h"
 #include "platform/nubcl_ev.h"
 #include "tables/cachetable.h"
 #include "tables/versiontable.h"
 #include "tables/vsdesctable.h"
 #include "util/dbconfig.h"
-#include "util/export.h"
 #include "util/locks.h"
 
 #include <atomic>
@@ -27,8 +27,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-struct _SCAN_FILE_RESULT;
 
 // The agent's counters, in the order in which they are reported.
 struct _DBStatistics {
@@ -46,9 +44,9 @@ using HitMap = std::map<long, long>; // file path hash -> seconds since the epoc
 using HashRequests = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> its records, caller's
 
 // Path of the enciphered digest list into path (size bytes). True when the file exists; else logged and false.
-TARN_EXPORT bool GetUpdateCacheFilePath(char *path, int32_t size);
+TARN_API bool GetUpdateCacheFilePath(char *path, int32_t size);
 
-class TARN_EXPORT CDataBaseAgent {
+class TARN_API CDataBaseAgent {
   public:
     enum TransactionType : int { TRANSACTION_DEFERRED = 1, TRANSACTION_IMMEDIATE = 2, TRANSACTION_EXCLUSIVE = 3 };
 

@@ -3,10 +3,9 @@
 #include "agent/dbagent.h"
 
 #include "agent/update_paths.h"
+#include "interface/tarncache.h"
 #include "platform/nubbase.h"
 #include "util/log.h"
-#include "util/paths.h"
-#include "util/result_codes.h"
 
 #include <cstdio>
 #include <cstring>
@@ -37,7 +36,7 @@ const char *MarkerPattern(const char *name) {
 
 // Whether there was something to remove makes no difference.
 void RemoveFile(const char *pszPattern) {
-    char szPath[kPathSize] = {};
+    char szPath[TARN_PATH_SIZE] = {};
     dirutils_path_transform(pszPattern, szPath, sizeof szPath);
     (void)std::remove(szPath);
 }
@@ -48,7 +47,7 @@ bool CDataBaseAgent::ReadCleanCacheFlag(const char *name, int32_t *flag) {
     if (name == nullptr || flag == nullptr) {
         return false;
     }
-    char szFilePath[kPathSize] = {};
+    char szFilePath[TARN_PATH_SIZE] = {};
     const char *pszPattern = MarkerPattern(name);
     if (*pszPattern != '\0') {
         dirutils_path_transform(pszPattern, szFilePath, sizeof szFilePath);

@@ -2,11 +2,9 @@
 // it, and only then the queue mutex.
 #include "agent/dbagent.h"
 
+#include "interface/tarncache.h"
 #include "platform/tarncore.h"
-#include "util/cacheutil.h"
 #include "util/log.h"
-#include "util/result_codes.h"
-#include "util/scan_result.h"
 
 #include <cstring>
 #include <ctime>
@@ -41,10 +39,10 @@ bool CalcAttrHash(const char *file, int32_t &lFileAttrHash) {
 
 // Everything but the description, which the virus table writes.
 void CopyVerdictOut(const _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out) {
-    SetScanEngineCode(out, VerdictEngineCode(record.liTreatVirus));
+    out->lEngineCode = VerdictEngineCode(record.liTreatVirus);
     const CacheMD5 md5 = {record.liHighMD5, record.liLowMD5};
     (void)MD5_BinResultConvert(&md5, md5_text);
-    SetScanFlags(out, WithResultState(VerdictFlags(record.liTreatVirus), record.lResultState));
+    out->ulFlags = WithResultState(VerdictFlags(record.liTreatVirus), record.lResultState);
 }
 
 } // namespace
@@ -76,15 +74,16 @@ bool CDataBaseAgent::QueryHit(const char *file, _CacheRecord &record, int32_t lF
     constexpr char kFunction[] = "CacheLookup";
     const CReadLock lock(m_tableLock);
     if (m_pCacheTable->QueryRecord(&record) != 0 || record.lFileAttrHash != lFileAttrHash ||
-        m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), ScanVirusDesc(out),
-                                           kScanVirusDescSize) == 0) {
+        m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), out->szVirusDesc,
+                                           TARN_VIRUS_DESC_SIZE) == 0) {
         TARN_LOG_DEBUG_AS(kFunction, "[%s][cache] file:%s is not in cache.", file);
         return false;
     }
     CopyVerdictOut(record, md5_text, out);
-    const uint32_t ulFlags = ScanFlags(out);
+    const uint32_t ulFlags = out->ulFlags;
     TARN_LOG_DEBUG_AS(kFunction, "[%s][cache] file:%s, md5str:%s, filetype:%u, flag:%u, filepathhash:%llu is in cache.",
-                      file, md5_text, ulFlags & 0xFFU, ulFlags, static_cast<unsigned long long>(record.liFilePathHash));
+                      file, md5_text, TARN_FILE_TYPE(ulFlags), ulFlags,
+                      static_cast<unsigned long long>(record.liFilePathHash));
     m_ulHitCount.fetch_add(1, std::memory_order_relaxed);
     return true;
 }
@@ -115,11 +114,11 @@ uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_
     int32_t lFileAttrHash = 0;
     const bool bHasAttr = lstat(file, &status) == 0 && CalcAttrHash(file, lFileAttrHash);
     const CReadLock lock(m_tableLock);
-    if (const uint32_t uResult = m_pCacheTable->QueryRecord(&record); uResult != SQLITE_OK) {
-        return uResult == SQLITE_DONE ? TARN_NOT_CACHED : TARN_E_FAIL;
+    if (const uint32_t ulResult = m_pCacheTable->QueryRecord(&record); ulResult != SQLITE_OK) {
+        return ulResult == SQLITE_DONE ? TARN_NOT_CACHED : TARN_E_FAIL;
     }
-    if (m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), ScanVirusDesc(out),
-                                           kScanVirusDescSize) == 0) {
+    if (m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), out->szVirusDesc,
+                                           TARN_VIRUS_DESC_SIZE) == 0) {
         return TARN_E_FAIL;
     }
     CopyVerdictOut(record, md5_text, out);
@@ -137,11 +136,11 @@ uint32_t CDataBaseAgent::CacheAdd(const char *file, const char *md5_text, _SCAN_
         TARN_LOG_ERROR("[%s][cache] alloc cache record failed.");
         return TARN_E_OUTOFMEMORY;
     }
-    if (const uint32_t uResult = FillRecord(file, md5_text, in, *pRecord); uResult != TARN_OK) {
-        return uResult;
+    if (const uint32_t ulResult = FillRecord(file, md5_text, in, *pRecord); ulResult != TARN_OK) {
+        return ulResult;
     }
     // File type 0 asks for the record to be written at once.
-    Enqueue(std::move(pRecord), (ScanFlags(in) & 0xFFU) == 0);
+    Enqueue(std::move(pRecord), TARN_FILE_TYPE(in->ulFlags) == 0);
     return TARN_OK;
 }
 
@@ -161,7 +160,7 @@ uint32_t CDataBaseAgent::FillRecord(const char *file, const char *md5_text, cons
         return TARN_E_FAIL;
     }
     // The caller's field may be full without an end.
-    const std::string strVirusDesc(ScanVirusDesc(in), strnlen(ScanVirusDesc(in), kScanVirusDescSize - 1));
+    const std::string strVirusDesc(in->szVirusDesc, strnlen(in->szVirusDesc, TARN_VIRUS_DESC_SIZE - 1));
     int iVirusIndex = 0;
     {
         const CWriteLock lock(m_tableLock); // the virus table may gain a row
@@ -172,9 +171,9 @@ uint32_t CDataBaseAgent::FillRecord(const char *file, const char *md5_text, cons
         }
     }
     record.lTimeStamp = time(nullptr);
-    const uint32_t ulFlags = ScanFlags(in);
+    const uint32_t ulFlags = in->ulFlags;
     record.liTreatVirus =
-        PackVerdict(ulFlags, static_cast<int16_t>(ScanEngineCode(in)), static_cast<int16_t>(iVirusIndex));
+        PackVerdict(ulFlags, static_cast<int16_t>(in->lEngineCode), static_cast<int16_t>(iVirusIndex));
     record.lResultState = ResultStateOf(ulFlags);
     CacheMD5 md5 = {};
     (void)MD5_StrResultConvert(md5_text, &md5); // other text counts as 16 zero bytes

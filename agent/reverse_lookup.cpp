@@ -2,10 +2,10 @@
 // not during the walk, which may take long.
 #include "agent/dbagent.h"
 
+#include "interface/tarncache.h"
 #include "platform/tarncore.h"
 #include "util/dbfileutil.h"
 #include "util/log.h"
-#include "util/result_codes.h"
 
 namespace {
 
@@ -42,15 +42,15 @@ bool CDataBaseAgent::QueryRequests(HashRequests &requests) {
 
 uint32_t CDataBaseAgent::LookupFilePathsByHashs(HashRequests &requests) {
     CdbFileUtil fileUtil;
-    uint32_t uResult = TARN_E_FAIL;
+    uint32_t ulResult = TARN_E_FAIL;
     if (QueryRequests(requests)) {
-        uResult = fileUtil.FindFilesByCchRecords(requests);
-        if (uResult != TARN_OK) {
+        ulResult = fileUtil.FindFilesByCchRecords(requests);
+        if (ulResult != TARN_OK) {
             TARN_LOG_ERROR("[%s][cache] FindFilesByFilePathHash failed.");
         }
     }
-    if (uResult != TARN_OK) {
+    if (ulResult != TARN_OK) {
         FreeRecords(requests);
     }
-    return uResult;
+    return ulResult;
 }

@@ -2,9 +2,9 @@
 // under it for writing; records still queued are not affected.
 #include "agent/dbagent.h"
 
+#include "interface/tarncache.h"
 #include "platform/tarncore.h"
 #include "util/log.h"
-#include "util/result_codes.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ uint32_t CDataBaseAgent::GetCacheStatistic(_DBStatistics *out) {
         const CMutexLock lock(m_queueMutex);
         m_queueCondition.Signal(); // what is pending is written soon
     }
-    uint32_t uResult = TARN_OK;
+    uint32_t ulResult = TARN_OK;
     {
         const CReadLock lock(m_tableLock);
         int iCount = 0;
@@ -29,11 +29,11 @@ uint32_t CDataBaseAgent::GetCacheStatistic(_DBStatistics *out) {
             m_ulCacheSize = static_cast<uint32_t>(iCount);
         } else {
             TARN_LOG_ERROR("[%s][cache] QueryRecordsCount failed!");
-            uResult = TARN_E_FAIL;
+            ulResult = TARN_E_FAIL;
         }
     }
     *out = {m_ulHitCount, m_ulAddedCount, m_ulCacheSize, m_ulWeedOutCount, m_ulWeedOutRuns};
-    return uResult;
+    return ulResult;
 }
 
 uint32_t CDataBaseAgent::DeleteRecordByFileHash(const char *md5_text) {

@@ -2,9 +2,9 @@
 // time-out of 1.5 seconds.
 #include "agent/dbagent.h"
 
+#include "interface/tarncache.h"
 #include "tables/sqlite_support.h"
 #include "util/log.h"
-#include "util/result_codes.h"
 
 #include <sqlite3.h>
 

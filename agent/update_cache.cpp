@@ -4,10 +4,9 @@
 
 #include "agent/update_list.h"
 #include "agent/update_paths.h"
+#include "interface/tarncache.h"
 #include "platform/nubbase.h"
 #include "util/log.h"
-#include "util/paths.h"
-#include "util/result_codes.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -66,8 +65,8 @@ uint32_t CDataBaseAgent::CheckDeleteFrepCacheRecords() {
     if (!ReadCleanCacheFlag(kHashMarkerName, &lFlag)) {
         return TARN_E_FAIL;
     }
-    if (const uint32_t uResult = DeleteCacheRecordsByFileMD5(); uResult != TARN_OK) {
-        TARN_LOG_ERROR("[%s]DeleteCacheRecordsByFileMD5 failed with hr = 0x%08x", uResult);
+    if (const uint32_t ulResult = DeleteCacheRecordsByFileMD5(); ulResult != TARN_OK) {
+        TARN_LOG_ERROR("[%s]DeleteCacheRecordsByFileMD5 failed with hr = 0x%08x", ulResult);
         return TARN_E_FAIL; // marker and list stay for the next start
     }
     (void)ResetCleanCacheFlag(kHashMarkerName);
@@ -75,7 +74,7 @@ uint32_t CDataBaseAgent::CheckDeleteFrepCacheRecords() {
 }
 
 uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
-    char szPath[kPathSize] = {};
+    char szPath[TARN_PATH_SIZE] = {};
     if (!GetUpdateCacheFilePath(szPath, sizeof szPath)) {
         TARN_LOG_ERROR("[%s]GetUpdateCacheFilePath() failed");
         return TARN_E_FAIL;
@@ -109,11 +108,11 @@ uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
         return TARN_E_INVALIDARG;
     }
     TARN_LOG_DEBUG("[%s]Open file %s and get VersionID = %s", szPath, szVersionId);
-    const uint32_t uResult = ParseAndDeleteCacheRecordsByFileMD5(pszDigests);
-    if (uResult != TARN_OK) {
-        TARN_LOG_ERROR("[%s]ParseAndDeleteCacheRecordsByFileMD5() failed, hr=0x%08x", uResult);
+    const uint32_t ulResult = ParseAndDeleteCacheRecordsByFileMD5(pszDigests);
+    if (ulResult != TARN_OK) {
+        TARN_LOG_ERROR("[%s]ParseAndDeleteCacheRecordsByFileMD5() failed, hr=0x%08x", ulResult);
     }
-    return uResult;
+    return ulResult;
 }
 
 uint32_t CDataBaseAgent::ParseAndDeleteCacheRecordsByFileMD5(char *text) {
@@ -122,13 +121,13 @@ uint32_t CDataBaseAgent::ParseAndDeleteCacheRecordsByFileMD5(char *text) {
     if (!lines.Next(szDigest)) {
         return TARN_E_INVALIDARG;
     }
-    uint32_t uResult = TARN_OK;
+    uint32_t ulResult = TARN_OK;
     std::vector<CacheMD5> vecBatch;
     vecBatch.reserve(kBatchSize);
     do {
         if (!m_bRunning) {
             TARN_LOG_ERROR("[%s]clean cache is abort, will cleaning in next time");
-            uResult = TARN_E_ABORT;
+            ulResult = TARN_E_ABORT;
             break;
         }
         TARN_LOG_INFO("[%s]will clean cache md5: %s", szDigest);
@@ -145,7 +144,7 @@ uint32_t CDataBaseAgent::ParseAndDeleteCacheRecordsByFileMD5(char *text) {
     if (!vecBatch.empty()) {
         ApplyBatch(vecBatch);
     }
-    return uResult;
+    return ulResult;
 }
 
 // A failed batch is reported and dropped: its digests are not tried again.
@@ -164,17 +163,17 @@ uint32_t CDataBaseAgent::BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> 
     if (DeleteBatchAndCommit(batch)) {
         return TARN_OK;
     }
-    const uint32_t uResult = RollbackTransaction();
-    if (uResult != TARN_OK) {
-        TARN_LOG_ERROR("[%s]RollbackTransaction failed with hr = 0x%08x", uResult);
+    const uint32_t ulResult = RollbackTransaction();
+    if (ulResult != TARN_OK) {
+        TARN_LOG_ERROR("[%s]RollbackTransaction failed with hr = 0x%08x", ulResult);
     }
-    return uResult; // on purpose: callers learn only of a failed rollback
+    return ulResult; // on purpose: callers learn only of a failed rollback
 }
 
 bool CDataBaseAgent::DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) {
     constexpr char kFunction[] = "BatchDeleteCacheRecordsByFileMD5";
-    if (const uint32_t uResult = BeginTransactoion(TRANSACTION_IMMEDIATE); uResult != TARN_OK) {
-        TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]BeginTransactoion failed with hr = 0x%08x", uResult);
+    if (const uint32_t ulResult = BeginTransactoion(TRANSACTION_IMMEDIATE); ulResult != TARN_OK) {
+        TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]BeginTransactoion failed with hr = 0x%08x", ulResult);
         return false;
     }
     for (const CacheMD5 &md5 : batch) {
@@ -184,8 +183,8 @@ bool CDataBaseAgent::DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) {
             return false;
         }
     }
-    if (const uint32_t uResult = CommitTransaction(); uResult != TARN_OK) {
-        TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]CommitTransaction failed with hr = 0x%08x", uResult);
+    if (const uint32_t ulResult = CommitTransaction(); ulResult != TARN_OK) {
+        TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]CommitTransaction failed with hr = 0x%08x", ulResult);
         return false;
     }
     return true;

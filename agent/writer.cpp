@@ -144,8 +144,8 @@ bool CDataBaseAgent::WriteBackQueue() {
     constexpr char kFunction[] = "DoBatchWriteJobs";
     bool bInserted = true;
     for (const std::unique_ptr<_CacheRecord> &pRecord : m_vecAddBack) {
-        if (const uint32_t uResult = m_pCacheTable->InsertRecord(pRecord.get()); uResult != 0) {
-            TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]InsertRecord failed with error code = %u", uResult);
+        if (const uint32_t ulResult = m_pCacheTable->InsertRecord(pRecord.get()); ulResult != 0) {
+            TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]InsertRecord failed with error code = %u", ulResult);
             bInserted = false;
             break; // the rest of the batch is dropped; what was inserted is committed
         }

@@ -53,9 +53,9 @@ bool HashesAlone(const std::string &strFile) {
 uint32_t LookUp(const std::string &strFile) {
     char szMD5[TARN_MD5_TEXT_SIZE];
     _SCAN_FILE_RESULT result;
-    const uint32_t uResult = LocalCacheLookup(strFile.c_str(), szMD5, &result);
+    const uint32_t ulResult = LocalCacheLookup(strFile.c_str(), szMD5, &result);
     benchmark::DoNotOptimize(result);
-    return uResult;
+    return ulResult;
 }
 
 bool Add(const std::string &strFile) {

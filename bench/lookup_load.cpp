@@ -42,19 +42,19 @@ void CLookupLoad::Run(size_t nThread) {
     while (!m_bStop) {
         const std::string &strFile = m_vecFiles[pick(random)];
         const int64_t liStart = Now();
-        const uint32_t uResult = m_lookup(strFile);
-        if (uResult == TARN_E_NOT_INITIALIZED) {
+        const uint32_t ulResult = m_lookup(strFile);
+        if (ulResult == TARN_E_NOT_INITIALIZED) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
             continue;
         }
-        Require(uResult == TARN_OK || uResult == TARN_NOT_CACHED, "a lookup failed");
-        Note(uResult, Now() - liStart);
+        Require(ulResult == TARN_OK || ulResult == TARN_NOT_CACHED, "a lookup failed");
+        Note(ulResult, Now() - liStart);
     }
 }
 
-void CLookupLoad::Note(uint32_t uResult, int64_t liNanoseconds) {
+void CLookupLoad::Note(uint32_t ulResult, int64_t liNanoseconds) {
     m_nLookups.fetch_add(1, std::memory_order_relaxed);
-    if (uResult == TARN_OK) {
+    if (ulResult == TARN_OK) {
         m_nHits.fetch_add(1, std::memory_order_relaxed);
     }
     if (liNanoseconds > kHeldOutLimit) {

@@ -39,7 +39,7 @@ class CLookupLoad {
 
   private:
     void Run(size_t nThread);
-    void Note(uint32_t uResult, int64_t liNanoseconds);
+    void Note(uint32_t ulResult, int64_t liNanoseconds);
 
     const std::vector<std::string> &m_vecFiles;
     LookupFunction m_lookup;

@@ -6,7 +6,7 @@ if(TARN_BUNDLED_PLATFORM)
   list(APPEND tarn_targets tarncore nubbase nubcl_ev)
 endif()
 install(TARGETS ${tarn_targets} EXPORT tarncacheTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES interface/tarncache.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES interface/tarncache.h interface/tarncache_types.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 configure_file(packaging/tarncache.pc.in ${CMAKE_BINARY_DIR}/tarncache.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/tarncache.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -3,8 +3,8 @@
 #define TARN_INTERFACE_GLOBAL_AGENT_H
 
 #include "agent/dbagent.h"
+#include "interface/tarncache.h"
 #include "platform/call_guard.h"
-#include "util/result_codes.h"
 
 #include <new>
 

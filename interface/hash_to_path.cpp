@@ -91,8 +91,9 @@ uint32_t LocalCacheFindFilesByHash(const char *md5s, uint64_t count, _CacheFileI
     }
     return CallWithoutThrowing([=] {
         CRequest request(md5s, count);
-        if (const uint32_t uResult = GlobalAgent()->LookupFilePathsByHashs(request.m_mapRecords); uResult != TARN_OK) {
-            return uResult;
+        if (const uint32_t ulResult = GlobalAgent()->LookupFilePathsByHashs(request.m_mapRecords);
+            ulResult != TARN_OK) {
+            return ulResult;
         }
         CFileInfoArray infos(count);
         if (!infos.IsAllocated()) {
@@ -119,8 +120,9 @@ uint32_t LocalCacheLookUpByHashes(const char *md5s, uint64_t count, std::map<std
     }
     return CallWithoutThrowing([md5s, count, &flags] {
         CRequest request(md5s, count);
-        if (const uint32_t uResult = GlobalAgent()->LookupFilePathsByHashs(request.m_mapRecords); uResult != TARN_OK) {
-            return uResult;
+        if (const uint32_t ulResult = GlobalAgent()->LookupFilePathsByHashs(request.m_mapRecords);
+            ulResult != TARN_OK) {
+            return ulResult;
         }
         for (const auto &[strMD5, vecRecords] : request.m_mapRecords) {
             if (!vecRecords.empty()) {

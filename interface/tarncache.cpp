@@ -3,9 +3,7 @@
 
 #include "interface/global_agent.h"
 #include "platform/call_guard.h"
-#include "util/cacheutil.h"
 #include "util/log.h"
-#include "util/scan_result.h"
 
 #include <cstddef>
 
@@ -19,11 +17,9 @@ constexpr char kLogSource[] = "tarncache";
 std::atomic<CDataBaseAgent *> g_pAgent = nullptr;
 int64_t g_liInitCount = 0; // successful starts not yet matched; guarded by g_DBMutex
 
-static_assert(offsetof(_SCAN_FILE_RESULT, lEngineCode) == kScanEngineCodeOffset);
-static_assert(offsetof(_SCAN_FILE_RESULT, ulFlags) == kScanFlagsOffset);
-static_assert(offsetof(_SCAN_FILE_RESULT, szVirusDesc) == kScanVirusDescOffset);
-static_assert(sizeof(_SCAN_FILE_RESULT) == kScanVirusDescOffset + kScanVirusDescSize);
-static_assert(TARN_RESULT_STATE_SHIFT == kResultStateShift && TARN_VIRUS_DESC_SIZE == kScanVirusDescSize);
+static_assert(sizeof(_SCAN_FILE_RESULT) == 169 && offsetof(_SCAN_FILE_RESULT, lEngineCode) == 8 &&
+                  offsetof(_SCAN_FILE_RESULT, ulFlags) == 13 && offsetof(_SCAN_FILE_RESULT, szVirusDesc) == 105,
+              "callers lay it out themselves");
 
 class CInitLock {
   public:
@@ -47,8 +43,8 @@ uint32_t CacheInit(int mode) {
             if (pAgent == nullptr) {
                 return TARN_E_OUTOFMEMORY;
             }
-            if (const uint32_t uResult = pAgent->AgentInit(mode); uResult != TARN_OK) {
-                return uResult;
+            if (const uint32_t ulResult = pAgent->AgentInit(mode); ulResult != TARN_OK) {
+                return ulResult;
             }
             g_pAgent = pAgent.release();
         }
@@ -119,13 +115,13 @@ uint32_t LocalCachePeek(const char *path, char *md5, _SCAN_FILE_RESULT *result, 
     }
     return CallWithoutThrowing([=] {
         bool bCurrent = false;
-        const uint32_t uResult = GlobalAgent()->CachePeek(path, md5, result, &bCurrent);
-        if (uResult == TARN_OK) {
+        const uint32_t ulResult = GlobalAgent()->CachePeek(path, md5, result, &bCurrent);
+        if (ulResult == TARN_OK) {
             *state = bCurrent ? TARN_PEEK_KNOWN : TARN_PEEK_CHANGED;
-        } else if (uResult == TARN_NOT_CACHED) {
+        } else if (ulResult == TARN_NOT_CACHED) {
             *state = TARN_PEEK_UNKNOWN;
         }
-        return uResult == TARN_NOT_CACHED ? TARN_OK : uResult;
+        return ulResult == TARN_NOT_CACHED ? TARN_OK : ulResult;
     });
 }
 
@@ -164,10 +160,10 @@ uint32_t LocalCacheGetStatistic(_LOCAL_CACHE_STATISTIC *statistic) {
     }
     return CallWithoutThrowing([=] {
         _DBStatistics counters = {};
-        const uint32_t uResult = GlobalAgent()->GetCacheStatistic(&counters);
-        if (uResult == TARN_OK) {
+        const uint32_t ulResult = GlobalAgent()->GetCacheStatistic(&counters);
+        if (ulResult == TARN_OK) {
             *statistic = {counters.ulAddedCount, counters.ulCacheSize};
         }
-        return uResult;
+        return ulResult;
     });
 }

@@ -13,8 +13,10 @@
 #ifndef TARNCACHE_H
 #define TARNCACHE_H
 
+#include "tarncache_types.h"
+
 #include <pthread.h>
-#include <stdint.h>
+#include <sys/stat.h>
 
 #if defined(__GNUC__)
 #define TARN_API __attribute__((visibility("default")))
@@ -22,56 +24,9 @@
 #define TARN_API
 #endif
 
-/* Result codes. */
-#define TARN_OK 0x00000000u                /* success */
-#define TARN_NOT_CACHED 0x00000001u        /* not in the cache, or changed since it was added: scan the file */
-#define TARN_E_INVALIDARG 0x80070057u      /* bad argument */
-#define TARN_E_OUTOFMEMORY 0x8007000Eu     /* out of memory */
-#define TARN_E_FAIL 0x80004005u            /* any other failure; the log says which */
-#define TARN_E_ABORT 0x80004004u           /* ended early by shut-down */
-#define TARN_E_NOT_INITIALIZED 0x80040200u /* no LocalCacheInit before this call */
-#define TARN_E_NOT_MATCHED 0x80040205u     /* LocalCacheUnInit without a matching LocalCacheInit */
-
-/* Sizes of text fields and buffers, in bytes. */
-#define TARN_MD5_TEXT_SIZE 33   /* 32 hexadecimal digits and a NUL */
-#define TARN_VIRUS_DESC_SIZE 64 /* a virus description with its NUL; longer ones are cut */
-
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-#pragma pack(push, 1)
-
-/* One scan verdict. The cache reads and writes the named fields only; every reserved byte is the caller's. */
-typedef struct _SCAN_FILE_RESULT {
-    uint8_t abReserved0[8];
-    int32_t lEngineCode; /* engine or verdict code; its low 16 bits are kept and come back sign-extended */
-    uint8_t abReserved12[1];
-    uint32_t ulFlags; /* flag word: file type in bits 0-7, result state in bits 13-17 */
-    uint8_t abReserved17[88];
-    char szVirusDesc[TARN_VIRUS_DESC_SIZE]; /* virus description, NUL-terminated; empty for a clean file */
-} _SCAN_FILE_RESULT;
-
-/* The files that carry one MD5. */
-typedef struct _CacheFileInfo {
-    char szMD5[TARN_MD5_TEXT_SIZE];
-    char *pszFilePaths; /* every path followed by ";", which a path may hold too; NULL: no file found. Unaligned. */
-} _CacheFileInfo;
-
-#pragma pack(pop)
-
-/* Counters of the running cache. */
-typedef struct _LOCAL_CACHE_STATISTIC {
-    uint32_t ulAddedCount; /* records written since the start */
-    uint32_t ulCacheSize;  /* records in the cache now */
-} _LOCAL_CACHE_STATISTIC;
-
-/* The file type in the flag word; 0 makes the cache write the record at once instead of within a second or two. */
-#define TARN_FILE_TYPE(flags) ((flags)&0xFFu)
-
-/* The 5-bit result state in the flag word; the cache keeps its low 4 bits. */
-#define TARN_RESULT_STATE_SHIFT 13
-#define TARN_RESULT_STATE(flags) (((flags) >> TARN_RESULT_STATE_SHIFT) & 0x1Fu)
 
 /* Serialises start-up and shut-down; exported for hosts that must keep both out for a while. Outermost lock. */
 extern TARN_API pthread_mutex_t g_DBMutex;
@@ -85,6 +40,22 @@ TARN_API uint32_t LocalCacheInit(void);
  * user holds until the last one leaves. */
 TARN_API uint32_t LocalCacheInitEx(void);
 
+/* Starts for questions alone: opens the database for reading; makes, repairs, replaces and writes nothing, asks for no
+ * free space, and works beside a running cache of another process. Lookups (which do not count as hits), peek, explain,
+ * counts, info, enumerate, check and find work; all else is TARN_E_FAIL. The mode of the first user holds here too.
+ * TARN_OK; TARN_NOT_CACHED: there is no database yet; TARN_E_FAIL: it cannot be opened or read. */
+TARN_API uint32_t LocalCacheInitReader(void);
+
+/* Waits until the start-up work (markers, withdrawn digests, expiry) is done: before that a lookup may still answer
+ * with a withdrawn verdict. timeoutMs: milliseconds. TARN_OK, without a writer thread at once; TARN_E_TIMEOUT;
+ * TARN_E_FAIL: done, but a list of digests was refused and stays; TARN_E_NOT_INITIALIZED. */
+TARN_API uint32_t LocalCacheWaitReady(uint32_t timeoutMs);
+
+/* Waits until all that was queued before the call, additions and noted hits, is on disk or lost, and hurries the
+ * writer. timeoutMs: milliseconds. *lost (may be NULL): records dropped since the start, set with every result below.
+ * TARN_OK; TARN_E_TIMEOUT; TARN_E_FAIL without a writer thread while something is queued. TARN_E_NOT_INITIALIZED. */
+TARN_API uint32_t LocalCacheFlush(uint32_t timeoutMs, uint64_t *lost);
+
 /* Ends one use; the last one writes what is queued and closes the database.
  * TARN_OK; TARN_E_NOT_MATCHED when there is no use to end. */
 TARN_API uint32_t LocalCacheUnInit(void);
@@ -96,10 +67,11 @@ TARN_API uint32_t LocalCacheUnInit(void);
  * database is compacted, at the start and every 30 minutes. */
 TARN_API uint32_t LocalCacheLookup(const char *path, char *md5, _SCAN_FILE_RESULT *result);
 
-/* What LocalCachePeek found. */
-#define TARN_PEEK_UNKNOWN 0u /* no record of this path */
-#define TARN_PEEK_CHANGED 1u /* a record, but the file is not as it was, or is gone */
-#define TARN_PEEK_KNOWN 2u   /* a record of the file as it is */
+/* As LocalCacheLookup, with the file's own status (lstat, or fstat of a descriptor) taken by the caller: one system
+ * call less, and no moment between status and record in which the file could change unseen. status NULL:
+ * TARN_E_INVALIDARG. */
+TARN_API uint32_t LocalCacheLookupStat(const char *path, const struct stat *status, char *md5,
+                                       _SCAN_FILE_RESULT *result);
 
 /* What does the cache know of this path, for people and tools: unlike a lookup it also shows the verdict of a file that
  * has changed since, and does not count as a hit. TARN_OK: *state is set; unless it is TARN_PEEK_UNKNOWN, *md5 and the
@@ -111,12 +83,51 @@ TARN_API uint32_t LocalCachePeek(const char *path, char *md5, _SCAN_FILE_RESULT 
  * TARN_OK; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_OUTOFMEMORY; TARN_E_FAIL (status or description). */
 TARN_API uint32_t LocalCacheAdd(const char *path, const char *md5, _SCAN_FILE_RESULT *result);
 
+/* As LocalCacheAdd, for the file that had this status. Take it before the scan: a file that changes afterwards then
+ * misses. status NULL: TARN_E_INVALIDARG. */
+TARN_API uint32_t LocalCacheAddStat(const char *path, const struct stat *status, const char *md5,
+                                    const _SCAN_FILE_RESULT *result);
+
 /* Deletes every stored record with this MD5; a record still queued is not affected.
  * TARN_OK, also when there was none; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_FAIL. */
 TARN_API uint32_t LocalCacheDeleteByFileHash(const char *md5);
 
+/* Deletes every stored record of one engine (its low 16 bits), of one path, or all of them; records still queued are
+ * not affected, so flush before where they matter. Lookups wait meanwhile. Codes as LocalCacheDeleteByFileHash. */
+TARN_API uint32_t LocalCacheDeleteByEngine(int32_t engine);
+TARN_API uint32_t LocalCacheDeleteByPath(const char *path);
+TARN_API uint32_t LocalCacheClear(void);
+
+/* Trims the records to the cap now, as the timer does: from a million records on, the oldest go. Lookups wait
+ * meanwhile. TARN_OK, also when there was nothing to do; TARN_E_NOT_INITIALIZED; TARN_E_FAIL. */
+TARN_API uint32_t LocalCacheTrim(void);
+
 /* Reads the counters. TARN_OK; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_FAIL (*statistic untouched). */
 TARN_API uint32_t LocalCacheGetStatistic(_LOCAL_CACHE_STATISTIC *statistic);
+
+/* Reads what there is to know about the cache as a whole. TARN_OK; TARN_E_INVALIDARG (NULL, or info->size below 8);
+ * TARN_E_NOT_INITIALIZED; TARN_E_FAIL (*info untouched). */
+TARN_API uint32_t LocalCacheGetInfo(_LOCAL_CACHE_INFO *info);
+
+/* How many stored records carry this MD5? No walk. TARN_OK, also for none; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED;
+ * TARN_E_FAIL (*count untouched). */
+TARN_API uint32_t LocalCacheCountByFileHash(const char *md5, uint64_t *count);
+
+/* Tells what is stored for a path, what the file is now, and why a lookup would or would not answer. Not counted as a
+ * hit. path: absolute. TARN_OK: *explanation is set up to its size. TARN_E_INVALIDARG (NULL, empty, or a size below 8);
+ * TARN_E_NOT_INITIALIZED; TARN_E_FAIL (*explanation untouched). */
+TARN_API uint32_t LocalCacheExplain(const char *path, _LOCAL_CACHE_EXPLANATION *explanation);
+
+/* Calls onRecord for every stored record, in ascending order of path hashes, until it returns non-zero. Records are
+ * read in small groups and no lock is held during a call, so what is added or deleted meanwhile may show or not.
+ * *record is valid during the call. TARN_OK, also when ended early; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED;
+ * TARN_E_FAIL. */
+TARN_API uint32_t LocalCacheEnumerate(int (*onRecord)(const _LOCAL_CACHE_RECORD *record, void *context), void *context);
+
+/* Checks the database file and the agreement of its tables and changes nothing. onFinding (may be NULL) is called with
+ * each finding, a line of text that is valid during the call. Lookups wait for parts of it, a second in a large cache.
+ * TARN_OK: sound; TARN_E_FAIL: it is not, or cannot be checked; TARN_E_NOT_INITIALIZED. */
+TARN_API uint32_t LocalCacheCheck(void (*onFinding)(const char *text, void *context), void *context);
 
 /* Which files on this machine carry these MD5s? md5s: count slots of 33 bytes, each a NUL-terminated text. Walks the
  * file system and may take long; other calls go on meanwhile.
@@ -124,6 +135,11 @@ TARN_API uint32_t LocalCacheGetStatistic(_LOCAL_CACHE_STATISTIC *statistic);
  * TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_OUTOFMEMORY; TARN_E_FAIL (outputs untouched).
  * Ownership: free every pszFilePaths but the first with free() and set it to NULL, then call LocalCacheFree. */
 TARN_API uint32_t LocalCacheFindFilesByHash(const char *md5s, uint64_t count, _CacheFileInfo **out, uint64_t *outCount);
+
+/* Sets the function that LocalCacheFindFilesByHash and LocalCacheLookUpByHashes call on the walking thread for each
+ * folder they enter; NULL ends it, and when this returns the former function is not running any more. Not to be called
+ * from inside onFolder. folder: absolute, ends in "/", valid during the call. TARN_OK; TARN_E_NOT_INITIALIZED. */
+TARN_API uint32_t LocalCacheSetFindProgress(void (*onFolder)(const char *folder, void *context), void *context);
 
 /* Frees the array and its first record's path text; the path texts of the other records stay with the caller. */
 TARN_API void LocalCacheFree(_CacheFileInfo *pCacheFileinfo, uint64_t uCfinfoCounts);
@@ -135,6 +151,12 @@ TARN_API void LocalCacheFree(_CacheFileInfo *pCacheFileinfo, uint64_t uCfinfoCou
 TARN_API int CalcFilePathCrc32(const char *path, uint32_t *out);
 TARN_API int CalcFileAttrCrc32(const char *path, uint32_t *out);
 TARN_API int CalcFilePathIndex(const char *path, char *out, uint32_t maxLen);
+
+/* A result code in words, in English and without a full stop; never NULL. */
+TARN_API const char *LocalCacheErrorText(uint32_t code);
+
+/* The library's version, as in "1.2.3". */
+TARN_API const char *LocalCacheVersion(void);
 
 #ifdef __cplusplus
 }

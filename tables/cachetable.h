@@ -11,7 +11,7 @@
 
 #include <set>
 
-class TARN_EXPORT CCacheTable : public CTableBase<_CacheRecord> {
+class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
   public:
     explicit CCacheTable(sqlite3 *pDB = nullptr);
     virtual ~CCacheTable();

@@ -10,7 +10,7 @@ struct _VersionRecord {
     int64_t liCreateTime; // LDT: seconds since the epoch
 };
 
-class TARN_EXPORT CVersionTable : public CTableBase<_VersionRecord> {
+class TARN_API CVersionTable : public CTableBase<_VersionRecord> {
   public:
     explicit CVersionTable(sqlite3 *pDB = nullptr);
     virtual ~CVersionTable();

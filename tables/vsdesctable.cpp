@@ -15,7 +15,7 @@ constexpr int kNoDescription = -1;
 
 // The part of a description that the table keeps.
 std::string StoredText(const char *pszVirusDesc) {
-    return std::string(pszVirusDesc, strnlen(pszVirusDesc, kVirusDescSize - 1));
+    return std::string(pszVirusDesc, strnlen(pszVirusDesc, TARN_VIRUS_DESC_SIZE - 1));
 }
 
 } // namespace
@@ -69,7 +69,7 @@ uint32_t CVirusTable::QueryRecord(_VirusRecord *pRecord) {
         return 1;
     }
     std::memset(pRecord->szVirusDesc, 0, sizeof pRecord->szVirusDesc);
-    std::memcpy(pRecord->szVirusDesc, pText, std::min(nBytes, kVirusDescSize - 1));
+    std::memcpy(pRecord->szVirusDesc, pText, std::min<size_t>(nBytes, TARN_VIRUS_DESC_SIZE - 1));
     return 0;
 }
 
@@ -122,14 +122,15 @@ int CVirusTable::GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex)
 // replaces its row: kept, since stored records refer to these numbers.
 uint32_t CVirusTable::AddDescription(const std::string &strVirusDesc, int *pVirusIndex) {
     int iCounts = 0;
-    if (const uint32_t uResult = QueryRecordCounts(iCounts); uResult != 0) {
-        return uResult;
+    if (const uint32_t ulResult = QueryRecordCounts(iCounts); ulResult != 0) {
+        return ulResult;
     }
     _VirusRecord record = {};
     record.iVirusIndex = iCounts;
-    std::memcpy(record.szVirusDesc, strVirusDesc.c_str(), std::min(strVirusDesc.size(), kVirusDescSize - 1));
-    if (const uint32_t uResult = InsertRecord(&record); uResult != 0) {
-        return uResult;
+    std::memcpy(record.szVirusDesc, strVirusDesc.c_str(),
+                std::min<size_t>(strVirusDesc.size(), TARN_VIRUS_DESC_SIZE - 1));
+    if (const uint32_t ulResult = InsertRecord(&record); ulResult != 0) {
+        return ulResult;
     }
     *pVirusIndex = iCounts;
     return 0;
@@ -166,8 +167,8 @@ uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *
     if (iStep == SQLITE_ROW) {
         *pVirusIndex = sqlite3_column_int(stQuery.pStmt, 0);
     } else if (iStep == SQLITE_DONE) {
-        if (const uint32_t uResult = AddDescription(strVirusDesc, pVirusIndex); uResult != 0) {
-            return uResult;
+        if (const uint32_t ulResult = AddDescription(strVirusDesc, pVirusIndex); ulResult != 0) {
+            return ulResult;
         }
     } else {
         return static_cast<uint32_t>(iStep);

@@ -10,15 +10,13 @@
 #include <map>
 #include <mutex>
 
-constexpr size_t kVirusDescSize = 64; // bytes of a description with its NUL; longer ones are cut
-
 struct _VirusRecord {
-    int32_t iVirusIndex;              // VID, the key
-    char szVirusDesc[kVirusDescSize]; // VD
+    int32_t iVirusIndex;                    // VID, the key
+    char szVirusDesc[TARN_VIRUS_DESC_SIZE]; // VD
 };
 static_assert(sizeof(_VirusRecord) == 68);
 
-class TARN_EXPORT CVirusTable : public CTableBase<_VirusRecord> {
+class TARN_API CVirusTable : public CTableBase<_VirusRecord> {
   public:
     explicit CVirusTable(sqlite3 *pDB = nullptr);
     virtual ~CVirusTable();

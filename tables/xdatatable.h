@@ -7,8 +7,7 @@
 #ifndef TARN_TABLES_XDATATABLE_H
 #define TARN_TABLES_XDATATABLE_H
 
-#include "util/export.h"
-#include "util/result_codes.h"
+#include "interface/tarncache.h"
 
 #include <cstdint>
 #include <string>
@@ -25,7 +24,7 @@ struct _TableColumnValue {
 };
 
 // A statement and its text. Owns the handle: finalizes it when destroyed.
-struct TARN_EXPORT _SQLStmt {
+struct TARN_API _SQLStmt {
     sqlite3_stmt *pStmt = nullptr;
     std::string strSQL;
 
@@ -42,7 +41,7 @@ struct TARN_EXPORT _SQLStmt {
 };
 
 // One use of a kept statement: resets it and clears its bindings on the way out.
-class TARN_EXPORT CStatementUse {
+class TARN_API CStatementUse {
   public:
     explicit CStatementUse(sqlite3_stmt *pStmt) : m_pStmt(pStmt) {}
     ~CStatementUse();
@@ -78,14 +77,14 @@ template <typename Record> class IBaseTable {
 
 // Runs one statement without results; tries again once, with a 1500 ms time-out, when the database is busy.
 // 0, or 1 (null connection, failed statement; logged).
-TARN_EXPORT int __implExecDDL(sqlite3 *pDB, const std::string &strSQL);
+TARN_API int __implExecDDL(sqlite3 *pDB, const std::string &strSQL);
 
 // Compares the stored CREATE text with the expected one, ignoring case. 0 when it matches; a SQLite code when the check
 // cannot be prepared; else 1.
-TARN_EXPORT int __implCheckIntegrity(sqlite3 *pDB, std::string strCheckSQL, std::string strCreateSQL);
+TARN_API int __implCheckIntegrity(sqlite3 *pDB, std::string strCheckSQL, std::string strCreateSQL);
 
 // The columns and generated texts that every table has, and the statements prepared from them.
-class TARN_EXPORT CTableSchema {
+class TARN_API CTableSchema {
   public:
     sqlite3 *m_pDB = nullptr; // not owned; set before any operation
     std::string m_strTableName;
@@ -136,7 +135,7 @@ template <typename Record> class CTableBase : public IBaseTable<Record>, public 
 
 // True when the connection's last call failed for a reason that says nothing about the schema: the file is locked, the
 // disk is full or failing, memory is short.
-TARN_EXPORT bool IsDatabaseOutOfReach(sqlite3 *pDB);
+TARN_API bool IsDatabaseOutOfReach(sqlite3 *pDB);
 
 // Create; when that fails or the stored schema differs, drop (the rows are lost) and create again. A database that is
 // just out of reach keeps its rows. TARN_OK or TARN_E_FAIL.

@@ -97,10 +97,10 @@ class CAgentTest : public testing::Test {
         (void)Stop();
         m_pAgent = std::make_unique<CDataBaseAgent>();
         g_bWatch = true;
-        const uint32_t uResult = m_pAgent->AgentInit(iMode);
+        const uint32_t ulResult = m_pAgent->AgentInit(iMode);
         g_bWatch = false;
-        m_pAgent = uResult == TARN_OK ? std::move(m_pAgent) : nullptr;
-        return uResult;
+        m_pAgent = ulResult == TARN_OK ? std::move(m_pAgent) : nullptr;
+        return ulResult;
     }
     uint32_t Stop() {
         const auto pAgent = std::move(m_pAgent);

@@ -1,8 +1,8 @@
 #include "util/dbconfig.h"
 
+#include "interface/tarncache.h"
 #include "tests/support/install.h"
 #include "tests/support/services.h"
-#include "util/result_codes.h"
 
 #include <cstring>
 #include <filesystem>

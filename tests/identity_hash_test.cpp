@@ -1,5 +1,4 @@
-#include "util/cacheutil.h"
-
+#include "interface/tarncache.h"
 #include "tests/support/install.h"
 #include "tests/support/services.h"
 

@@ -113,7 +113,7 @@ TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
     const std::string strOne = DigestText(1);
     const std::string strTwo = DigestText(2);
     const struct {
-        uint32_t uResult;
+        uint32_t ulResult;
         int64_t liDeleted;
         std::string strText;
     } cases[] = {
@@ -133,14 +133,14 @@ TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
         {TARN_OK, 1, "e:" + std::string(150, '9') + "\r\n" + std::string(31, '0') + "A"},
     };
     RecordedLog::SetDebug(true);
-    for (const auto &[uResult, liDeleted, strText] : cases) {
+    for (const auto &[ulResult, liDeleted, strText] : cases) {
         SCOPED_TRACE(strText);
         StartWithRows(10);
         LeaveList(strText);
-        EXPECT_EQ(m_pAgent->DeleteCacheRecordsByFileMD5(), uResult);
+        EXPECT_EQ(m_pAgent->DeleteCacheRecordsByFileMD5(), ulResult);
         EXPECT_EQ(Rows(), 11 - liDeleted);
-        EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), uResult == TARN_OK ? TARN_OK : TARN_E_FAIL);
-        EXPECT_TRUE(HasMarker() == (uResult != TARN_OK) && Exists(m_strList) == HasMarker());
+        EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), ulResult == TARN_OK ? TARN_OK : TARN_E_FAIL);
+        EXPECT_TRUE(HasMarker() == (ulResult != TARN_OK) && Exists(m_strList) == HasMarker());
     }
     const std::string strOpened = "[DeleteCacheRecordsByFileMD5]Open file " + m_strList + " and get VersionID = ";
     EXPECT_TRUE(RecordedLog::Contains(strOpened + "1.3") && RecordedLog::Contains(strOpened + std::string(99, '9')));

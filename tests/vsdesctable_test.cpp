@@ -17,8 +17,8 @@ class CTestTable : public CVirusTable {
         EXPECT_EQ(iResult, iIndex == -99 ? 0 : 1) << strDesc;
         return iIndex;
     }
-    std::string Desc(int iIndex, unsigned int nSize = kVirusDescSize) {
-        char szDesc[kVirusDescSize] = "?";
+    std::string Desc(int iIndex, unsigned int nSize = TARN_VIRUS_DESC_SIZE) {
+        char szDesc[TARN_VIRUS_DESC_SIZE] = "?";
         const int iResult = GetVirusDescByIndex(iIndex, szDesc, nSize);
         EXPECT_EQ(iResult, std::strcmp(szDesc, "?") == 0 ? 0 : 1) << iIndex;
         return szDesc;

@@ -3,7 +3,6 @@
 
 #include "tests/support/install.h"
 #include "tests/support/services.h"
-#include "util/cacheutil.h"
 
 #include <cstring>
 #include <dlfcn.h>

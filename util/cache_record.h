@@ -2,13 +2,13 @@
 #ifndef TARN_UTIL_CACHE_RECORD_H
 #define TARN_UTIL_CACHE_RECORD_H
 
-#include "util/paths.h"
+#include "interface/tarncache.h"
 
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
 
-constexpr unsigned int kPathIndexLength = 5; // characters of a file path index that are kept
+constexpr unsigned int kPathIndexLength = TARN_PATH_INDEX_SIZE - 1; // characters of a file path index that are kept
 
 // A scan result as the cache table stores it. The comment names the column.
 struct _CacheRecord {
@@ -25,7 +25,7 @@ struct _CacheRecord {
 
 // A record and the full path that the reverse lookup found for it (empty until then).
 struct _CacheRecordEx : _CacheRecord {
-    char szFilePath[kPathSize];
+    char szFilePath[TARN_PATH_SIZE];
 };
 
 // A file digest as the cache table keys it.
@@ -51,6 +51,16 @@ constexpr int16_t VerdictEngineCode(int64_t liTreatVirus) {
 }
 constexpr int16_t VerdictVirusIndex(int64_t liTreatVirus) {
     return static_cast<int16_t>(static_cast<uint64_t>(liTreatVirus) >> 48U);
+}
+
+// The 4 kept bits of a flag word's result state.
+constexpr int32_t ResultStateOf(uint32_t ulFlags) {
+    return static_cast<int32_t>(TARN_RESULT_STATE(ulFlags) & 0xFU);
+}
+// The flag word with its whole 5-bit state replaced, so that the state's top bit always comes back clear.
+constexpr uint32_t WithResultState(uint32_t ulFlags, int32_t lState) {
+    return (ulFlags & ~(0x1FU << TARN_RESULT_STATE_SHIFT)) | (static_cast<uint32_t>(lState) & 0xFU)
+                                                                 << TARN_RESULT_STATE_SHIFT;
 }
 
 static_assert(PackVerdict(0x12345678U, 48, 2) == 0x0002003012345678, "stored layout");

@@ -1,4 +1,6 @@
-#include "util/cacheutil.h"
+// The three small values that identify a file. Pure functions of their arguments and the file system: no state, no
+// locks, any thread.
+#include "interface/tarncache.h"
 
 #include "platform/tarncore.h"
 #include "util/log.h"

@@ -1,8 +1,8 @@
 #include "util/dbconfig.h"
 
+#include "interface/tarncache.h"
 #include "platform/nubbase.h"
 #include "util/log.h"
-#include "util/result_codes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -109,8 +109,8 @@ uint32_t ReadDBConfig(_DBConfig *pDBCfg) {
         TARN_LOG_ERROR("[%s][cache] arg pDBCfg is null.");
         return TARN_E_FAIL;
     }
-    char szConfigPath[kPathSize] = {};
-    char szDir[kPathSize] = {};
+    char szConfigPath[TARN_PATH_SIZE] = {};
+    char szDir[TARN_PATH_SIZE] = {};
     dirutils_path_transform(kConfigPath, szConfigPath, sizeof szConfigPath);
     TARN_LOG_DEBUG("[%s][cache] tarn config path:%s.", szConfigPath);
     dirutils_path_transform(kDatabaseDir, szDir, sizeof szDir);
@@ -137,7 +137,7 @@ uint32_t WriteDBConfig(_DBConfig *pDBCfg) {
         TARN_LOG_ERROR("[%s][cache] arg pDBCfg is null.");
         return TARN_E_FAIL;
     }
-    char szConfigPath[kPathSize] = {};
+    char szConfigPath[TARN_PATH_SIZE] = {};
     dirutils_path_transform(kConfigPath, szConfigPath, sizeof szConfigPath);
     TARN_LOG_DEBUG("[%s][cache] tarn config path:%s.", szConfigPath);
     const IniHandle pIni(ini_file_load(szConfigPath));

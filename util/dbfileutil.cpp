@@ -1,9 +1,8 @@
 #include "util/dbfileutil.h"
 
+#include "interface/tarncache.h"
 #include "platform/nubbase.h"
-#include "util/cacheutil.h"
 #include "util/log.h"
-#include "util/result_codes.h"
 
 #include <algorithm>
 #include <bit>
@@ -115,10 +114,10 @@ class CWalkTargets {
 
     // szPath is the whole buffer, zero-padded, and so is the record's field afterwards. An empty field is zeroed
     // already: writing 4 KiB into each of many records would cost more than finding them.
-    void Resolve(int64_t liFilePathHash, const char (&szPath)[kPathSize]) {
+    void Resolve(int64_t liFilePathHash, const char (&szPath)[TARN_PATH_SIZE]) {
         if (_CacheRecordEx *pRecord = m_table.Record(liFilePathHash)) {
             const bool bEmpty = pRecord->szFilePath[0] == '\0';
-            std::memcpy(pRecord->szFilePath, szPath, bEmpty ? std::strlen(szPath) + 1 : kPathSize);
+            std::memcpy(pRecord->szFilePath, szPath, bEmpty ? std::strlen(szPath) + 1 : TARN_PATH_SIZE);
         }
     }
 
@@ -135,7 +134,7 @@ class CWalkTargets {
     CHashTable m_table;
 };
 
-void VisitFile(CWalkTargets &targets, const char (&szPath)[kPathSize]) {
+void VisitFile(CWalkTargets &targets, const char (&szPath)[TARN_PATH_SIZE]) {
     uint32_t aulWords[2] = {};
     if (CalcFilePathCrc32(szPath, aulWords) == 0) {
         TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]cal file (%s) crc failed.", szPath);
@@ -146,10 +145,10 @@ void VisitFile(CWalkTargets &targets, const char (&szPath)[kPathSize]) {
     targets.Resolve(liFilePathHash, szPath);
 }
 
-void VisitDirectory(CWalkTargets &targets, char (&szPath)[kPathSize], size_t nLength,
+void VisitDirectory(CWalkTargets &targets, char (&szPath)[TARN_PATH_SIZE], size_t nLength,
                     std::list<std::string> &listDirs) {
     TARN_LOG_DEBUG_AS(kWalk, "[%s]find dir:%s.", szPath);
-    if (nLength + 2 > kPathSize) { // no room for the '/' and the NUL
+    if (nLength + 2 > TARN_PATH_SIZE) { // no room for the '/' and the NUL
         TARN_LOG_DEBUG_AS(kWalk, "[%s]the length of path:%s is over the max size of linux path.", szPath);
         return;
     }
@@ -162,12 +161,12 @@ void VisitDirectory(CWalkTargets &targets, char (&szPath)[kPathSize], size_t nLe
 void VisitEntry(CWalkTargets &targets, DIR *pDir, const std::string &strDir, const char *pszName,
                 std::list<std::string> &listDirs) {
     const size_t nLength = strDir.size() + std::strlen(pszName);
-    if (nLength + 1 > kPathSize) {
+    if (nLength + 1 > TARN_PATH_SIZE) {
         TARN_LOG_DEBUG_AS(kWalk, "[%s]the length of the [%s%s]  is over the %d.", strDir.c_str(), pszName,
-                          static_cast<int>(kPathSize));
+                          static_cast<int>(TARN_PATH_SIZE));
         return;
     }
-    char szPath[kPathSize] = {};
+    char szPath[TARN_PATH_SIZE] = {};
     str_snprintf(szPath, sizeof szPath, "%s%s", strDir.c_str(), pszName);
     struct stat status = {};
     if (fstatat(dirfd(pDir), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -4,15 +4,15 @@
 #ifndef TARN_UTIL_DBFILEUTIL_H
 #define TARN_UTIL_DBFILEUTIL_H
 
+#include "interface/tarncache.h"
 #include "util/cache_record.h"
-#include "util/export.h"
 
 #include <list>
 #include <map>
 #include <string>
 #include <vector>
 
-class TARN_EXPORT CdbFileUtil {
+class TARN_API CdbFileUtil {
   public:
     using RecordMap = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> records, not owned
 
