@@ -22,7 +22,7 @@ constexpr int64_t kRecencyMarginSeconds = 3600; // what was used in the last hou
 #pragma GCC diagnostic ignored "-Wformat-non-iso"
 #endif
 void LogFailedReset(const char *pszError) {
-    TARN_LOG_AS(LOG_FAILURE, "DoCleanCachesJob", "[%s][cache] Reset records QC failed with error code msg = %S",
+    TARN_LOG_AS(ELogLevel::Error, "DoCleanCachesJob", "[%s][cache] Reset records QC failed with error code msg = %S",
                 std::wstring(pszError, pszError + std::strlen(pszError)).c_str());
 }
 #pragma GCC diagnostic pop
@@ -41,7 +41,7 @@ void CDataBaseAgent::DoCleanCachesJob() {
     const int iQueryTimes = static_cast<int>(m_config.lExpirePercent * m_config.lDBQueryCounts / 100);
     const int64_t liCutOff = m_config.lExpirePercent == 100 ? liNow : liNow - kRecencyMarginSeconds;
     TARN_LOG_DEBUG("[%s][cache] iQueryTimes:%d.", iQueryTimes);
-    const CWriteLock lock(m_tableLock);
+    const CWriteLock lock(m_connection.m_tableLock);
     int iDeleted = static_cast<int>(m_ulWeedOutCount);
     if (const uint32_t ulResult = m_pCacheTable->DeleteExpireRecords(iQueryTimes, liCutOff, &iDeleted); ulResult != 0) {
         TARN_LOG_ERROR("[%s][cache] Expire records failed with error code msg = %s",
@@ -82,10 +82,16 @@ void CDataBaseAgent::CleanTimerCallback(cl_timerplus *pTimer) {
 
 void CDataBaseAgent::TimerCleanCaches() {
     TARN_LOG_DEBUG("[%s][cache] Check max storage count to clean cache");
+    (void)TrimRecords(); // logged there; the timer comes again
+}
+
+uint32_t CDataBaseAgent::TrimRecords() {
     int iDeleted = 0;
-    const CWriteLock lock(m_tableLock);
-    if (m_pCacheTable->DeleteExcessRecords(static_cast<int>(m_config.lExpirePercent), &iDeleted) != 0) {
-        TARN_LOG_ERROR("[%s][cache] delete excess records failed with error");
+    const CWriteLock lock(m_connection.m_tableLock);
+    const uint32_t ulResult = m_pCacheTable->DeleteExcessRecords(static_cast<int>(m_config.lExpirePercent), &iDeleted);
+    if (ulResult != 0) {
+        TARN_LOG_AS(ELogLevel::Error, "TimerCleanCaches", "[%s][cache] delete excess records failed with error");
     }
     m_ulWeedOutCount += static_cast<uint32_t>(iDeleted);
+    return ulResult == 0 ? TARN_OK : TARN_E_FAIL;
 }

@@ -1,6 +1,6 @@
 // Compaction and the integrity probe, on the writer thread. Neither takes the table lock: SQLite's own mutex of the
 // connection keeps lookups out while they run.
-#include "agent/dbagent.h"
+#include "agent/connection.h"
 
 #include "tables/sqlite_support.h"
 #include "util/log.h"
@@ -39,12 +39,12 @@ class CSmallPageCache {
 };
 
 // Holds the connection's own mutex: its error text then is that of the call just made.
-class CConnectionMutex {
+class CConnectionGuard {
   public:
-    explicit CConnectionMutex(sqlite3 *pDB) : m_pMutex(sqlite3_db_mutex(pDB)) { sqlite3_mutex_enter(m_pMutex); }
-    ~CConnectionMutex() { sqlite3_mutex_leave(m_pMutex); }
-    CConnectionMutex(const CConnectionMutex &) = delete;
-    CConnectionMutex &operator=(const CConnectionMutex &) = delete;
+    explicit CConnectionGuard(sqlite3 *pDB) : m_pMutex(sqlite3_db_mutex(pDB)) { sqlite3_mutex_enter(m_pMutex); }
+    ~CConnectionGuard() { sqlite3_mutex_leave(m_pMutex); }
+    CConnectionGuard(const CConnectionGuard &) = delete;
+    CConnectionGuard &operator=(const CConnectionGuard &) = delete;
 
   protected:
     sqlite3_mutex *m_pMutex;
@@ -53,9 +53,9 @@ class CConnectionMutex {
 // The same, entered at a moment in which no lookup is between its step and its end: SQLite refuses to vacuum while a
 // statement is active, and a busy cache would never be compacted. Gives up waiting for such a moment after the usual
 // time-out. Lookups wait for that mutex during a vacuum anyway.
-class CQuietConnection : public CConnectionMutex {
+class CQuietConnection : public CConnectionGuard {
   public:
-    explicit CQuietConnection(sqlite3 *pDB) : CConnectionMutex(pDB) {
+    explicit CQuietConnection(sqlite3 *pDB) : CConnectionGuard(pDB) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
         while (IsActive(pDB) && std::chrono::steady_clock::now() < deadline) {
             sqlite3_mutex_leave(m_pMutex);
@@ -76,12 +76,12 @@ class CQuietConnection : public CConnectionMutex {
 
 } // namespace
 
-int64_t CDataBaseAgent::AdjustDBToActualSize() {
+int64_t CConnection::AdjustDBToActualSize(int32_t lCachePages) {
     if (m_pDB == nullptr) {
         TARN_LOG_ERROR("[%s]db is null.");
         return 1;
     }
-    const CSmallPageCache smallCache(m_pDB, m_config.lCacheSize);
+    const CSmallPageCache smallCache(m_pDB, lCachePages);
     const CQuietConnection quietConnection(m_pDB);
     char *pszError = nullptr;
     const int iResult = sqlite3_exec(m_pDB, "vacuum;", nullptr, nullptr, &pszError);
@@ -93,12 +93,12 @@ int64_t CDataBaseAgent::AdjustDBToActualSize() {
     return iResult == SQLITE_OK ? 1 : 0;
 }
 
-int64_t CDataBaseAgent::CheckDBIntegrity() {
+int64_t CConnection::CheckDBIntegrity() {
     if (m_pDB == nullptr) {
         TARN_LOG_ERROR("[%s]db is null.");
         return 1;
     }
-    const CConnectionMutex connectionMutex(m_pDB);
+    const CConnectionGuard connectionGuard(m_pDB);
     _SQLStmt stCheck("pragma quick_check;");
     if (stCheck.Prepare(m_pDB) != SQLITE_OK) {
         TARN_LOG_ERROR("[%s][cache] sqlite3_prepare_v2 failed with error code = %d", sqlite3_errcode(m_pDB));

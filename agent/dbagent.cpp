@@ -1,18 +1,16 @@
-// Start-up and shut-down, on the caller's thread under g_DBMutex; no lock of the agent's own is needed but the queue
-// mutex for the running flag.
+// Start-up and shut-down, on the caller's thread under g_DBMutex.
 #include "agent/dbagent.h"
 
-#include "interface/tarncache.h"
 #include "util/log.h"
 
 #include <cstring>
 #include <new>
-#include <sqlite3.h>
 #include <sys/statfs.h>
 
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
+constexpr char kInit[] = "AgentInit";
 
 } // namespace
 
@@ -21,9 +19,10 @@ CDataBaseAgent::CDataBaseAgent() = default;
 CDataBaseAgent::~CDataBaseAgent() = default;
 
 uint32_t CDataBaseAgent::AgentInit(int mode) {
+    m_eMode = static_cast<EMode>(mode);
     uint32_t ulResult = TARN_E_OUTOFMEMORY;
     try {
-        ulResult = StartDatabase();
+        ulResult = IsReader() ? StartReader() : StartDatabase();
     } catch (const std::bad_alloc &) {
         TARN_LOG_SEVERE("[%s][cache] out of memory.");
     }
@@ -31,44 +30,45 @@ uint32_t CDataBaseAgent::AgentInit(int mode) {
         (void)AgentUnInit(); // the failure that counts is the one of the start
         return ulResult;
     }
-    m_bRunning = true;
-    if (mode != 0) {
-        return TARN_OK;
+    m_queue.Start();
+    if (m_eMode == EMode::Full) {
+        StartWriter();
     }
-    if (const int iError = cl_ev_create_isolated_thread(&m_writerThread, 0, UpdateWorkThread, this); iError != 0) {
-        m_writerThread = 0;
-        TARN_LOG_ERROR("[%s][cache] create thread failed, err:%d.", iError);
+    return TARN_OK;
+}
+
+uint32_t CDataBaseAgent::CreateLocks() {
+    if (m_connection.m_tableLock.Create() != 0 || m_queue.Create() != 0 || m_startGate.Create() != 0) {
+        TARN_LOG_AS(ELogLevel::Severe, kInit, "[%s][cache] init rwlock, mutext, cond failed.");
+        return TARN_E_FAIL;
     }
     return TARN_OK;
 }
 
 uint32_t CDataBaseAgent::StartDatabase() {
-    constexpr char kFunction[] = "AgentInit";
-    if (m_tableLock.Create() != 0 || m_queueMutex.Create() != 0 || m_queueCondition.Create(CLOCK_REALTIME) != 0 ||
-        m_stopCondition.Create(CLOCK_MONOTONIC) != 0) {
-        TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] init rwlock, mutext, cond failed.");
-        return TARN_E_FAIL;
+    if (const uint32_t ulResult = CreateLocks(); ulResult != TARN_OK) {
+        return ulResult;
     }
     if (const uint32_t ulResult = ReadDBConfig(&m_config); ulResult != TARN_OK) {
-        TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] ReadDBConfig failed.");
+        TARN_LOG_AS(ELogLevel::Severe, kInit, "[%s][cache] ReadDBConfig failed.");
         return ulResult;
     }
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] read db config success.");
+    TARN_LOG_AS(ELogLevel::Info, kInit, "[%s][cache] read db config success.");
     if (!IsDiskSpaceEnough()) {
-        TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s][cache] DiskSpace is lower threshold failed.");
+        TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] DiskSpace is lower threshold failed.");
         return TARN_E_FAIL;
     }
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] disk have free space for db.");
+    TARN_LOG_AS(ELogLevel::Info, kInit, "[%s][cache] disk have free space for db.");
     if (const uint32_t ulResult = OpenDB(); ulResult != TARN_OK) {
-        TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] open db failed.");
+        TARN_LOG_AS(ELogLevel::Severe, kInit, "[%s][cache] open db failed.");
         return ulResult;
     }
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] open db success.");
+    TARN_LOG_AS(ELogLevel::Info, kInit, "[%s][cache] open db success.");
     if (const uint32_t ulResult = DBTablesInit(); ulResult != TARN_OK) {
-        TARN_LOG_AS(LOG_SEVERE, kFunction, "[%s][cache] DBTablesInit failed.");
+        TARN_LOG_AS(ELogLevel::Severe, kInit, "[%s][cache] DBTablesInit failed.");
         return ulResult;
     }
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s][cache] tables init success.");
+    TARN_LOG_AS(ELogLevel::Info, kInit, "[%s][cache] tables init success.");
     return TARN_OK;
 }
 
@@ -79,12 +79,28 @@ bool CDataBaseAgent::IsDiskSpaceEnough() const {
     return m_config.liDiskThreshold <= ullFreeBytes;
 }
 
+void CDataBaseAgent::StartWriter() {
+    m_startGate.Close();
+    m_queue.SetWriter(true);
+    if (const int iError = cl_ev_create_isolated_thread(&m_writerThread, 0, UpdateWorkThread, this); iError != 0) {
+        m_writerThread = 0;
+        m_queue.SetWriter(false);
+        m_startGate.Open(TARN_OK);
+        TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] create thread failed, err:%d.", iError);
+    }
+}
+
+uint32_t CDataBaseAgent::Flush(uint32_t ulTimeoutMs, uint64_t *pullLost) {
+    const uint32_t ulResult = m_queue.WaitUntilSettled(ulTimeoutMs);
+    if (pullLost != nullptr) {
+        *pullLost = m_queue.Lost();
+    }
+    return ulResult;
+}
+
 uint32_t CDataBaseAgent::AgentUnInit() {
-    if (m_bRunning) {
-        const CMutexLock lock(m_queueMutex);
-        m_bRunning = false;
-        m_queueCondition.Signal();
-        m_stopCondition.Signal();
+    if (m_queue.IsRunning()) {
+        m_queue.Stop();
     }
     if (m_writerThread != 0) {
         if (const int iError = pthread_join(m_writerThread, nullptr); iError != 0) {
@@ -92,13 +108,10 @@ uint32_t CDataBaseAgent::AgentUnInit() {
             m_writerThread = 0;
         }
     }
-    if (m_tableLock.Destroy() != 0 || m_queueCondition.Destroy() != 0 || m_stopCondition.Destroy() != 0 ||
-        m_queueMutex.Destroy() != 0) {
+    if (m_connection.m_tableLock.Destroy() != 0 || m_queue.Destroy() != 0 || m_startGate.Destroy() != 0) {
         TARN_LOG_ERROR("[%s][cache] destroy rwlock, cond, mutex failed.");
     }
     DBTablesUnInit();
-    for (_SQLStmt *pStatement : {&m_stBegin, &m_stCommit, &m_stRollback}) {
-        pStatement->Finalize();
-    }
+    m_connection.FinalizeStatements();
     return CloseDB();
 }

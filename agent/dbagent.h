@@ -1,28 +1,31 @@
-// dbagent.h - the one object behind the library's entry points.
+// dbagent.h - the one object behind the library's entry points: a thin face over the connection, the write queue and
+// the tables.
 //
-// Threads: any number of callers; one writer thread (none in read-only mode), which also runs all maintenance.
+// Threads: any number of callers; one writer thread (only in full mode), which also runs all maintenance.
 //
 // Lock order, outermost first:
 //   1. g_DBMutex (interface): start-up and shut-down, never two of them at once.
-//   2. m_tableLock: the connection and the table objects.
+//   2. m_connection.m_tableLock: the connection and the table objects.
 //      Read: lookups, counting, queries of the reverse lookup.
 //      Write: the virus index of an addition, the writer's batches, every deletion.
-//   2. m_queueMutex: the front queues and the flags. Never held together with m_tableLock.
-//   3. the small mutexes inside the tables (description map, statement pool).
+//   2. m_queue.m_mutex: the front queues and the flags. Never held together with the table lock.
+//   3. the small mutexes inside the tables (description map, statement pool), the start gate and the walk's progress.
 // The vacuum and the integrity probe run on the connection with no lock of ours; SQLite's own mutex serialises them.
 #ifndef TARN_AGENT_DBAGENT_H
 #define TARN_AGENT_DBAGENT_H
 
-#include "interface/tarncache.h"
+#include "agent/connection.h"
+#include "agent/find_progress.h"
+#include "agent/start_gate.h"
+#include "agent/write_queue.h"
 #include "platform/nubcl_ev.h"
 #include "tables/cachetable.h"
 #include "tables/versiontable.h"
 #include "tables/vsdesctable.h"
 #include "util/dbconfig.h"
-#include "util/locks.h"
+#include "util/dbfileutil.h"
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -40,15 +43,16 @@ static_assert(sizeof(_DBStatistics) == 20);
 
 using ENGID = int32_t;               // one engine
 using EngineSet = std::set<int16_t>; // engines as the cache table stores them
-using HitMap = std::map<long, long>; // file path hash -> seconds since the epoch of the hit
-using HashRequests = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> its records, caller's
+
+// How the agent is started: the argument of AgentInit.
+enum class EMode : int { Full = TARN_MODE_FULL, Direct = TARN_MODE_DIRECT, Reader = TARN_MODE_READER };
 
 // Path of the enciphered digest list into path (size bytes). True when the file exists; else logged and false.
 TARN_API bool GetUpdateCacheFilePath(char *path, int32_t size);
 
 class TARN_API CDataBaseAgent {
   public:
-    enum TransactionType : int { TRANSACTION_DEFERRED = 1, TRANSACTION_IMMEDIATE = 2, TRANSACTION_EXCLUSIVE = 3 };
+    using TransactionType = ::TransactionType;
 
     CDataBaseAgent();
     virtual ~CDataBaseAgent(); // frees what is still queued, without writing it
@@ -57,12 +61,16 @@ class TARN_API CDataBaseAgent {
 
     // --- dbagent.cpp: start-up and shut-down, under g_DBMutex
 
-    // Locks, configuration, free space, database, tables; mode 0 also starts the writer thread. TARN_OK; TARN_E_FAIL,
-    // TARN_E_OUTOFMEMORY or a table's code, with everything taken down again. A writer that cannot be started is logged
-    // only.
+    // Locks, configuration, free space, database, tables; mode 0 also starts the writer thread, mode 2 (EMode::Reader)
+    // opens what is there for reading. TARN_OK; TARN_E_FAIL, TARN_E_OUTOFMEMORY or a table's code, TARN_NOT_CACHED (a
+    // reader without a database), with everything taken down again. A writer that cannot be started is logged only.
     [[nodiscard]] uint32_t AgentInit(int mode);
     // Ends the writer (it writes both queues a last time), then releases everything. The result of CloseDB.
     uint32_t AgentUnInit();
+    [[nodiscard]] bool IsReader() const { return m_eMode == EMode::Reader; }
+    // As LocalCacheWaitReady and LocalCacheFlush. Any thread.
+    [[nodiscard]] uint32_t WaitReady(uint32_t ulTimeoutMs) { return m_startGate.Wait(ulTimeoutMs); }
+    [[nodiscard]] uint32_t Flush(uint32_t ulTimeoutMs, uint64_t *pullLost);
 
     // --- database_file.cpp: start-up and shut-down only, no lock
 
@@ -76,61 +84,87 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t CheckModuleVersion();
     void DBTablesUnInit();
     // TARN_OK (also without a connection); TARN_E_FAIL: the connection stays.
-    uint32_t CloseDB();
+    uint32_t CloseDB() { return m_connection.CloseDB(); }
 
-    // --- lookup_add.cpp: any thread
+    // --- lookup_add.cpp: any thread. The forms with a status take it from the caller instead of the file system.
 
     // TARN_OK (found), TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_FAIL. Table lock for reading, then queue mutex.
     // md5_text: 33 bytes. On a miss nothing but out's description may have been written.
     [[nodiscard]] uint32_t CacheLookup(const char *file, char *md5_text, _SCAN_FILE_RESULT *out);
+    [[nodiscard]] uint32_t CacheLookupStat(const char *file, const struct stat &status, char *md5_text,
+                                           _SCAN_FILE_RESULT *out);
     // TARN_OK (queued), TARN_E_INVALIDARG, TARN_E_OUTOFMEMORY, TARN_E_FAIL. Table lock for writing, then queue mutex.
     [[nodiscard]] uint32_t CacheAdd(const char *file, const char *md5_text, _SCAN_FILE_RESULT *in);
-    // The stored verdict, whether the file is unchanged or not, without counting a hit. TARN_OK: *pbCurrent says
-    // whether the file is as it was; TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_FAIL. Table lock for reading.
+    [[nodiscard]] uint32_t CacheAddStat(const char *file, const struct stat &status, const char *md5_text,
+                                        const _SCAN_FILE_RESULT *in);
+
+    // --- explain.cpp: any thread, table lock for reading; no hit is counted
+
+    // The stored verdict, whether the file is unchanged or not. TARN_OK: *pbCurrent says whether the file is as it was;
+    // TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_FAIL.
     [[nodiscard]] uint32_t CachePeek(const char *file, char *md5_text, _SCAN_FILE_RESULT *out, bool *pbCurrent);
+    // Record, file and reason; the size field is not touched. TARN_OK or TARN_E_FAIL.
+    [[nodiscard]] uint32_t Explain(const char *file, _LOCAL_CACHE_EXPLANATION &explanation);
+    // As LocalCacheEnumerate. No lock is held while onRecord runs.
+    [[nodiscard]] uint32_t EnumerateRecords(int (*onRecord)(const _LOCAL_CACHE_RECORD *, void *), void *context);
+    // As LocalCacheCheck.
+    [[nodiscard]] uint32_t CheckSoundness(void (*onFinding)(const char *, void *), void *context);
 
     // --- writer.cpp: the writer thread
 
     static void *UpdateWorkThread(void *agent);
     void UpdateRecords();
     // Decides what the coming pass writes, swapping front and back containers. Queue mutex held.
-    void PreDoJobs() REQUIRES(m_queueMutex);
+    void PreDoJobs() REQUIRES(m_queue.m_mutex) { m_queue.SwapDue(); }
     // Writes the back containers in one transaction and empties them. Takes the table lock for writing.
-    void DoBatchWriteJobs() EXCLUDES(m_tableLock);
+    void DoBatchWriteJobs() EXCLUDES(m_connection.m_tableLock);
     // One pass: PreDoJobs under the queue mutex (after up to a second of waiting for work, if asked), then
     // DoBatchWriteJobs. Returns whether the agent was running when the queues were swapped.
-    bool RunWritePass(bool bWait) EXCLUDES(m_tableLock, m_queueMutex);
+    bool RunWritePass(bool bWait) EXCLUDES(m_connection.m_tableLock, m_queue.m_mutex);
 
     // --- transactions.cpp: table lock held for writing. TARN_OK or TARN_E_FAIL.
 
-    [[nodiscard]] uint32_t BeginTransactoion(TransactionType type); // TARN_E_INVALIDARG for an unknown type
-    [[nodiscard]] uint32_t CommitTransaction();
-    uint32_t RollbackTransaction();
+    [[nodiscard]] uint32_t BeginTransactoion(TransactionType type) REQUIRES(m_connection.m_tableLock) {
+        return m_connection.BeginTransactoion(type); // TARN_E_INVALIDARG for an unknown type
+    }
+    [[nodiscard]] uint32_t CommitTransaction() REQUIRES(m_connection.m_tableLock) {
+        return m_connection.CommitTransaction();
+    }
+    uint32_t RollbackTransaction() REQUIRES(m_connection.m_tableLock) { return m_connection.RollbackTransaction(); }
 
     // --- statistics.cpp: any thread
 
     // TARN_OK; TARN_E_INVALIDARG; TARN_E_FAIL when counting failed (*out is filled, with the size known before).
     // Wakes the writer. Queue mutex, then table lock for reading.
     [[nodiscard]] uint32_t GetCacheStatistic(_DBStatistics *out);
-    // TARN_OK, also when no record had this MD5; TARN_E_FAIL (null too). Table lock for writing.
-    [[nodiscard]] uint32_t DeleteRecordByFileHash(const char *md5_text);
-    // TARN_OK or TARN_E_FAIL. Table lock for writing.
-    [[nodiscard]] uint32_t DeleteAllRecords();
+    // Everything but the size field. TARN_OK or TARN_E_FAIL. Table lock for reading, then queue mutex.
+    [[nodiscard]] uint32_t GetInfo(_LOCAL_CACHE_INFO &info);
+    // How many records carry this MD5. TARN_OK or TARN_E_FAIL. Table lock for reading.
+    [[nodiscard]] uint32_t CountByFileHash(const char *md5_text, uint64_t &ullCount);
 
-    // --- cleaning.cpp: the writer thread
+    // --- deletions.cpp: any thread. TARN_OK, also when there was nothing to delete; TARN_E_FAIL. Table lock for
+    // writing.
+
+    [[nodiscard]] uint32_t DeleteRecordByFileHash(const char *md5_text); // TARN_E_FAIL for null too
+    [[nodiscard]] uint32_t DeleteAllRecords();
+    [[nodiscard]] uint32_t DeleteByEngine(int16_t sEngine);
+    [[nodiscard]] uint32_t DeleteByPath(const char *file);
+
+    // --- cleaning.cpp: the writer thread; TrimRecords any thread
 
     // The expiry pass: due once per configured interval. Table lock for writing across deletion and counter reset.
     void DoCleanCachesJob();
     static void CleanTimerCallback(cl_timerplus *pTimer);
     // Trims a table of a million records or more. Table lock for writing.
     void TimerCleanCaches();
+    [[nodiscard]] uint32_t TrimRecords();
 
     // --- compaction.cpp: the writer thread
 
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
-    int64_t AdjustDBToActualSize();
-    // "pragma quick_check;". 1 sound (also without a connection), 0 not. Nothing here calls it.
-    [[nodiscard]] int64_t CheckDBIntegrity();
+    int64_t AdjustDBToActualSize() { return m_connection.AdjustDBToActualSize(m_config.lCacheSize); }
+    // "pragma quick_check;". 1 sound (also without a connection), 0 not.
+    [[nodiscard]] int64_t CheckDBIntegrity() { return m_connection.CheckDBIntegrity(); }
 
     // --- engine_flags.cpp: the writer thread at its start
 
@@ -163,61 +197,55 @@ class TARN_API CDataBaseAgent {
 
     // Fills each MD5's vector with its records and their paths; may take long. TARN_OK, or TARN_E_FAIL with every
     // vector freed and empty. Table lock for reading, once per MD5; none during the walk. The caller frees the records.
-    [[nodiscard]] uint32_t LookupFilePathsByHashs(HashRequests &requests);
+    [[nodiscard]] uint32_t LookupFilePathsByHashs(RecordMap &requests);
+    // Whom the walk tells of each folder. Any thread.
+    [[nodiscard]] CFindProgress &FindProgress() { return m_findProgress; }
 
   private:
-    enum QueueFlag : int32_t { FLAG_ADD_QUEUE_FULL = 1, FLAG_HIT_MAP_FULL = 2 };
-
+    uint32_t CreateLocks();
     uint32_t StartDatabase();
+    uint32_t StartReader();
+    void StartWriter();
     bool IsDiskSpaceEnough() const;
-    uint32_t PrepareEndStatements();
+    bool MakeTables();
     template <typename Table> uint32_t CheckTable(Table *pTable) NO_THREAD_SAFETY_ANALYSIS;
-    void NoteHit(int64_t liFilePathHash);
-    bool QueryHit(const char *file, _CacheRecord &record, int32_t lFileAttrHash, char *md5_text,
-                  _SCAN_FILE_RESULT *out);
-    uint32_t FillRecord(const char *file, const char *md5_text, const _SCAN_FILE_RESULT *in, _CacheRecord &record);
-    void Enqueue(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow);
-    uint32_t RunEndStatement(sqlite3_stmt *pStmt);
-    void PauseUnlessStopped() EXCLUDES(m_queueMutex);
-    bool WriteBackQueue() REQUIRES(m_tableLock);
+    uint32_t AnswerLookup(const char *file, int64_t liPathHash, int32_t lAttrHash, char *md5_text,
+                          _SCAN_FILE_RESULT *out);
+    bool QueryHit(const char *file, _CacheRecord &record, int32_t lAttrHash, char *md5_text, _SCAN_FILE_RESULT *out);
+    void NoteHit(int64_t liPathHash);
+    uint32_t QueueRecord(const char *file, std::unique_ptr<_CacheRecord> pRecord, const char *md5_text,
+                         const _SCAN_FILE_RESULT *in);
+    uint32_t FindVirusIndex(const _SCAN_FILE_RESULT *in, int16_t &sVirusIndex);
+    bool CopyRecordOut(const _CacheRecord &stored, _LOCAL_CACHE_RECORD &record)
+        REQUIRES_SHARED(m_connection.m_tableLock);
+    size_t WriteBatch() REQUIRES(m_connection.m_tableLock);
+    size_t InsertBatch() REQUIRES(m_connection.m_tableLock);
     void ApplyBatch(std::vector<CacheMD5> &batch);
-    bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_tableLock);
-    bool QueryRequests(HashRequests &requests);
+    bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_connection.m_tableLock);
+    bool QueryRequests(RecordMap &requests);
 
     // Counters: read and raised by any thread.
     std::atomic<uint32_t> m_ulHitCount = 0;
+    std::atomic<uint32_t> m_ulMissCount = 0;
     std::atomic<uint32_t> m_ulAddedCount = 0;
     std::atomic<uint32_t> m_ulCacheSize = 0;
     std::atomic<uint32_t> m_ulWeedOutCount = 0;
     std::atomic<uint32_t> m_ulWeedOutRuns = 0;
 
-    // Filled at start-up, then the writer thread's alone.
+    EMode m_eMode = EMode::Full; // set at start-up
+    // Filled at start-up. The two running values are then changed by the writer thread alone, under the table lock.
     _DBConfig m_config = {};
-
-    CRwLock m_tableLock;
-
-    // Queues: front ones guarded by the queue mutex, back ones the writer thread's alone.
-    CMutex m_queueMutex;
-    CCondition m_queueCondition; // wakes the writer from its wait for work
-    CCondition m_stopCondition;  // wakes it from its pause between passes, for the shut-down only
-    std::vector<std::unique_ptr<_CacheRecord>> m_vecAddFront GUARDED_BY(m_queueMutex);
-    std::vector<std::unique_ptr<_CacheRecord>> m_vecAddBack;
-    HitMap m_mapHitFront GUARDED_BY(m_queueMutex);
-    HitMap m_mapHitBack;
-    int32_t m_lFlags GUARDED_BY(m_queueMutex) = 0; // QueueFlag bits
-    std::atomic<bool> m_bRunning = false;          // changed under the queue mutex; maintenance reads it without
-
-    // Guarded by the table lock once the writer runs.
-    _SQLStmt m_stBegin; // the begin statement last used
-    _SQLStmt m_stCommit{"commit;"};
-    _SQLStmt m_stRollback{"rollback;"};
-    sqlite3 *m_pDB = nullptr; // set at start-up, cleared at shut-down
-    std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_tableLock);
-    std::unique_ptr<CVirusTable> m_pVirusTable PT_GUARDED_BY(m_tableLock);
+    CConnection m_connection;
+    CWriteQueue m_queue;
+    CStartGate m_startGate;
+    CFindProgress m_findProgress;
+    std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_connection.m_tableLock);
+    std::unique_ptr<CVirusTable> m_pVirusTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVersionTable> m_pVersionTable;
 
     pthread_t m_writerThread = 0;          // set at start-up, joined at shut-down
     cl_timerplus *m_pCleanTimer = nullptr; // the writer thread's alone
+    bool m_bListRefused = false;           // the writer thread's alone: a list of digests stays
 };
 
 #endif

@@ -83,7 +83,8 @@ void CDataBaseAgent::GetEngineListByFlag(int32_t flag, EngineSet &engines) {
     if (flag == 0 || flag == -1) {
         return;
     }
-    const CWriteLock lock(m_tableLock); // on purpose: lookups have always waited here during an engine update
+    const CWriteLock lock(
+        m_connection.m_tableLock); // on purpose: lookups have always waited here during an engine update
     for (const _EngineFlag &engine : kEngines) {
         if ((engine.lFlag & flag) != 0) {
             engines.insert(static_cast<int16_t>(engine.engineId));
@@ -100,7 +101,7 @@ uint32_t CDataBaseAgent::CheckDeleteAllCacheRecordsByFlag(int32_t flag) {
     }
     EngineSet engines;
     GetEngineListByFlag(flag, engines);
-    const CWriteLock lock(m_tableLock);
+    const CWriteLock lock(m_connection.m_tableLock);
     if (m_pCacheTable->BatchDeleteRecordsByEngineIds(engines) == 0) {
         TARN_LOG_ERROR("[%s]BatchDeleteRecordsByEngineIds failed, engine cnt=%d", static_cast<int>(engines.size()));
         return TARN_E_FAIL;

@@ -2,8 +2,8 @@
 // not during the walk, which may take long.
 #include "agent/dbagent.h"
 
+#include "agent/stored_record.h"
 #include "interface/tarncache.h"
-#include "platform/tarncore.h"
 #include "util/dbfileutil.h"
 #include "util/log.h"
 
@@ -11,7 +11,7 @@ namespace {
 
 constexpr char kLogSource[] = "dbagent";
 
-void FreeRecords(HashRequests &requests) {
+void FreeRecords(RecordMap &requests) {
     for (auto &[strMD5, vecRecords] : requests) {
         for (const _CacheRecordEx *pRecord : vecRecords) {
             delete pRecord;
@@ -22,17 +22,16 @@ void FreeRecords(HashRequests &requests) {
 
 } // namespace
 
-bool CDataBaseAgent::QueryRequests(HashRequests &requests) {
+bool CDataBaseAgent::QueryRequests(RecordMap &requests) {
     for (auto &[strMD5, vecRecords] : requests) {
-        CacheMD5 md5 = {};
-        (void)MD5_StrResultConvert(strMD5.c_str(), &md5); // other text counts as 16 zero bytes
+        const CacheMD5 md5 = MD5Of(strMD5.c_str());
         bool bQueried = false;
         {
-            const CReadLock lock(m_tableLock);
+            const CReadLock lock(m_connection.m_tableLock);
             bQueried = m_pCacheTable->QueryFilePathHashByMD5(md5.liHighMD5, md5.liLowMD5, vecRecords) != 0;
         }
         if (!bQueried) {
-            TARN_LOG_AS(LOG_FAILURE, "LookupFilePathsByHashs", "[%s][cache] query file path by md5:%s failed.",
+            TARN_LOG_AS(ELogLevel::Error, "LookupFilePathsByHashs", "[%s][cache] query file path by md5:%s failed.",
                         strMD5.c_str());
             return false;
         }
@@ -40,8 +39,9 @@ bool CDataBaseAgent::QueryRequests(HashRequests &requests) {
     return true;
 }
 
-uint32_t CDataBaseAgent::LookupFilePathsByHashs(HashRequests &requests) {
+uint32_t CDataBaseAgent::LookupFilePathsByHashs(RecordMap &requests) {
     CdbFileUtil fileUtil;
+    fileUtil.m_onFolder = [this](const char *pszFolder) { m_findProgress.Tell(pszFolder); };
     uint32_t ulResult = TARN_E_FAIL;
     if (QueryRequests(requests)) {
         ulResult = fileUtil.FindFilesByCchRecords(requests);

@@ -1,9 +1,7 @@
-// Statistics and direct deletions, on the caller's thread. The count runs under the table lock for reading, deletions
-// under it for writing; records still queued are not affected.
+// Counters, on the caller's thread. Rows are counted under the table lock for reading.
 #include "agent/dbagent.h"
 
-#include "interface/tarncache.h"
-#include "platform/tarncore.h"
+#include "agent/stored_record.h"
 #include "util/log.h"
 
 namespace {
@@ -17,13 +15,10 @@ uint32_t CDataBaseAgent::GetCacheStatistic(_DBStatistics *out) {
         TARN_LOG_ERROR("[%s]arg pDBStatistics is null.");
         return TARN_E_INVALIDARG;
     }
-    {
-        const CMutexLock lock(m_queueMutex);
-        m_queueCondition.Signal(); // what is pending is written soon
-    }
+    m_queue.WakeWriter(); // what is pending is written soon
     uint32_t ulResult = TARN_OK;
     {
-        const CReadLock lock(m_tableLock);
+        const CReadLock lock(m_connection.m_tableLock);
         int iCount = 0;
         if (m_pCacheTable->QueryRecordsCount(&iCount) == 0) {
             m_ulCacheSize = static_cast<uint32_t>(iCount);
@@ -36,26 +31,40 @@ uint32_t CDataBaseAgent::GetCacheStatistic(_DBStatistics *out) {
     return ulResult;
 }
 
-uint32_t CDataBaseAgent::DeleteRecordByFileHash(const char *md5_text) {
-    if (md5_text == nullptr) {
-        TARN_LOG_ERROR("[%s]agr szFileMD5 is null.");
-        return TARN_E_FAIL;
+uint32_t CDataBaseAgent::GetInfo(_LOCAL_CACHE_INFO &info) {
+    {
+        const CReadLock lock(m_connection.m_tableLock);
+        int iCount = 0;
+        if (m_pCacheTable->QueryRecordsCount(&iCount) != 0 ||
+            !m_connection.MeasureFile(info.ullFileBytes, info.ullFreeBytes)) {
+            TARN_LOG_ERROR("[%s][cache] the database cannot be measured.");
+            return TARN_E_FAIL;
+        }
+        info.ullRecords = static_cast<uint64_t>(iCount);
+        info.liNextExpiry = m_config.liExpireTime;
+        info.ulStartsSinceExpiry = m_config.lDBQueryCounts;
     }
-    CacheMD5 md5 = {};
-    (void)MD5_StrResultConvert(md5_text, &md5); // other text counts as 16 zero bytes, as it does when it is added
-    const CWriteLock lock(m_tableLock);
-    if (m_pCacheTable->DeleteRecordByMD5(md5.liHighMD5, md5.liLowMD5) == 0) {
-        TARN_LOG_ERROR("[%s][cache] delete record by md5 failed.");
-        return TARN_E_FAIL;
-    }
+    info.ulMode = static_cast<uint32_t>(m_eMode);
+    info.ullRecordCap = CCacheTable::kMaxRecords;
+    info.ullHits = m_ulHitCount;
+    info.ullMisses = m_ulMissCount;
+    info.ullAdded = m_ulAddedCount;
+    info.ullQueued = m_queue.Waiting();
+    info.ullLost = m_queue.Lost();
+    info.ulExpireInterval = m_config.lExpireInterval;
+    info.ulExpirePercent = m_config.lExpirePercent;
+    info.ulIdentity = 0;
     return TARN_OK;
 }
 
-uint32_t CDataBaseAgent::DeleteAllRecords() {
-    const CWriteLock lock(m_tableLock);
-    if (m_pCacheTable->DeleteAllRecords() == 0) {
-        TARN_LOG_ERROR("[%s][cache] delete all record failed.");
+uint32_t CDataBaseAgent::CountByFileHash(const char *md5_text, uint64_t &ullCount) {
+    const CacheMD5 md5 = MD5Of(md5_text);
+    int64_t liCount = 0;
+    const CReadLock lock(m_connection.m_tableLock);
+    if (m_pCacheTable->CountRecordsByMD5(md5.liHighMD5, md5.liLowMD5, &liCount) != 0) {
+        TARN_LOG_ERROR("[%s][cache] counting by md5:%s failed.", md5_text);
         return TARN_E_FAIL;
     }
+    ullCount = static_cast<uint64_t>(liCount);
     return TARN_OK;
 }

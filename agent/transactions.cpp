@@ -1,8 +1,7 @@
 // The three transaction operations, under the table lock held for writing. A busy database gets one more try with a
 // time-out of 1.5 seconds.
-#include "agent/dbagent.h"
+#include "agent/connection.h"
 
-#include "interface/tarncache.h"
 #include "tables/sqlite_support.h"
 #include "util/log.h"
 
@@ -12,13 +11,13 @@ namespace {
 
 constexpr char kLogSource[] = "dbagent";
 
-const char *BeginText(CDataBaseAgent::TransactionType type) {
+const char *BeginText(TransactionType type) {
     switch (type) {
-    case CDataBaseAgent::TRANSACTION_DEFERRED:
+    case TransactionType::Deferred:
         return "begin deferred;";
-    case CDataBaseAgent::TRANSACTION_IMMEDIATE:
+    case TransactionType::Immediate:
         return "begin immediate;";
-    case CDataBaseAgent::TRANSACTION_EXCLUSIVE:
+    case TransactionType::Exclusive:
         return "begin exclusive;";
     default:
         return nullptr;
@@ -27,7 +26,7 @@ const char *BeginText(CDataBaseAgent::TransactionType type) {
 
 } // namespace
 
-uint32_t CDataBaseAgent::RunEndStatement(sqlite3_stmt *pStmt) {
+uint32_t CConnection::StepTransaction(sqlite3_stmt *pStmt) {
     sqlite3_reset(pStmt);
     int iStep = sqlite3_step(pStmt);
     if (iStep == SQLITE_BUSY) {
@@ -39,7 +38,7 @@ uint32_t CDataBaseAgent::RunEndStatement(sqlite3_stmt *pStmt) {
     return iStep == SQLITE_DONE ? TARN_OK : TARN_E_FAIL;
 }
 
-uint32_t CDataBaseAgent::BeginTransactoion(TransactionType type) {
+uint32_t CConnection::BeginTransactoion(TransactionType type) {
     if (m_pDB == nullptr) {
         TARN_LOG_ERROR("[%s]db is null.");
         return TARN_E_FAIL;
@@ -57,22 +56,30 @@ uint32_t CDataBaseAgent::BeginTransactoion(TransactionType type) {
                        static_cast<unsigned int>(iResult));
         return TARN_E_FAIL;
     }
-    return RunEndStatement(m_stBegin.pStmt);
+    return StepTransaction(m_stBegin.pStmt);
 }
 
-uint32_t CDataBaseAgent::CommitTransaction() {
+uint32_t CConnection::CommitTransaction() {
     if (m_pDB == nullptr || m_stCommit.pStmt == nullptr) {
         TARN_LOG_ERROR("[%s][cache] db or commit transmit is null.");
         return TARN_E_FAIL;
     }
-    return RunEndStatement(m_stCommit.pStmt);
+    return StepTransaction(m_stCommit.pStmt);
 }
 
-uint32_t CDataBaseAgent::RollbackTransaction() {
+uint32_t CConnection::RollbackTransaction() {
     // Tests the commit statement on purpose: the two are prepared together.
     if (m_pDB == nullptr || m_stCommit.pStmt == nullptr) {
         TARN_LOG_ERROR("[%s][cache] db or commit transmit is null.");
         return TARN_E_FAIL;
     }
-    return RunEndStatement(m_stRollback.pStmt);
+    return StepTransaction(m_stRollback.pStmt);
+}
+
+bool CConnection::IsInTransaction() const {
+    return sqlite3_get_autocommit(m_pDB) == 0;
+}
+
+const char *CConnection::LastErrorText() const {
+    return sqlite3_errmsg(m_pDB);
 }

@@ -67,6 +67,9 @@ uint32_t CDataBaseAgent::CheckDeleteFrepCacheRecords() {
     }
     if (const uint32_t ulResult = DeleteCacheRecordsByFileMD5(); ulResult != TARN_OK) {
         TARN_LOG_ERROR("[%s]DeleteCacheRecordsByFileMD5 failed with hr = 0x%08x", ulResult);
+        char szPath[TARN_PATH_SIZE] = {};
+        m_bListRefused =
+            dirutils_path_transform(kUpdateCachePath, szPath, sizeof szPath) != 0 && access(szPath, F_OK) == 0;
         return TARN_E_FAIL; // marker and list stay for the next start
     }
     (void)ResetCleanCacheFlag(kHashMarkerName);
@@ -125,7 +128,7 @@ uint32_t CDataBaseAgent::ParseAndDeleteCacheRecordsByFileMD5(char *text) {
     std::vector<CacheMD5> vecBatch;
     vecBatch.reserve(kBatchSize);
     do {
-        if (!m_bRunning) {
+        if (!m_queue.IsRunning()) {
             TARN_LOG_ERROR("[%s]clean cache is abort, will cleaning in next time");
             ulResult = TARN_E_ABORT;
             break;
@@ -150,7 +153,8 @@ uint32_t CDataBaseAgent::ParseAndDeleteCacheRecordsByFileMD5(char *text) {
 // A failed batch is reported and dropped: its digests are not tried again.
 void CDataBaseAgent::ApplyBatch(std::vector<CacheMD5> &batch) {
     if (BatchDeleteCacheRecordsByFileMD5(batch) != TARN_OK) {
-        TARN_LOG_AS(LOG_FAILURE, "ParseAndDeleteCacheRecordsByFileMD5", "[%s]BatchDeleteCacheRecordsByFileMD5 failed");
+        TARN_LOG_AS(ELogLevel::Error, "ParseAndDeleteCacheRecordsByFileMD5",
+                    "[%s]BatchDeleteCacheRecordsByFileMD5 failed");
     }
     batch.clear();
 }
@@ -159,7 +163,7 @@ uint32_t CDataBaseAgent::BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> 
     if (batch.empty()) {
         return TARN_OK;
     }
-    const CWriteLock lock(m_tableLock);
+    const CWriteLock lock(m_connection.m_tableLock);
     if (DeleteBatchAndCommit(batch)) {
         return TARN_OK;
     }
@@ -172,19 +176,19 @@ uint32_t CDataBaseAgent::BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> 
 
 bool CDataBaseAgent::DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) {
     constexpr char kFunction[] = "BatchDeleteCacheRecordsByFileMD5";
-    if (const uint32_t ulResult = BeginTransactoion(TRANSACTION_IMMEDIATE); ulResult != TARN_OK) {
-        TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]BeginTransactoion failed with hr = 0x%08x", ulResult);
+    if (const uint32_t ulResult = BeginTransactoion(TransactionType::Immediate); ulResult != TARN_OK) {
+        TARN_LOG_AS(ELogLevel::Error, kFunction, "[%s]BeginTransactoion failed with hr = 0x%08x", ulResult);
         return false;
     }
     for (const CacheMD5 &md5 : batch) {
         if (m_pCacheTable->DeleteRecordByMD5(md5.liHighMD5, md5.liLowMD5) == 0) {
-            TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]DeleteRecordByMD5 failed, HMD5:%d, LMD5:%d",
+            TARN_LOG_AS(ELogLevel::Error, kFunction, "[%s]DeleteRecordByMD5 failed, HMD5:%d, LMD5:%d",
                         static_cast<int>(md5.liHighMD5), static_cast<int>(md5.liLowMD5));
             return false;
         }
     }
     if (const uint32_t ulResult = CommitTransaction(); ulResult != TARN_OK) {
-        TARN_LOG_AS(LOG_FAILURE, kFunction, "[%s]CommitTransaction failed with hr = 0x%08x", ulResult);
+        TARN_LOG_AS(ELogLevel::Error, kFunction, "[%s]CommitTransaction failed with hr = 0x%08x", ulResult);
         return false;
     }
     return true;

@@ -78,7 +78,7 @@ class CTargets {
     }
 
   private:
-    CdbFileUtil::RecordMap m_mapRecords;
+    RecordMap m_mapRecords;
     std::vector<std::unique_ptr<_CacheRecordEx>> m_vecRecords;
 };
 

@@ -9,21 +9,29 @@ add_library(tarncache SHARED
   tables/versiontable.cpp
   tables/vsdesctable.cpp
   tables/xdatatable.cpp
+  agent/check.cpp
   agent/cleaning.cpp
   agent/compaction.cpp
+  agent/connection.cpp
   agent/database_file.cpp
   agent/dbagent.cpp
+  agent/deletions.cpp
   agent/engine_flags.cpp
+  agent/explain.cpp
   agent/lookup_add.cpp
   agent/reverse_lookup.cpp
+  agent/start_gate.cpp
   agent/statistics.cpp
   agent/transactions.cpp
   agent/update_cache.cpp
   agent/update_list.cpp
+  agent/write_queue.cpp
   agent/writer.cpp
   interface/tarncache.cpp
-  interface/hash_to_path.cpp)
-target_compile_definitions(tarncache PRIVATE TARN_BUILDING_LIBRARY)
+  interface/hash_to_path.cpp
+  interface/housekeeping.cpp
+  interface/single_file.cpp)
+target_compile_definitions(tarncache PRIVATE TARN_VERSION="${PROJECT_VERSION}")
 target_link_libraries(tarncache
   PRIVATE tarn_warnings tarn_settings tarncore nubbase nubcl_ev SQLite::SQLite3 Threads::Threads)
 target_include_directories(tarncache INTERFACE

@@ -1,7 +1,6 @@
 // The entry points that go from MD5s to files.
-#include "interface/tarncache.h"
+#include "interface/entry.h"
 
-#include "interface/global_agent.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -37,7 +36,7 @@ class CRequest {
     CRequest(const CRequest &) = delete;
     CRequest &operator=(const CRequest &) = delete;
 
-    HashRequests m_mapRecords;
+    RecordMap m_mapRecords;
 };
 
 // The output array while it is filled; frees what it holds unless it is handed out.
@@ -83,16 +82,9 @@ bool FillInfo(_CacheFileInfo &info, const std::string &strMD5, const std::vector
 } // namespace
 
 uint32_t LocalCacheFindFilesByHash(const char *md5s, uint64_t count, _CacheFileInfo **out, uint64_t *outCount) {
-    if (md5s == nullptr || count == 0 || out == nullptr || outCount == nullptr) {
-        return TARN_E_INVALIDARG;
-    }
-    if (GlobalAgent() == nullptr) {
-        return TARN_E_NOT_INITIALIZED;
-    }
-    return CallWithoutThrowing([=] {
+    return Ask(md5s != nullptr && count != 0 && out != nullptr && outCount != nullptr, [=](CDataBaseAgent &agent) {
         CRequest request(md5s, count);
-        if (const uint32_t ulResult = GlobalAgent()->LookupFilePathsByHashs(request.m_mapRecords);
-            ulResult != TARN_OK) {
+        if (const uint32_t ulResult = agent.LookupFilePathsByHashs(request.m_mapRecords); ulResult != TARN_OK) {
             return ulResult;
         }
         CFileInfoArray infos(count);
@@ -112,16 +104,9 @@ uint32_t LocalCacheFindFilesByHash(const char *md5s, uint64_t count, _CacheFileI
 }
 
 uint32_t LocalCacheLookUpByHashes(const char *md5s, uint64_t count, std::map<std::string, int32_t> &flags) {
-    if (md5s == nullptr || count == 0) {
-        return TARN_E_INVALIDARG;
-    }
-    if (GlobalAgent() == nullptr) {
-        return TARN_E_NOT_INITIALIZED;
-    }
-    return CallWithoutThrowing([md5s, count, &flags] {
+    return Ask(md5s != nullptr && count != 0, [md5s, count, &flags](CDataBaseAgent &agent) {
         CRequest request(md5s, count);
-        if (const uint32_t ulResult = GlobalAgent()->LookupFilePathsByHashs(request.m_mapRecords);
-            ulResult != TARN_OK) {
+        if (const uint32_t ulResult = agent.LookupFilePathsByHashs(request.m_mapRecords); ulResult != TARN_OK) {
             return ulResult;
         }
         for (const auto &[strMD5, vecRecords] : request.m_mapRecords) {
@@ -129,6 +114,13 @@ uint32_t LocalCacheLookUpByHashes(const char *md5s, uint64_t count, std::map<std
                 flags.emplace(strMD5, static_cast<int32_t>(VerdictFlags(vecRecords.front()->liTreatVirus)));
             }
         }
+        return TARN_OK;
+    });
+}
+
+uint32_t LocalCacheSetFindProgress(void (*onFolder)(const char *folder, void *context), void *context) {
+    return Ask(true, [=](CDataBaseAgent &agent) {
+        agent.FindProgress().Set(onFolder, context);
         return TARN_OK;
     });
 }

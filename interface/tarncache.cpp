@@ -1,8 +1,6 @@
-// Start-up and shut-down of the one agent, and the entry points for single files.
-#include "interface/tarncache.h"
+// Start-up and shut-down of the one agent, and waiting for its writer.
+#include "interface/entry.h"
 
-#include "interface/global_agent.h"
-#include "platform/call_guard.h"
 #include "util/log.h"
 
 #include <cstddef>
@@ -29,13 +27,8 @@ class CInitLock {
     CInitLock &operator=(const CInitLock &) = delete;
 };
 
-bool IsEmpty(const char *pszText) {
-    return pszText == nullptr || *pszText == '\0';
-}
-
-// mode 0: with the writer thread; 1: without.
-uint32_t CacheInit(int mode) {
-    return CallWithoutThrowing([mode] {
+uint32_t CacheInit(EMode eMode) {
+    return CallWithoutThrowing([eMode] {
         const CWriteSignalGuard noWriteSignals;
         const CInitLock lock;
         if (g_liInitCount == 0 && g_pAgent == nullptr) {
@@ -43,7 +36,7 @@ uint32_t CacheInit(int mode) {
             if (pAgent == nullptr) {
                 return TARN_E_OUTOFMEMORY;
             }
-            if (const uint32_t ulResult = pAgent->AgentInit(mode); ulResult != TARN_OK) {
+            if (const uint32_t ulResult = pAgent->AgentInit(static_cast<int>(eMode)); ulResult != TARN_OK) {
                 return ulResult;
             }
             g_pAgent = pAgent.release();
@@ -55,10 +48,10 @@ uint32_t CacheInit(int mode) {
 
 void LogStatistics(const _DBStatistics &statistics) {
     constexpr char kFunction[] = "LocalCacheUnInit";
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s]current cache size: %u.", statistics.ulCacheSize);
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s]hit cache times: %u", statistics.ulHitCount);
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s]Weed out cache counts: %u", statistics.ulWeedOutCount);
-    TARN_LOG_AS(LOG_NOTE, kFunction, "[%s]Weed out times: %u", statistics.ulWeedOutRuns);
+    TARN_LOG_AS(ELogLevel::Info, kFunction, "[%s]current cache size: %u.", statistics.ulCacheSize);
+    TARN_LOG_AS(ELogLevel::Info, kFunction, "[%s]hit cache times: %u", statistics.ulHitCount);
+    TARN_LOG_AS(ELogLevel::Info, kFunction, "[%s]Weed out cache counts: %u", statistics.ulWeedOutCount);
+    TARN_LOG_AS(ELogLevel::Info, kFunction, "[%s]Weed out times: %u", statistics.ulWeedOutRuns);
 }
 
 } // namespace
@@ -68,11 +61,15 @@ CDataBaseAgent *GlobalAgent() {
 }
 
 uint32_t LocalCacheInit(void) {
-    return CacheInit(0);
+    return CacheInit(EMode::Full);
 }
 
 uint32_t LocalCacheInitEx(void) {
-    return CacheInit(1);
+    return CacheInit(EMode::Direct);
+}
+
+uint32_t LocalCacheInitReader(void) {
+    return CacheInit(EMode::Reader);
 }
 
 uint32_t LocalCacheUnInit(void) {
@@ -96,74 +93,10 @@ uint32_t LocalCacheUnInit(void) {
     });
 }
 
-uint32_t LocalCacheLookup(const char *path, char *md5, _SCAN_FILE_RESULT *result) {
-    if (IsEmpty(path) || md5 == nullptr || result == nullptr) {
-        return TARN_E_INVALIDARG;
-    }
-    if (GlobalAgent() == nullptr) {
-        return TARN_E_NOT_INITIALIZED;
-    }
-    return CallWithoutThrowing([=] { return GlobalAgent()->CacheLookup(path, md5, result); });
+uint32_t LocalCacheWaitReady(uint32_t timeoutMs) {
+    return Ask(true, [=](CDataBaseAgent &agent) { return agent.WaitReady(timeoutMs); });
 }
 
-uint32_t LocalCachePeek(const char *path, char *md5, _SCAN_FILE_RESULT *result, uint32_t *state) {
-    if (IsEmpty(path) || md5 == nullptr || result == nullptr || state == nullptr) {
-        return TARN_E_INVALIDARG;
-    }
-    if (GlobalAgent() == nullptr) {
-        return TARN_E_NOT_INITIALIZED;
-    }
-    return CallWithoutThrowing([=] {
-        bool bCurrent = false;
-        const uint32_t ulResult = GlobalAgent()->CachePeek(path, md5, result, &bCurrent);
-        if (ulResult == TARN_OK) {
-            *state = bCurrent ? TARN_PEEK_KNOWN : TARN_PEEK_CHANGED;
-        } else if (ulResult == TARN_NOT_CACHED) {
-            *state = TARN_PEEK_UNKNOWN;
-        }
-        return ulResult == TARN_NOT_CACHED ? TARN_OK : ulResult;
-    });
-}
-
-uint32_t LocalCacheAdd(const char *path, const char *md5, _SCAN_FILE_RESULT *result) {
-    if (IsEmpty(path) || md5 == nullptr || result == nullptr) {
-        return TARN_E_INVALIDARG;
-    }
-    if (GlobalAgent() == nullptr) {
-        return TARN_E_NOT_INITIALIZED;
-    }
-    return CallWithoutThrowing([=] {
-        const CWriteSignalGuard noWriteSignals; // a new virus description is written at once
-        return GlobalAgent()->CacheAdd(path, md5, result);
-    });
-}
-
-uint32_t LocalCacheDeleteByFileHash(const char *md5) {
-    if (md5 == nullptr) {
-        return TARN_E_INVALIDARG;
-    }
-    if (GlobalAgent() == nullptr) {
-        return TARN_E_NOT_INITIALIZED;
-    }
-    return CallWithoutThrowing([=] {
-        const CWriteSignalGuard noWriteSignals;
-        return GlobalAgent()->DeleteRecordByFileHash(md5);
-    });
-}
-
-uint32_t LocalCacheGetStatistic(_LOCAL_CACHE_STATISTIC *statistic) {
-    if (statistic == nullptr) {
-        return TARN_E_INVALIDARG;
-    }
-    if (GlobalAgent() == nullptr) {
-        return TARN_E_NOT_INITIALIZED;
-    }
-    return CallWithoutThrowing([=] {
-        _DBStatistics counters = {};
-        const uint32_t ulResult = GlobalAgent()->GetCacheStatistic(&counters);
-        if (ulResult == TARN_OK) {
-            *statistic = {counters.ulAddedCount, counters.ulCacheSize};
-        }
-        return ulResult;
-    });
+uint32_t LocalCacheFlush(uint32_t timeoutMs, uint64_t *lost) {
+    return Change(true, [=](CDataBaseAgent &agent) { return agent.Flush(timeoutMs, lost); });
 }

@@ -186,3 +186,30 @@ int CCacheTable::DeleteAllRecords() {
     }
     return iStep == SQLITE_DONE ? 1 : 0;
 }
+
+uint32_t CCacheTable::CountRecordsByMD5(int64_t h, int64_t l, int64_t *p) {
+    std::vector<_CacheRecordEx *> v;
+    if (QueryFilePathHashByMD5(h, l, v) == 0)
+        return 1;
+    *p = static_cast<int64_t>(v.size());
+    for (auto *q : v)
+        delete q;
+    return 0;
+}
+uint32_t CCacheTable::QueryRecordsAfter(int64_t a, size_t n, std::vector<_CacheRecord> &v) {
+    _SQLStmt st("select * from CT where FPH > ? order by FPH limit ?;");
+    if (st.Prepare(m_pDB) != 0)
+        return 1;
+    sqlite3_bind_int64(st.pStmt, 1, a);
+    sqlite3_bind_int64(st.pStmt, 2, static_cast<int64_t>(n));
+    int r;
+    while ((r = sqlite3_step(st.pStmt)) == SQLITE_ROW) {
+        _CacheRecord c = {};
+        c.liFilePathHash = sqlite3_column_int64(st.pStmt, 0);
+        ReadCacheRow(st.pStmt, c);
+        c.liHighMD5 = sqlite3_column_int64(st.pStmt, COLUMN_FHMD);
+        c.liLowMD5 = sqlite3_column_int64(st.pStmt, COLUMN_FLMD);
+        v.push_back(c);
+    }
+    return r == SQLITE_DONE ? 0 : 1;
+}

@@ -58,6 +58,11 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     // Appends one new record, zeroed path, for each row with this MD5. 1 success, 0 failure; 1 without a connection.
     // The caller frees the records with delete, after a failure too.
     int QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut);
+    static constexpr int kMaxRecords = 1000000; // the cap of the table
+    // How many rows have this MD5. 0 or the SQLite code, *pliCount untouched.
+    uint32_t CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount);
+    // Appends the rows with keys above the given one in ascending order, nMost of them. 0 or the SQLite code.
+    uint32_t QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, std::vector<_CacheRecord> &vecOut);
     // "(3,7,12)" in ascending order; "()" for an empty set.
     std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
 

@@ -12,7 +12,6 @@
 namespace {
 
 constexpr char kLogSource[] = "cachetable";
-constexpr int kMaxRecords = 1000000;   // the cap of the table
 constexpr int kRowsPerPercent = 10000; // one percent of the cap
 constexpr int kBulkRetries = 4;
 
@@ -28,7 +27,8 @@ int StepAgain(sqlite3 *pDB, sqlite3_stmt *pStmt) {
 uint32_t CCacheTable::StepBulkDeletion(sqlite3_stmt *pStmt, const char *pszFunction, int *piDeleted) {
     int iStep = sqlite3_step(pStmt);
     if (iStep != SQLITE_DONE && iStep != SQLITE_BUSY) {
-        TARN_LOG_AS(LOG_FAILURE, pszFunction, "[%s]sqlite step failed with error code = %s", sqlite3_errmsg(m_pDB));
+        TARN_LOG_AS(ELogLevel::Error, pszFunction, "[%s]sqlite step failed with error code = %s",
+                    sqlite3_errmsg(m_pDB));
         return static_cast<uint32_t>(iStep);
     }
     for (int nRetry = 0; iStep == SQLITE_BUSY && nRetry < kBulkRetries; ++nRetry) {

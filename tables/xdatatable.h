@@ -126,6 +126,9 @@ template <typename Record> class CTableBase : public IBaseTable<Record>, public 
     uint32_t CheckTableIntegrity() override {
         return static_cast<uint32_t>(__implCheckIntegrity(m_pDB, m_strCheckSQL, m_strCreateSQL));
     }
+    uint32_t OpenExisting() {
+        return CheckTableIntegrity() != 0 ? 1u : static_cast<uint32_t>(m_stQuery.Prepare(m_pDB));
+    }
     uint32_t DropTable() override { return static_cast<uint32_t>(__implExecDDL(m_pDB, m_strDropSQL)); }
 
   protected:

@@ -129,7 +129,7 @@ TEST_F(Batching, AFailedBeginOrCommitDropsTheBatchAndTheNextOneWorks) {
     const CSecondConnection reader(m_install.Database()); // no commit while it reads
     for (const bool bBegin : {true, false}) {
         if (bBegin) { // no transaction begins inside another
-            ASSERT_EQ(m_pAgent->BeginTransactoion(CDataBaseAgent::TRANSACTION_DEFERRED), TARN_OK);
+            ASSERT_EQ(m_pAgent->BeginTransactoion(TransactionType::Deferred), TARN_OK);
         } else {
             ASSERT_TRUE(reader.Run("begin; select * from CT"));
         }
@@ -144,7 +144,7 @@ TEST_F(Batching, AFailedBeginOrCommitDropsTheBatchAndTheNextOneWorks) {
 }
 
 TEST_F(Batching, ABusyDatabaseIsTriedOnceMoreAndABeginStatementIsKeptForItsType) {
-    constexpr auto kImmediate = CDataBaseAgent::TRANSACTION_IMMEDIATE;
+    constexpr auto kImmediate = TransactionType::Immediate;
     std::atomic<size_t> nTries = 0;
     g_onStatement = [&](const std::string &strText) { nTries += strText == "begin immediate;" ? 1U : 0U; };
     ASSERT_EQ(Start(), TARN_OK);
@@ -155,7 +155,7 @@ TEST_F(Batching, ABusyDatabaseIsTriedOnceMoreAndABeginStatementIsKeptForItsType)
     EXPECT_EQ(m_pAgent->RollbackTransaction(), TARN_OK);
     EXPECT_EQ(m_pAgent->BeginTransactoion(kImmediate), TARN_OK);
     EXPECT_GT(sqlite3_stmt_status(sqlite3_next_stmt(g_pLibrary, nullptr), SQLITE_STMTSTATUS_RUN, 0), 1); // the same one
-    EXPECT_EQ(m_pAgent->BeginTransactoion(static_cast<CDataBaseAgent::TransactionType>(4)), TARN_E_INVALIDARG);
+    EXPECT_EQ(m_pAgent->BeginTransactoion(static_cast<TransactionType>(4)), TARN_E_INVALIDARG);
     EXPECT_EQ(m_pAgent->CommitTransaction(), TARN_OK);
 }
 

@@ -151,7 +151,7 @@ TEST_F(Lifetime, AHalfBuiltAgentComesDownSafely) {
     EXPECT_EQ(CDataBaseAgent::UpdateWorkThread(nullptr), nullptr);
     EXPECT_EQ(agent.DBTablesInit(), TARN_E_FAIL);
     EXPECT_EQ(agent.CheckModuleVersion(), 0xFFFFFFFFU);
-    EXPECT_EQ(agent.BeginTransactoion(CDataBaseAgent::TRANSACTION_DEFERRED), TARN_E_FAIL);
+    EXPECT_EQ(agent.BeginTransactoion(TransactionType::Deferred), TARN_E_FAIL);
     EXPECT_EQ(agent.CommitTransaction(), TARN_E_FAIL);
     EXPECT_TRUE(agent.AdjustDBToActualSize() == 1 && agent.CheckDBIntegrity() == 1);
     EXPECT_EQ(agent.AgentUnInit(), TARN_OK);

@@ -49,7 +49,7 @@ class Walk : public testing::Test {
     }
     const CTempInstall m_install;
     std::list<_CacheRecordEx> m_listRecords;
-    CdbFileUtil::RecordMap m_map;
+    RecordMap m_map;
 };
 
 } // namespace

@@ -1,6 +1,6 @@
 // The three small values that identify a file. Pure functions of their arguments and the file system: no state, no
 // locks, any thread.
-#include "interface/tarncache.h"
+#include "util/file_identity.h"
 
 #include "platform/tarncore.h"
 #include "util/log.h"
@@ -48,6 +48,15 @@ int CalcFilePathCrc32(const char *path, uint32_t *out) {
     return 1;
 }
 
+bool CalcPathHash(const char *pszPath, int64_t &liPathHash) {
+    uint32_t aulWords[2] = {};
+    if (CalcFilePathCrc32(pszPath, aulWords) == 0) {
+        return false;
+    }
+    std::memcpy(&liPathHash, aulWords, sizeof liPathHash); // the first word is the low half
+    return true;
+}
+
 int CalcFileAttrCrc32(const char *path, uint32_t *out) {
     if (IsEmpty(path) || out == nullptr) {
         return 0;
@@ -57,9 +66,13 @@ int CalcFileAttrCrc32(const char *path, uint32_t *out) {
         TARN_LOG_ERROR("[%s][cache] get file:%s attr failed, err:%s.", path, std::strerror(errno));
         return 0;
     }
-    const _AttrBlock block = {status.st_size, status.st_ctim.tv_sec};
-    *out = Crc32(0, reinterpret_cast<const unsigned char *>(&block), sizeof block);
+    *out = static_cast<uint32_t>(AttrHashOf(status));
     return 1;
+}
+
+int32_t AttrHashOf(const struct stat &status) {
+    const _AttrBlock block = {status.st_size, status.st_ctim.tv_sec};
+    return static_cast<int32_t>(Crc32(0, reinterpret_cast<const unsigned char *>(&block), sizeof block));
 }
 
 int CalcFilePathIndex(const char *path, char *out, uint32_t maxLen) {

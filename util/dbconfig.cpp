@@ -1,6 +1,5 @@
 #include "util/dbconfig.h"
 
-#include "interface/tarncache.h"
 #include "platform/nubbase.h"
 #include "util/log.h"
 
@@ -9,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -102,6 +102,23 @@ void ReadKeys(_DBConfig &config, void *pIni, const char *pszConfigPath) {
     }
 }
 
+void ExpandPaths(char (&szConfigPath)[TARN_PATH_SIZE], char (&szDir)[TARN_PATH_SIZE]) {
+    dirutils_path_transform(kConfigPath, szConfigPath, sizeof szConfigPath);
+    TARN_LOG_DEBUG_AS(kReadFunction, "[%s][cache] tarn config path:%s.", szConfigPath);
+    dirutils_path_transform(kDatabaseDir, szDir, sizeof szDir);
+    TARN_LOG_DEBUG_AS(kReadFunction, "[%s][cache] defalut save db dir:%s.", szDir);
+}
+
+uint32_t LoadKeys(_DBConfig &config, const char *pszConfigPath) {
+    const IniHandle pIni(ini_file_load(pszConfigPath));
+    if (pIni == nullptr) {
+        TARN_LOG_DEBUG_AS(kReadFunction, "[%s][cache] load config file:%s failed.", pszConfigPath);
+        return TARN_E_FAIL;
+    }
+    ReadKeys(config, pIni.get(), pszConfigPath);
+    return TARN_OK;
+}
+
 } // namespace
 
 uint32_t ReadDBConfig(_DBConfig *pDBCfg) {
@@ -111,10 +128,7 @@ uint32_t ReadDBConfig(_DBConfig *pDBCfg) {
     }
     char szConfigPath[TARN_PATH_SIZE] = {};
     char szDir[TARN_PATH_SIZE] = {};
-    dirutils_path_transform(kConfigPath, szConfigPath, sizeof szConfigPath);
-    TARN_LOG_DEBUG("[%s][cache] tarn config path:%s.", szConfigPath);
-    dirutils_path_transform(kDatabaseDir, szDir, sizeof szDir);
-    TARN_LOG_DEBUG("[%s][cache] defalut save db dir:%s.", szDir);
+    ExpandPaths(szConfigPath, szDir);
     if (access(szDir, F_OK) != 0) {
         TARN_LOG_DEBUG("[%s][cache] cache db dir:%s is not exist, err:%s.", szDir, std::strerror(errno));
         if (mkdir(szDir, kDatabaseDirMode) != 0) {
@@ -123,13 +137,24 @@ uint32_t ReadDBConfig(_DBConfig *pDBCfg) {
         }
     }
     str_snprintf(pDBCfg->szDBDir, sizeof pDBCfg->szDBDir, "%s", szDir);
-    const IniHandle pIni(ini_file_load(szConfigPath));
-    if (pIni == nullptr) {
-        TARN_LOG_DEBUG("[%s][cache] load config file:%s failed.", szConfigPath);
-        return TARN_E_FAIL;
+    return LoadKeys(*pDBCfg, szConfigPath);
+}
+
+uint32_t ReadExistingDBConfig(_DBConfig *pDBCfg) {
+    char szConfigPath[TARN_PATH_SIZE] = {};
+    ExpandPaths(szConfigPath, pDBCfg->szDBDir);
+    if (access(szConfigPath, F_OK) != 0 && errno == ENOENT) {
+        return TARN_NOT_CACHED;
     }
-    ReadKeys(*pDBCfg, pIni.get(), szConfigPath);
-    return TARN_OK;
+    if (const uint32_t ulResult = LoadKeys(*pDBCfg, szConfigPath); ulResult != TARN_OK) {
+        return ulResult;
+    }
+    const std::string strDatabase = std::string(pDBCfg->szDBDir) + pDBCfg->szDBName;
+    struct stat status = {};
+    if (stat(strDatabase.c_str(), &status) != 0) {
+        return errno == ENOENT ? TARN_NOT_CACHED : TARN_E_FAIL;
+    }
+    return status.st_size == 0 ? TARN_NOT_CACHED : TARN_OK; // one that another process is making is empty at first
 }
 
 uint32_t WriteDBConfig(_DBConfig *pDBCfg) {

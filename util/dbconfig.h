@@ -25,6 +25,10 @@ struct _DBConfig {
 // set). The reasons are logged at debug level.
 [[nodiscard]] TARN_API uint32_t ReadDBConfig(_DBConfig *pDBCfg);
 
+// As ReadDBConfig, for one who only asks: makes no folder. TARN_OK; TARN_NOT_CACHED: no configuration or no database is
+// there (an empty file is none); TARN_E_FAIL: one of them cannot be read.
+[[nodiscard]] uint32_t ReadExistingDBConfig(_DBConfig *pDBCfg);
+
 // Stores the three values that change at run time: "dbname", "dbquerycounts" and "expiretime". Everything else in the
 // file stays as it is. TARN_OK or TARN_E_FAIL (null record, file cannot be loaded or saved: the file is unchanged).
 [[nodiscard]] TARN_API uint32_t WriteDBConfig(_DBConfig *pDBCfg);

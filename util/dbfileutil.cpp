@@ -1,7 +1,7 @@
 #include "util/dbfileutil.h"
 
-#include "interface/tarncache.h"
 #include "platform/nubbase.h"
+#include "util/file_identity.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -30,7 +30,7 @@ struct _DirIndex {
     char szIndex[kPathIndexLength + 1] = {};
     explicit _DirIndex(const char *dirPath) {
         if (CalcFilePathIndex(dirPath, szIndex, kPathIndexLength) == 0) {
-            TARN_LOG_AS(LOG_FAILURE, "FilterDir", "[%s]CalFilePathIndex failed.");
+            TARN_LOG_AS(ELogLevel::Error, "FilterDir", "[%s]CalFilePathIndex failed.");
         }
     }
     bool IsValid() const { return szIndex[0] != '\0'; }
@@ -54,9 +54,9 @@ DirHandle OpenDirectory(const std::string &strDir) {
 
 // Path hash -> record, in one flat table: a walk asks it for every file it meets, and a node-based map would cost
 // several cache misses each time.
-class CHashTable {
+class CRecordIndex {
   public:
-    explicit CHashTable(size_t nRecords) : m_vecSlots(std::bit_ceil(2 * nRecords + 1)) {}
+    explicit CRecordIndex(size_t nRecords) : m_vecSlots(std::bit_ceil(2 * nRecords + 1)) {}
 
     // The first record with a hash keeps it.
     void Add(_CacheRecordEx *pRecord) {
@@ -85,7 +85,7 @@ class CHashTable {
     std::vector<_Slot> m_vecSlots; // a power of two, at most half full
 };
 
-size_t CountRecords(const CdbFileUtil::RecordMap &records) {
+size_t CountRecords(const RecordMap &records) {
     size_t nRecords = 0;
     for (const auto &[strMD5, vecRecords] : records) {
         nRecords += vecRecords.size();
@@ -96,7 +96,7 @@ size_t CountRecords(const CdbFileUtil::RecordMap &records) {
 // What one walk looks for, in a form whose cost does not grow with the number of records.
 class CWalkTargets {
   public:
-    explicit CWalkTargets(const CdbFileUtil::RecordMap &records) : m_table(CountRecords(records)) {
+    explicit CWalkTargets(const RecordMap &records) : m_table(CountRecords(records)) {
         for (const auto &[strMD5, vecRecords] : records) {
             for (_CacheRecordEx *pRecord : vecRecords) {
                 if (pRecord != nullptr) {
@@ -131,17 +131,15 @@ class CWalkTargets {
     }
 
     std::unordered_set<std::string> m_setPrefixes;
-    CHashTable m_table;
+    CRecordIndex m_table;
 };
 
 void VisitFile(CWalkTargets &targets, const char (&szPath)[TARN_PATH_SIZE]) {
-    uint32_t aulWords[2] = {};
-    if (CalcFilePathCrc32(szPath, aulWords) == 0) {
-        TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]cal file (%s) crc failed.", szPath);
+    int64_t liFilePathHash = 0;
+    if (!CalcPathHash(szPath, liFilePathHash)) {
+        TARN_LOG_AS(ELogLevel::Error, kWalk, "[%s]cal file (%s) crc failed.", szPath);
         return;
     }
-    int64_t liFilePathHash = 0;
-    std::memcpy(&liFilePathHash, aulWords, sizeof liFilePathHash);
     targets.Resolve(liFilePathHash, szPath);
 }
 
@@ -170,7 +168,7 @@ void VisitEntry(CWalkTargets &targets, DIR *pDir, const std::string &strDir, con
     str_snprintf(szPath, sizeof szPath, "%s%s", strDir.c_str(), pszName);
     struct stat status = {};
     if (fstatat(dirfd(pDir), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]get file %s stat failed. error:%s", szPath, std::strerror(errno));
+        TARN_LOG_AS(ELogLevel::Error, kWalk, "[%s]get file %s stat failed. error:%s", szPath, std::strerror(errno));
     } else if (S_ISDIR(status.st_mode)) {
         VisitDirectory(targets, szPath, nLength, listDirs);
     } else if (S_ISREG(status.st_mode)) {
@@ -189,7 +187,7 @@ void ReadDirectory(CWalkTargets &targets, DIR *pDir, const std::string &strDir, 
     }
     // errno is not cleared on purpose: a status that could not be read shows here once more, at its directory's end.
     if (errno == EBADF || errno != iErrnoAtOpen) {
-        TARN_LOG_AS(LOG_FAILURE, kWalk, "[%s]readdir failed with error:%s.", std::strerror(errno));
+        TARN_LOG_AS(ELogLevel::Error, kWalk, "[%s]readdir failed with error:%s.", std::strerror(errno));
     }
 }
 
@@ -235,6 +233,9 @@ uint32_t CdbFileUtil::FindFilesByCchRecords(RecordMap &records) {
         if (pDir == nullptr) {
             TARN_LOG_DEBUG_AS(kWalk, "[%s]open dir:%s failed, err:%s.", strDir.c_str(), std::strerror(errno));
             continue;
+        }
+        if (m_onFolder) {
+            m_onFolder(strDir.c_str());
         }
         ReadDirectory(targets, pDir.get(), strDir, m_listDirs);
     }

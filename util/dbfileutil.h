@@ -7,15 +7,16 @@
 #include "interface/tarncache.h"
 #include "util/cache_record.h"
 
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
 #include <vector>
 
+using RecordMap = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> its records, the caller's
+
 class TARN_API CdbFileUtil {
   public:
-    using RecordMap = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> records, not owned
-
     CdbFileUtil();
     virtual ~CdbFileUtil();
     CdbFileUtil(const CdbFileUtil &) = delete;
@@ -26,6 +27,7 @@ class TARN_API CdbFileUtil {
     // overwrites it. Links are not followed and no file is opened. Always TARN_OK: what cannot be read is logged and
     // skipped. Unmatched records keep what their path field held. An empty field has to be zeroed throughout, as in a
     // new record.
+    // m_onFolder, when it is set, is called for each directory that is read (absolute, ending in '/').
     uint32_t FindFilesByCchRecords(RecordMap &records);
 
     // Appends each record's path index, in map order, duplicates kept, null pointers skipped.
@@ -34,6 +36,8 @@ class TARN_API CdbFileUtil {
     // True: skip the directory (absolute, ending in '/'), since no index begins with its own. The walk itself asks a
     // prefix set with the same answers.
     bool FilterDir(const char *dirPath, std::vector<std::string> indexes);
+
+    std::function<void(const char *)> m_onFolder;
 
   private:
     std::list<std::string> m_listDirs; // directories still to be read, each ending in '/'

@@ -6,6 +6,7 @@
 
 #include "util/thread_annotations.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <pthread.h>
@@ -14,6 +15,18 @@ inline void AbortOnLockError(int error) {
     if (error != 0) {
         std::abort();
     }
+}
+
+// A moment on the monotonic clock, for waits that a wall clock set back must not stretch.
+inline timespec DeadlineAfter(uint64_t ullMilliseconds) {
+    constexpr long kMillisecondNs = 1000000;
+    constexpr long kSecondNs = 1000 * kMillisecondNs;
+    timespec deadline = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_nsec += static_cast<long>(ullMilliseconds % 1000) * kMillisecondNs;
+    deadline.tv_sec += static_cast<time_t>(ullMilliseconds / 1000) + deadline.tv_nsec / kSecondNs;
+    deadline.tv_nsec %= kSecondNs;
+    return deadline;
 }
 
 // A mutex with an explicit life: Create and Destroy return errno values; destroying one that is not there succeeds.
@@ -72,8 +85,10 @@ class CCondition {
         return error;
     }
     void Signal() { AbortOnLockError(pthread_cond_signal(&m_cond)); }
-    void WaitUntil(CMutex &mutex, const timespec &deadline) REQUIRES(mutex) {
-        (void)pthread_cond_timedwait(&m_cond, mutex.Handle(), &deadline); // a time-out is an ordinary end of the wait
+    void SignalAll() { AbortOnLockError(pthread_cond_broadcast(&m_cond)); }
+    // False at the deadline, true for anything else that ends the wait.
+    bool WaitUntil(CMutex &mutex, const timespec &deadline) REQUIRES(mutex) {
+        return pthread_cond_timedwait(&m_cond, mutex.Handle(), &deadline) == 0;
     }
 
   private:

@@ -1,0 +1,124 @@
+// Opening and closing, at start-up and shut-down only: on the caller's thread, before the writer starts and after it
+// has ended; takes no lock.
+#include "agent/connection.h"
+
+#include "platform/nubbase.h"
+#include "tables/sqlite_support.h"
+#include "util/log.h"
+
+#include <sqlite3.h>
+
+namespace {
+
+constexpr char kLogSource[] = "dbagent";
+constexpr char kOpen[] = "OpenDB"; // the step of the start that all of this belongs to
+
+} // namespace
+
+bool CConnection::Open(const std::string &strPath) {
+    return sqlite3_open(strPath.c_str(), &m_pDB) == SQLITE_OK;
+}
+
+uint32_t CConnection::OpenForReading(const std::string &strPath) {
+    // The file is opened by the first question, so that one is asked here.
+    if (sqlite3_open_v2(strPath.c_str(), &m_pDB, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs) == SQLITE_OK &&
+        sqlite3_exec(m_pDB, "select count(*) from sqlite_master;", nullptr, nullptr, nullptr) == SQLITE_OK) {
+        return TARN_OK;
+    }
+    TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] %s cannot be read, err:%s.", strPath.c_str(),
+                m_pDB != nullptr ? sqlite3_errmsg(m_pDB) : sqlite3_errstr(SQLITE_NOMEM));
+    Abandon();
+    return TARN_E_FAIL;
+}
+
+uint32_t CConnection::Configure(int32_t lCachePages) {
+    if (sqlite3_db_mutex(m_pDB) == nullptr) {
+        TARN_LOG_AS(ELogLevel::Severe, kOpen,
+                    "[%s][cache] the host has switched off SQLite's serialized mode, which lookups rely on.");
+        (void)CloseDB();
+        return TARN_E_FAIL;
+    }
+#ifdef SQLITE_DBCONFIG_DQS_DML
+    // Some statement texts quote values with double quotes, which an SQLite may be built to refuse.
+    (void)sqlite3_db_config(m_pDB, SQLITE_DBCONFIG_DQS_DML, 1, nullptr);
+#endif
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "%s=%d;", "pragma cache_size", lCachePages);
+    char *pszError = nullptr;
+    if (const int iResult = sqlite3_exec(m_pDB, szSQL, nullptr, nullptr, &pszError); iResult != SQLITE_OK) {
+        TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] sqlite3_exec set cache size failed with error msg = %s",
+                    pszError != nullptr ? pszError : sqlite3_errstr(iResult));
+        sqlite3_free(pszError);
+        return TARN_OK; // on purpose: lookups still work; every later commit says that it has no statement
+    }
+    // What is deleted holds no secrets; overwriting it would double the time that lookups wait for a large deletion.
+    (void)sqlite3_exec(m_pDB, "pragma secure_delete=off;", nullptr, nullptr, nullptr);
+    return PrepareEndStatements();
+}
+
+uint32_t CConnection::PrepareEndStatements() {
+    const int iCommit = m_stCommit.Prepare(m_pDB);
+    const int iRollback = m_stRollback.Prepare(m_pDB);
+    if (iCommit != SQLITE_OK || iRollback != SQLITE_OK) {
+        TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] sqlite3_prepare_v2 failed with error code = %u",
+                    static_cast<unsigned int>(iCommit | iRollback));
+        FinalizeStatements();
+        (void)CloseDB();
+        return TARN_E_FAIL;
+    }
+    TARN_LOG_DEBUG_AS(kOpen, "[%s][cache] open db success.");
+    return TARN_OK;
+}
+
+void CConnection::Abandon() {
+    sqlite3_close(m_pDB);
+    m_pDB = nullptr;
+}
+
+void CConnection::FinalizeStatements() {
+    for (_SQLStmt *pStatement : {&m_stBegin, &m_stCommit, &m_stRollback}) {
+        pStatement->Finalize();
+    }
+}
+
+uint32_t CConnection::CloseDB() {
+    if (m_pDB == nullptr) {
+        return TARN_OK;
+    }
+    int iResult = sqlite3_close(m_pDB);
+    if (iResult == SQLITE_BUSY) {
+        while (sqlite3_stmt *pStmt = sqlite3_next_stmt(m_pDB, nullptr)) {
+            sqlite3_reset(pStmt);
+            sqlite3_finalize(pStmt);
+        }
+        iResult = sqlite3_close(m_pDB);
+    }
+    if (iResult != SQLITE_OK) {
+        return TARN_E_FAIL;
+    }
+    m_pDB = nullptr;
+    return TARN_OK;
+}
+
+bool CConnection::QueryNumber(const char *pszSQL, uint64_t &ullNumber) const {
+    _SQLStmt stQuery(pszSQL);
+    if (stQuery.Prepare(m_pDB) != SQLITE_OK || sqlite3_step(stQuery.pStmt) != SQLITE_ROW) {
+        return false;
+    }
+    ullNumber = static_cast<uint64_t>(sqlite3_column_int64(stQuery.pStmt, 0));
+    return true;
+}
+
+bool CConnection::MeasureFile(uint64_t &ullFileBytes, uint64_t &ullFreeBytes) const {
+    uint64_t ullPageSize = 0;
+    uint64_t ullPages = 0;
+    uint64_t ullFreePages = 0;
+    if (!QueryNumber("pragma page_size;", ullPageSize) || !QueryNumber("pragma page_count;", ullPages) ||
+        !QueryNumber("pragma freelist_count;", ullFreePages)) {
+        return false;
+    }
+    ullFileBytes = ullPages * ullPageSize;
+    ullFreeBytes = ullFreePages * ullPageSize;
+    return true;
+}

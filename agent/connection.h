@@ -1,0 +1,70 @@
+// connection.h - the connection to the database: opening, transactions, compaction, closing.
+//
+// Opening and closing run at start-up and shut-down only and take no lock. The log lines carry the names of the agent's
+// methods of the same names, which pass the calls on.
+#ifndef TARN_AGENT_CONNECTION_H
+#define TARN_AGENT_CONNECTION_H
+
+#include "interface/tarncache.h"
+#include "tables/xdatatable.h"
+#include "util/locks.h"
+
+#include <string>
+
+enum class TransactionType : int { Deferred = 1, Immediate = 2, Exclusive = 3 };
+
+class TARN_API CConnection {
+  public:
+    // Guards the connection and the table objects on it. Read: lookups, counting, queries. Write: the virus index of an
+    // addition, the writer's batches, every deletion.
+    CRwLock m_tableLock;
+
+    CConnection() = default;
+    CConnection(const CConnection &) = delete;
+    CConnection &operator=(const CConnection &) = delete;
+
+    // Opens the file, making it when it is missing. False: the connection only reports its error; Abandon it.
+    [[nodiscard]] bool Open(const std::string &strPath);
+    // Opens a file that is there, for reading alone, and waits up to the usual time-out for one that is being written.
+    // TARN_OK; TARN_E_FAIL (closed again).
+    [[nodiscard]] uint32_t OpenForReading(const std::string &strPath);
+    // Sets the page cache (SQLite pages) and prepares commit and rollback. TARN_OK; TARN_E_FAIL (closed again).
+    [[nodiscard]] uint32_t Configure(int32_t lCachePages);
+    // Closes a connection whose opening failed.
+    void Abandon();
+    void FinalizeStatements();
+    // TARN_OK (also without a connection); TARN_E_FAIL: the connection stays.
+    uint32_t CloseDB();
+
+    [[nodiscard]] bool IsOpen() const { return m_pDB != nullptr; }
+    [[nodiscard]] sqlite3 *Handle() const { return m_pDB; }
+
+    // TARN_OK or TARN_E_FAIL. A busy database gets one more try with a time-out of 1.5 seconds.
+    [[nodiscard]] uint32_t BeginTransactoion(TransactionType type) REQUIRES(m_tableLock); // TARN_E_INVALIDARG: type
+    [[nodiscard]] uint32_t CommitTransaction() REQUIRES(m_tableLock);
+    uint32_t RollbackTransaction() REQUIRES(m_tableLock);
+    // False once SQLite itself has ended the transaction, as a full disk makes it do.
+    [[nodiscard]] bool IsInTransaction() const REQUIRES(m_tableLock);
+    // What SQLite says of the last call.
+    [[nodiscard]] const char *LastErrorText() const REQUIRES(m_tableLock);
+
+    // "vacuum;" and "pragma quick_check;", on the writer thread, without the table lock: SQLite's own mutex of the
+    // connection keeps lookups out meanwhile. 1: success, sound (also without a connection); 0: not.
+    int64_t AdjustDBToActualSize(int32_t lCachePages);
+    [[nodiscard]] int64_t CheckDBIntegrity();
+
+    // Size of the file and the unused part of it, in bytes. False when they cannot be read.
+    [[nodiscard]] bool MeasureFile(uint64_t &ullFileBytes, uint64_t &ullFreeBytes) const REQUIRES_SHARED(m_tableLock);
+
+  private:
+    uint32_t PrepareEndStatements();
+    uint32_t StepTransaction(sqlite3_stmt *pStmt);
+    bool QueryNumber(const char *pszSQL, uint64_t &ullNumber) const;
+
+    sqlite3 *m_pDB = nullptr; // set at start-up, cleared at shut-down
+    _SQLStmt m_stBegin;       // the begin statement last used
+    _SQLStmt m_stCommit = _SQLStmt("commit;");
+    _SQLStmt m_stRollback = _SQLStmt("rollback;");
+};
+
+#endif
