@@ -90,6 +90,10 @@ void CDataBaseAgent::StartWriter() {
     }
 }
 
+uint32_t CDataBaseAgent::WaitReady(uint32_t ulTimeoutMs) {
+    return m_startGate.Wait(ulTimeoutMs);
+}
+
 uint32_t CDataBaseAgent::Flush(uint32_t ulTimeoutMs, uint64_t *pullLost) {
     const uint32_t ulResult = m_queue.WaitUntilSettled(ulTimeoutMs);
     if (pullLost != nullptr) {

@@ -69,7 +69,7 @@ class TARN_API CDataBaseAgent {
     uint32_t AgentUnInit();
     [[nodiscard]] bool IsReader() const { return m_eMode == EMode::Reader; }
     // As LocalCacheWaitReady and LocalCacheFlush. Any thread.
-    [[nodiscard]] uint32_t WaitReady(uint32_t ulTimeoutMs) { return m_startGate.Wait(ulTimeoutMs); }
+    [[nodiscard]] uint32_t WaitReady(uint32_t ulTimeoutMs);
     [[nodiscard]] uint32_t Flush(uint32_t ulTimeoutMs, uint64_t *pullLost);
 
     // --- database_file.cpp: start-up and shut-down only, no lock

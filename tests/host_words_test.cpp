@@ -1,0 +1,279 @@
+// What hosts ask of a running cache beyond lookup and add.
+#include "tests/agent_fixture.h"
+
+#include <set>
+#include <sys/stat.h>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct stat StatusOf(const std::string &strPath) {
+    struct stat status = {};
+    EXPECT_EQ(lstat(strPath.c_str(), &status), 0) << strPath;
+    return status;
+}
+
+// Holds the writer at a statement until it is let go. What it shares with the writer outlives the test's own part.
+class CHeldWriter {
+  public:
+    explicit CHeldWriter(const std::string &strStatement) {
+        g_onStatement = [strStatement, pLetGo = m_pLetGo](const std::string &strText) {
+            EXPECT_TRUE(strText.rfind(strStatement, 0) != 0 || WaitFor([&] { return pLetGo->load(); }));
+        };
+    }
+    ~CHeldWriter() { LetGo(); }
+    CHeldWriter(const CHeldWriter &) = delete;
+    CHeldWriter &operator=(const CHeldWriter &) = delete;
+    void LetGo() { *m_pLetGo = true; }
+
+  private:
+    std::shared_ptr<std::atomic<bool>> m_pLetGo = std::make_shared<std::atomic<bool>>(false);
+};
+
+} // namespace
+
+class HostWaits : public CAgentTest {};
+
+TEST_F(HostWaits, AreReadyOnlyWhenTheMarkersAreDone) {
+    ASSERT_EQ(Start(), TARN_OK);
+    EXPECT_EQ(m_pAgent->WaitReady(0), TARN_OK); // nobody to wait for
+    ASSERT_TRUE(Run(InsertTexts({{1, 48, 9}, {2, 47, 9}})));
+    File("engine/clean_engine_flag");
+    CHeldWriter held("delete from CT where FTV");
+    ASSERT_EQ(Start(0), TARN_OK);
+    EXPECT_EQ(m_pAgent->WaitReady(10), TARN_E_TIMEOUT);
+    held.LetGo();
+    EXPECT_EQ(m_pAgent->WaitReady(60000), TARN_OK);
+    EXPECT_TRUE(WaitFor([this] { return Keys() == "2"; })); // the vacuum comes later and locks the file
+    File("engine/clean_engine_hash_flag");
+    File("engine/kelmorehash/update_cache.dat"); // enciphered with no key of ours
+    ASSERT_EQ(Start(0), TARN_OK);
+    EXPECT_EQ(m_pAgent->WaitReady(60000), TARN_E_FAIL); // the list stays
+    ASSERT_EQ(Stop(), TARN_OK);
+    fs::remove(m_install.Path("engine/kelmorehash/update_cache.dat"));
+    TestLoop::FailTimers(true);
+    ASSERT_EQ(Start(0), TARN_OK);
+    EXPECT_EQ(m_pAgent->WaitReady(60000), TARN_OK); // a writer that ends early holds nobody up
+}
+
+TEST_F(HostWaits, AFlushWaitsForTheDiskAndCountsWhatIsLost) {
+    uint64_t ullLost = 77;
+    ASSERT_EQ(Start(), TARN_OK);
+    EXPECT_EQ(m_pAgent->Flush(0, nullptr), TARN_OK); // nothing is queued
+    ASSERT_EQ(Add(File("1")), TARN_OK);
+    EXPECT_EQ(m_pAgent->Flush(60000, &ullLost), TARN_E_FAIL); // nobody writes
+    CHeldWriter held("replace into CT");
+    ASSERT_EQ(Start(0), TARN_OK);
+    ASSERT_EQ(Add(m_install.Path("1")), TARN_OK);
+    EXPECT_EQ(m_pAgent->Flush(10, nullptr), TARN_E_TIMEOUT);
+    held.LetGo();
+    EXPECT_EQ(m_pAgent->Flush(60000, &ullLost), TARN_OK);
+    EXPECT_EQ(Rows(), 1);
+    EXPECT_EQ(ullLost, 0U);
+    ASSERT_EQ(Lookup(m_install.Path("1")), TARN_OK);
+    EXPECT_EQ(m_pAgent->Flush(60000, nullptr), TARN_OK);
+    EXPECT_EQ(Rows("QC = 1"), 1); // noted hits too
+    ASSERT_TRUE(Run("create trigger T before insert on CT when (select count(*) from CT) > 1 "
+                    "begin select raise(fail, 'no'); end"));
+    for (const char *pszFile : {"2", "3", "4"}) {
+        ASSERT_EQ(Add(File(pszFile)), TARN_OK);
+    }
+    EXPECT_EQ(m_pAgent->Flush(60000, &ullLost), TARN_OK);
+    EXPECT_EQ(ullLost, static_cast<uint64_t>(5 - 1 - Rows())); // all that were added and are not there
+    EXPECT_GT(ullLost, 0U);
+}
+
+class HostWords : public testing::Test {
+  protected:
+    HostWords() { RecordedLog::Clear(); }
+    ~HostWords() override { (void)LocalCacheUnInit(); }
+    uint32_t Add(const std::string &strPath, int32_t lEngine = 1, const std::string &strDesc = "", int iDigest = 7) {
+        const _SCAN_FILE_RESULT verdict = Verdict(lEngine, 1, strDesc);
+        const struct stat status = StatusOf(strPath);
+        return LocalCacheAddStat(strPath.c_str(), &status, DigestText(iDigest).c_str(), &verdict);
+    }
+    uint32_t Lookup(const std::string &strPath) { return LocalCacheLookup(strPath.c_str(), m_szMD5, &m_found); }
+    // Starts with these files remembered: engine 1 or 2 by turns, digest 7 or 8 by turns, and described ones.
+    void StartWith(int nFiles) {
+        ASSERT_EQ(LocalCacheInit(), TARN_OK);
+        // The start is counted behind its vacuum, which keeps other connections out.
+        ASSERT_TRUE(
+            WaitFor([this] { return ReadWholeFile(m_install.Config()).find("counts=1") != std::string::npos; }));
+        for (int i = 0; i < nFiles; ++i) {
+            ASSERT_EQ(Add(m_install.WriteFile(std::to_string(i)), 1 + i % 2, i % 3 == 0 ? "Name" : "", 7 + i % 2),
+                      TARN_OK);
+        }
+        ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
+    }
+    uint64_t Count(int iDigest) {
+        uint64_t ullCount = 77;
+        EXPECT_EQ(LocalCacheCountByFileHash(DigestText(iDigest).c_str(), &ullCount), TARN_OK);
+        return ullCount;
+    }
+    _LOCAL_CACHE_INFO Info() {
+        _LOCAL_CACHE_INFO info = {};
+        info.size = sizeof info;
+        EXPECT_EQ(LocalCacheGetInfo(&info), TARN_OK);
+        return info;
+    }
+    Texts Findings() {
+        Texts vecFindings;
+        const auto note = [](const char *pszText, void *pTexts) {
+            static_cast<Texts *>(pTexts)->emplace_back(pszText);
+        };
+        const uint32_t ulResult = LocalCacheCheck(note, &vecFindings);
+        EXPECT_EQ(ulResult, vecFindings.empty() ? TARN_OK : TARN_E_FAIL);
+        return vecFindings;
+    }
+    const CTempInstall m_install;
+    char m_szMD5[TARN_MD5_TEXT_SIZE] = {};
+    _SCAN_FILE_RESULT m_found = {};
+};
+
+TEST_F(HostWords, AStatusFromTheCallerIsWhatCounts) {
+    const std::string strFile = m_install.WriteFile("file");
+    const struct stat before = StatusOf(strFile);
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    m_install.WriteFile("file", "changed while it was scanned");
+    const _SCAN_FILE_RESULT verdict = Verdict(1);
+    ASSERT_EQ(LocalCacheAddStat(strFile.c_str(), &before, DigestText(7).c_str(), &verdict), TARN_OK);
+    ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
+    EXPECT_EQ(Lookup(strFile), TARN_NOT_CACHED);
+    EXPECT_EQ(LocalCacheLookupStat(strFile.c_str(), &before, m_szMD5, &m_found), TARN_OK);
+    EXPECT_EQ(LocalCacheLookupStat(strFile.c_str(), nullptr, m_szMD5, &m_found), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheAddStat(strFile.c_str(), nullptr, "", &verdict), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheLookupStat("relative", &before, m_szMD5, &m_found), TARN_E_FAIL);
+}
+
+TEST_F(HostWords, DeletionsTakeWhatTheyNameAndNothingElse) {
+    StartWith(6);
+    EXPECT_EQ(Count(7), 3U);
+    EXPECT_EQ(Count(9), 0U);
+    EXPECT_EQ(LocalCacheDeleteByPath(m_install.Path("0").c_str()), TARN_OK);
+    EXPECT_EQ(LocalCacheDeleteByPath(m_install.Path("none").c_str()), TARN_OK);
+    EXPECT_EQ(Count(7), 2U);
+    EXPECT_EQ(LocalCacheDeleteByEngine(0x10002), TARN_OK); // the low 16 bits
+    EXPECT_EQ(Count(8), 0U);
+    EXPECT_EQ(Info().ullRecords, 2U);
+    EXPECT_EQ(LocalCacheTrim(), TARN_OK);
+    EXPECT_EQ(Info().ullRecords, 2U); // far below the cap
+    EXPECT_EQ(LocalCacheClear(), TARN_OK);
+    EXPECT_EQ(Info().ullRecords, 0U);
+    const CSecondConnection other(m_install.Database());
+    ASSERT_TRUE(other.Run("begin exclusive"));
+    EXPECT_EQ(LocalCacheDeleteByPath(m_install.Path("1").c_str()), TARN_E_FAIL);
+    EXPECT_EQ(LocalCacheDeleteByEngine(1), TARN_E_FAIL);
+    EXPECT_EQ(LocalCacheClear(), TARN_E_FAIL);
+}
+
+TEST_F(HostWords, EnumerationShowsEveryRecordOnceAndLetsOthersWork) {
+    StartWith(0);
+    ASSERT_TRUE(
+        CSecondConnection(m_install.Database())
+            .Run("with recursive n(i) as (select 1 union all select i + 1 from n where i < 1200) "
+                 "insert into CT select i * 7, 5, (3 << 32) | 0x2001 | (-1 << 48), 0, 0, 2, 99, 1, '/ab' from n"));
+    std::vector<_LOCAL_CACHE_RECORD> vecSeen;
+    const auto note = [](const _LOCAL_CACHE_RECORD *pRecord, void *pSeen) {
+        auto &vecRecords = *static_cast<std::vector<_LOCAL_CACHE_RECORD> *>(pSeen);
+        vecRecords.push_back(*pRecord);
+        EXPECT_EQ(LocalCacheDeleteByEngine(99), TARN_OK); // no lock is held
+        return vecRecords.size() == 1300 ? 1 : 0;
+    };
+    EXPECT_EQ(LocalCacheEnumerate(note, &vecSeen), TARN_OK);
+    ASSERT_EQ(vecSeen.size(), 1200U);
+    EXPECT_EQ(vecSeen.front().liPathHash, 7);
+    EXPECT_EQ(vecSeen.back().liPathHash, 8400);
+    EXPECT_EQ(vecSeen[600].lEngineCode, 3);
+    EXPECT_EQ(vecSeen[600].ulFlags, 0x2001U);
+    EXPECT_EQ(vecSeen[600].ulQueryCount, 2U);
+    EXPECT_EQ(vecSeen[600].liTimeStamp, 99);
+    EXPECT_STREQ(vecSeen[600].szPathIndex, "/ab");
+    vecSeen.resize(1299);
+    EXPECT_EQ(LocalCacheEnumerate(note, &vecSeen), TARN_OK);
+    EXPECT_EQ(vecSeen.size(), 1300U); // ended early
+}
+
+TEST_F(HostWords, AnExplanationTellsWhyALookupWouldNotAnswer) {
+    StartWith(3);
+    const auto reason = [this](const std::string &strName) {
+        _LOCAL_CACHE_EXPLANATION told = {};
+        told.size = sizeof told;
+        EXPECT_EQ(LocalCacheExplain(m_install.Path(strName).c_str(), &told), TARN_OK);
+        EXPECT_EQ(told.ulHasRecord, told.ulReason == TARN_WHY_UNKNOWN ? 0U : 1U);
+        return told.ulReason;
+    };
+    EXPECT_EQ(reason("1"), TARN_WHY_KNOWN);
+    EXPECT_EQ(reason("lib"), TARN_WHY_UNKNOWN);
+    m_install.WriteFile("1", "longer than before");
+    EXPECT_EQ(reason("1"), TARN_WHY_CHANGED);
+    fs::remove(m_install.Path("2"));
+    EXPECT_EQ(reason("2"), TARN_WHY_GONE);
+    EXPECT_EQ(Info().ullHits, 0U);
+    ASSERT_TRUE(CSecondConnection(m_install.Database()).Run("update CT set FTV = FTV | (9 << 48) where FTV >= 0"));
+    EXPECT_EQ(reason("0"), TARN_WHY_DAMAGED);
+    EXPECT_TRUE(RecordedLog::Texts(2).empty());
+}
+
+TEST_F(HostWords, RecordsThatGrowKeepToTheCallersSize) {
+    StartWith(2);
+    _LOCAL_CACHE_INFO info = {};
+    std::memset(&info, 0xA5, sizeof info);
+    info.size = offsetof(_LOCAL_CACHE_INFO, ullRecordCap);
+    EXPECT_EQ(LocalCacheGetInfo(&info), TARN_OK);
+    EXPECT_EQ(info.ullRecords, 2U);
+    EXPECT_EQ(info.ullRecordCap, 0xA5A5A5A5A5A5A5A5U);
+    EXPECT_EQ(info.size, offsetof(_LOCAL_CACHE_INFO, ullRecordCap));
+    info.size = 7;
+    EXPECT_EQ(LocalCacheGetInfo(&info), TARN_E_INVALIDARG);
+    EXPECT_EQ(Lookup(m_install.Path("0")), TARN_OK);
+    EXPECT_EQ(Lookup(m_install.Path("lib")), TARN_NOT_CACHED);
+    const _LOCAL_CACHE_INFO whole = Info();
+    EXPECT_EQ(whole.ullHits, 1U);
+    EXPECT_EQ(whole.ullMisses, 1U);
+    EXPECT_EQ(whole.ullAdded, 2U);
+    EXPECT_EQ(whole.ullFileBytes, fs::file_size(m_install.Database()));
+    EXPECT_GT(whole.liNextExpiry, time(nullptr)); // the first start ran a pass
+}
+
+TEST_F(HostWords, TheCheckFindsWhatIsWrongAndChangesNothing) {
+    StartWith(4);
+    EXPECT_EQ(Findings(), Texts{});
+    const CSecondConnection other(m_install.Database());
+    ASSERT_TRUE(other.Run("update CT set FTV = FTV | (9 << 48) where FTV >= 0;"
+                          "create trigger T after delete on CT begin delete from VDT; end"));
+    const int64_t liChanges = other.Number("pragma data_version");
+    EXPECT_EQ(Findings(),
+              (Texts{"not one of the cache's own tables: T", "records whose virus description is missing: 2"}));
+    EXPECT_EQ(other.Number("pragma data_version"), liChanges);
+    ASSERT_TRUE(other.Run("alter table VST add column X"));
+    EXPECT_EQ(Findings().back(), "a table is missing or has another schema; the next start makes it anew, empty");
+}
+
+TEST_F(HostWords, AWalkTellsWhereItIs) {
+    StartWith(1);
+    static std::set<std::string> s_setFolders; // the function may not carry state of its own
+    const auto note = [](const char *pszFolder, void *) { s_setFolders.insert(pszFolder); };
+    _CacheFileInfo *pInfos = nullptr;
+    uint64_t ullCount = 0;
+    ASSERT_EQ(LocalCacheSetFindProgress(note, nullptr), TARN_OK);
+    ASSERT_EQ(LocalCacheFindFilesByHash(DigestText(7).c_str(), 1, &pInfos, &ullCount), TARN_OK);
+    LocalCacheFree(pInfos, ullCount);
+    EXPECT_EQ(s_setFolders.count("/"), 1U);
+    EXPECT_EQ(s_setFolders.count(m_install.Path("")), 1U);
+    s_setFolders.clear();
+    ASSERT_EQ(LocalCacheSetFindProgress(nullptr, nullptr), TARN_OK);
+    ASSERT_EQ(LocalCacheFindFilesByHash(DigestText(7).c_str(), 1, &pInfos, &ullCount), TARN_OK);
+    LocalCacheFree(pInfos, ullCount);
+    EXPECT_TRUE(s_setFolders.empty());
+}
+
+TEST_F(HostWords, EveryCodeHasAText) {
+    std::set<std::string> setTexts;
+    for (const uint32_t ulCode : {TARN_OK, TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_OUTOFMEMORY, TARN_E_FAIL,
+                                  TARN_E_ABORT, TARN_E_NOT_INITIALIZED, TARN_E_NOT_MATCHED, TARN_E_TIMEOUT, 0x12345U}) {
+        EXPECT_TRUE(setTexts.insert(LocalCacheErrorText(ulCode)).second) << ulCode;
+    }
+    EXPECT_EQ(std::count(LocalCacheVersion(), LocalCacheVersion() + strlen(LocalCacheVersion()), '.'), 2);
+}
