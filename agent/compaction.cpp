@@ -2,7 +2,7 @@
 // connection keeps lookups out while they run.
 #include "agent/connection.h"
 
-#include "tables/sqlite_support.h"
+#include "tables/statement.h"
 #include "util/log.h"
 
 #include <chrono>
@@ -38,21 +38,9 @@ class CSmallPageCache {
     int m_iConfiguredPages;
 };
 
-// Holds the connection's own mutex: its error text then is that of the call just made.
-class CConnectionGuard {
-  public:
-    explicit CConnectionGuard(sqlite3 *pDB) : m_pMutex(sqlite3_db_mutex(pDB)) { sqlite3_mutex_enter(m_pMutex); }
-    ~CConnectionGuard() { sqlite3_mutex_leave(m_pMutex); }
-    CConnectionGuard(const CConnectionGuard &) = delete;
-    CConnectionGuard &operator=(const CConnectionGuard &) = delete;
-
-  protected:
-    sqlite3_mutex *m_pMutex;
-};
-
-// The same, entered at a moment in which no lookup is between its step and its end: SQLite refuses to vacuum while a
-// statement is active, and a busy cache would never be compacted. Gives up waiting for such a moment after the usual
-// time-out. Lookups wait for that mutex during a vacuum anyway.
+// Holds the connection's own mutex from a moment on in which no lookup is between its step and its end: SQLite refuses
+// to vacuum while a statement is active, and a busy cache would never be compacted. Gives up waiting for such a moment
+// after the usual time-out. Lookups wait for that mutex during a vacuum anyway.
 class CQuietConnection : public CConnectionGuard {
   public:
     explicit CQuietConnection(sqlite3 *pDB) : CConnectionGuard(pDB) {

@@ -3,7 +3,7 @@
 #include "agent/connection.h"
 
 #include "platform/nubbase.h"
-#include "tables/sqlite_support.h"
+#include "tables/statement.h"
 #include "util/log.h"
 
 #include <sqlite3.h>

@@ -2,7 +2,7 @@
 // time-out of 1.5 seconds.
 #include "agent/connection.h"
 
-#include "tables/sqlite_support.h"
+#include "tables/statement.h"
 #include "util/log.h"
 
 #include <sqlite3.h>

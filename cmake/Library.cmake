@@ -5,10 +5,11 @@ add_library(tarncache SHARED
   util/dbfileutil.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
+  tables/schema.cpp
+  tables/statement.cpp
   tables/statement_pool.cpp
   tables/versiontable.cpp
   tables/vsdesctable.cpp
-  tables/xdatatable.cpp
   agent/check.cpp
   agent/cleaning.cpp
   agent/compaction.cpp

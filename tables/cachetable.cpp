@@ -2,11 +2,12 @@
 
 #include "platform/nubbase.h"
 #include "tables/cachetable_columns.h"
-#include "tables/sqlite_support.h"
 #include "util/log.h"
 
 #include <algorithm>
+#include <new>
 #include <sqlite3.h>
+#include <string_view>
 
 namespace {
 
@@ -14,19 +15,19 @@ constexpr char kLogSource[] = "cachetable";
 
 } // namespace
 
-void ReadCacheRow(sqlite3_stmt *pStmt, _CacheRecord &record) {
-    record.lFileAttrHash = sqlite3_column_int(pStmt, COLUMN_FAH);
-    record.liTreatVirus = sqlite3_column_int64(pStmt, COLUMN_FTV);
-    record.lQueryCounts = sqlite3_column_int(pStmt, COLUMN_QC);
-    record.lTimeStamp = sqlite3_column_int64(pStmt, COLUMN_TS);
-    record.lResultState = sqlite3_column_int(pStmt, COLUMN_RS);
+void ReadCacheRow(const CStatement &query, _CacheRecord &record) {
+    record.liFilePathHash = query.Int64(kColumnFPH);
+    record.lFileAttrHash = query.Int(kColumnFAH);
+    record.liTreatVirus = query.Int64(kColumnFTV);
+    record.liHighMD5 = query.Int64(kColumnFHMD);
+    record.liLowMD5 = query.Int64(kColumnFLMD);
+    record.lQueryCounts = query.Int(kColumnQC);
+    record.lTimeStamp = query.Int64(kColumnTS);
+    record.lResultState = query.Int(kColumnRS);
     // A damaged database may hold more bytes than an index has.
-    const void *pIndex = sqlite3_column_blob(pStmt, COLUMN_FFI);
-    const size_t nBytes = static_cast<size_t>(sqlite3_column_bytes(pStmt, COLUMN_FFI));
+    const std::string_view index = query.Blob(kColumnFFI).substr(0, kPathIndexLength);
     std::memset(record.szFilePathIndex, 0, sizeof record.szFilePathIndex);
-    if (pIndex != nullptr) {
-        std::memcpy(record.szFilePathIndex, pIndex, std::min<size_t>(nBytes, kPathIndexLength));
-    }
+    std::copy(index.begin(), index.end(), record.szFilePathIndex);
 }
 
 CCacheTable::CCacheTable(sqlite3 *pDB) : CTableBase(pDB) {
@@ -48,6 +49,11 @@ void CCacheTable::RegisterSQLs() {
                          {"TS", "integer(8)", "not null"},
                          {"RS", "integer(4)", "not null"},
                          {"FFI", "varchar(6)", "not null"}});
+    BuildSetQueryTime();
+}
+
+void CCacheTable::BuildSetQueryTime() {
+    m_stSetQueryTime.strSQL = "update " + m_strTableName + " set QC = QC+1, TS = ? where FPH = ?;";
 }
 
 uint32_t CCacheTable::OnCreate() {
@@ -55,14 +61,14 @@ uint32_t CCacheTable::OnCreate() {
         TARN_LOG_ERROR("[%s]m_pDB is null.");
         return 1;
     }
-    m_stSetQueryTime.strSQL = "update " + m_strTableName + " set QC = QC+1, TS = ? where FPH = ?;";
-    if (const int iResult = m_stSetQueryTime.Prepare(m_pDB); iResult != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]OnCreate failed with error msg = %s", sqlite3_errmsg(m_pDB));
-        return static_cast<uint32_t>(iResult);
+    BuildSetQueryTime();
+    if (const CStatement update(m_pDB, m_stSetQueryTime); update.Result() != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s]OnCreate failed with error msg = %s", update.ErrorText());
+        return static_cast<uint32_t>(update.Result());
     }
     // Without it every deletion by MD5 reads the whole table. A failure is logged there and costs speed alone.
     (void)__implExecDDL(m_pDB, "create index if not exists " + m_strTableName + "_MD5 on " + m_strTableName + "(" +
-                                   ColumnName(COLUMN_FHMD) + "," + ColumnName(COLUMN_FLMD) + ");");
+                                   ColumnName(kColumnFHMD) + "," + ColumnName(kColumnFLMD) + ");");
     return 0;
 }
 
@@ -73,46 +79,35 @@ void CCacheTable::OnRelease() {
 }
 
 uint32_t CCacheTable::InsertRecord(_CacheRecord *pRecord) {
-    sqlite3_stmt *const pStmt = m_stInsert.pStmt;
-    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stInsert, pRecord)) {
         TARN_LOG_ERROR("[%s]m_pDB or m_stInsert.pStmt or pRecord is null.");
         return 1;
     }
-    const CStatementUse use(pStmt);
-    const int nIndexBytes = static_cast<int>(strnlen(pRecord->szFilePathIndex, sizeof pRecord->szFilePathIndex));
-    int iResult = sqlite3_bind_int64(pStmt, COLUMN_FPH + 1, pRecord->liFilePathHash);
-    iResult |= sqlite3_bind_int(pStmt, COLUMN_FAH + 1, pRecord->lFileAttrHash);
-    iResult |= sqlite3_bind_int64(pStmt, COLUMN_FTV + 1, pRecord->liTreatVirus);
-    iResult |= sqlite3_bind_int64(pStmt, COLUMN_FHMD + 1, pRecord->liHighMD5);
-    iResult |= sqlite3_bind_int64(pStmt, COLUMN_FLMD + 1, pRecord->liLowMD5);
-    iResult |= sqlite3_bind_int(pStmt, COLUMN_QC + 1, pRecord->lQueryCounts);
-    iResult |= sqlite3_bind_int64(pStmt, COLUMN_TS + 1, pRecord->lTimeStamp);
-    iResult |= sqlite3_bind_int(pStmt, COLUMN_RS + 1, pRecord->lResultState);
-    // SQLITE_STATIC: the record outlives the step, and the bindings are cleared behind it.
-    iResult |= sqlite3_bind_blob(pStmt, COLUMN_FFI + 1, pRecord->szFilePathIndex, nIndexBytes, nullptr);
-    return use.RunIfBound(iResult);
+    CStatement insertion(m_pDB, m_stInsert);
+    insertion.Bind(kColumnFPH + 1, pRecord->liFilePathHash);
+    insertion.Bind(kColumnFAH + 1, pRecord->lFileAttrHash);
+    insertion.Bind(kColumnFTV + 1, pRecord->liTreatVirus);
+    insertion.Bind(kColumnFHMD + 1, pRecord->liHighMD5);
+    insertion.Bind(kColumnFLMD + 1, pRecord->liLowMD5);
+    insertion.Bind(kColumnQC + 1, pRecord->lQueryCounts);
+    insertion.Bind(kColumnTS + 1, pRecord->lTimeStamp);
+    insertion.Bind(kColumnRS + 1, pRecord->lResultState);
+    insertion.BindBlob(kColumnFFI + 1, pRecord->szFilePathIndex,
+                       strnlen(pRecord->szFilePathIndex, sizeof pRecord->szFilePathIndex));
+    return insertion.Run();
 }
 
 uint32_t CCacheTable::QueryRecord(_CacheRecord *pRecord) {
-    if (m_pDB == nullptr || m_stQuery.pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stQuery, pRecord)) {
         TARN_LOG_ERROR("[%s]m_pDB or m_stQuery.pStmt or pRecord is null.");
         return 1;
     }
-    const CStatementPool::CLoan query(m_queryPool, m_pDB, m_stQuery.strSQL);
-    int iResult = query.Result();
-    if (iResult == SQLITE_OK) {
-        iResult = sqlite3_bind_int64(query.Handle(), 1, pRecord->liFilePathHash);
+    CStatement query(m_pDB, m_queryPool, m_stQuery.strSQL.c_str());
+    query.Bind(1, pRecord->liFilePathHash);
+    if (const uint32_t ulResult = query.FetchRow(); ulResult != 0) {
+        return ulResult;
     }
-    if (iResult != SQLITE_OK) {
-        return static_cast<uint32_t>(iResult);
-    }
-    iResult = sqlite3_step(query.Handle());
-    if (iResult != SQLITE_ROW) {
-        return static_cast<uint32_t>(iResult);
-    }
-    ReadCacheRow(query.Handle(), *pRecord);
-    pRecord->liHighMD5 = sqlite3_column_int64(query.Handle(), COLUMN_FHMD);
-    pRecord->liLowMD5 = sqlite3_column_int64(query.Handle(), COLUMN_FLMD);
+    ReadCacheRow(query, *pRecord);
     TARN_LOG_DEBUG("[%s]liFilePathHash:%lld, lFileAttrHash:%d, liTreatVirus:%lld, liHighMD5:%lld, liLowMD5:%lld, "
                    "lQueryCounts:%d, lTimeStamp:%lld.",
                    static_cast<long long>(pRecord->liFilePathHash), pRecord->lFileAttrHash,
@@ -123,26 +118,22 @@ uint32_t CCacheTable::QueryRecord(_CacheRecord *pRecord) {
 }
 
 uint32_t CCacheTable::DeleteRecord(_CacheRecord *pRecord) {
-    sqlite3_stmt *const pStmt = m_stDelete.pStmt;
-    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stDelete, pRecord)) {
         TARN_LOG_ERROR("[%s]m_pDB or m_stDelete.pStmt or pRecord is null.");
         return 1;
     }
-    const CStatementUse use(pStmt);
-    return use.RunIfBound(sqlite3_bind_int64(pStmt, 1, pRecord->liFilePathHash));
+    return DeleteByKey(pRecord->liFilePathHash);
 }
 
 void CCacheTable::AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStamp) {
-    sqlite3_stmt *const pStmt = m_stSetQueryTime.pStmt;
-    if (m_pDB == nullptr || pStmt == nullptr) {
+    if (m_pDB == nullptr || m_stSetQueryTime.pStmt == nullptr) {
         TARN_LOG_ERROR("[%s]m_pDB or m_stSetQueryTime.pStmt is null.");
         return;
     }
-    const CStatementUse use(pStmt);
-    (void)sqlite3_bind_int64(pStmt, 1, liTimeStamp); // a lost time stamp binds NULL, which the column refuses
-    if (sqlite3_bind_int64(pStmt, 2, liFilePathHash) == SQLITE_OK) {
-        (void)sqlite3_step(pStmt); // a hit that cannot be counted is not worth a report
-    }
+    CStatement update(m_pDB, m_stSetQueryTime);
+    update.BindUnchecked(1, liTimeStamp); // a lost time stamp binds NULL, which the column refuses
+    update.Bind(2, liFilePathHash);
+    (void)update.Step(); // a hit that cannot be counted is not worth a report
 }
 
 uint32_t CCacheTable::QueryRecordsCount(int *piCounts) {
@@ -150,66 +141,29 @@ uint32_t CCacheTable::QueryRecordsCount(int *piCounts) {
         TARN_LOG_ERROR("[%s]m_pDB or piCounts is null.");
         return 1;
     }
-    return static_cast<uint32_t>(CountRows(piCounts));
+    return CountRows(piCounts);
 }
 
-uint32_t CCacheTable::ResetAllRecordsQueryCount(int iValue) {
+uint32_t CCacheTable::QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, std::vector<_CacheRecord> &vecOut) {
+    vecOut.clear();
     if (m_pDB == nullptr) {
         TARN_LOG_ERROR("[%s]m_pDB is null.");
         return 1;
     }
+    // A damaged table may hold a key that is no number: it would be read as 0, and the next page start anew from there.
+    const char *const pszKey = ColumnName(kColumnFPH).c_str();
     char szSQL[kStatementSize] = {};
-    str_snprintf(szSQL, sizeof szSQL, "update %s set QC = %d;", m_strTableName.c_str(), iValue);
-    _SQLStmt stReset(szSQL);
-    if (const int iResult = stReset.Prepare(m_pDB); iResult != SQLITE_OK) {
-        return static_cast<uint32_t>(iResult);
+    str_snprintf(szSQL, sizeof szSQL, "select * from %s where %s%s? and typeof(%s)='integer' order by %s limit ?;",
+                 m_strTableName.c_str(), pszKey, liFilePathHash == INT64_MIN ? ">=" : ">", pszKey, pszKey);
+    CStatement query(m_pDB, szSQL);
+    query.Bind(1, liFilePathHash);
+    query.Bind(2, static_cast<int64_t>(std::min<size_t>(nMost, INT64_MAX)));
+    try {
+        while (query.Step() == SQLITE_ROW) {
+            ReadCacheRow(query, vecOut.emplace_back());
+        }
+    } catch (const std::bad_alloc &) {
+        return SQLITE_NOMEM;
     }
-    const int iStep = sqlite3_step(stReset.pStmt);
-    return iStep == SQLITE_ROW || iStep == SQLITE_DONE ? 0 : static_cast<uint32_t>(iStep);
-}
-
-int CCacheTable::DeleteAllRecords() {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB is null.");
-        return 1;
-    }
-    char szSQL[kStatementSize] = {};
-    str_snprintf(szSQL, sizeof szSQL, "delete from %s;", m_strTableName.c_str());
-    _SQLStmt stDeleteAll(szSQL);
-    if (stDeleteAll.Prepare(m_pDB) != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errmsg(m_pDB));
-        return 0;
-    }
-    const int iStep = sqlite3_step(stDeleteAll.pStmt);
-    if (iStep != SQLITE_ROW && iStep != SQLITE_DONE) {
-        TARN_LOG_ERROR("[%s]sqlite step failed with error code = %s", sqlite3_errmsg(m_pDB));
-    }
-    return iStep == SQLITE_DONE ? 1 : 0;
-}
-
-uint32_t CCacheTable::CountRecordsByMD5(int64_t h, int64_t l, int64_t *p) {
-    std::vector<_CacheRecordEx *> v;
-    if (QueryFilePathHashByMD5(h, l, v) == 0)
-        return 1;
-    *p = static_cast<int64_t>(v.size());
-    for (auto *q : v)
-        delete q;
-    return 0;
-}
-uint32_t CCacheTable::QueryRecordsAfter(int64_t a, size_t n, std::vector<_CacheRecord> &v) {
-    _SQLStmt st("select * from CT where FPH > ? order by FPH limit ?;");
-    if (st.Prepare(m_pDB) != 0)
-        return 1;
-    sqlite3_bind_int64(st.pStmt, 1, a);
-    sqlite3_bind_int64(st.pStmt, 2, static_cast<int64_t>(n));
-    int r;
-    while ((r = sqlite3_step(st.pStmt)) == SQLITE_ROW) {
-        _CacheRecord c = {};
-        c.liFilePathHash = sqlite3_column_int64(st.pStmt, 0);
-        ReadCacheRow(st.pStmt, c);
-        c.liHighMD5 = sqlite3_column_int64(st.pStmt, COLUMN_FHMD);
-        c.liLowMD5 = sqlite3_column_int64(st.pStmt, COLUMN_FLMD);
-        v.push_back(c);
-    }
-    return r == SQLITE_DONE ? 0 : 1;
+    return query.Run();
 }

@@ -1,7 +1,7 @@
 // cachetable.h - table "CT": one row per scanned file.
 //
-// No lock of its own. QueryRecord, QueryRecordsCount and QueryFilePathHashByMD5 may run side by side under the agent's
-// read lock; everything else runs under its write lock or on the writer thread.
+// No lock of its own. QueryRecord, the two counts, QueryRecordsAfter and QueryFilePathHashByMD5 may run side by side
+// under the agent's read lock; everything else runs under its write lock or on the writer thread.
 #ifndef TARN_TABLES_CACHETABLE_H
 #define TARN_TABLES_CACHETABLE_H
 
@@ -10,9 +10,13 @@
 #include "util/cache_record.h"
 
 #include <set>
+#include <string>
+#include <vector>
 
 class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
   public:
+    static constexpr int kMaxRecords = 1000000; // the cap of the table
+
     explicit CCacheTable(sqlite3 *pDB = nullptr);
     virtual ~CCacheTable();
 
@@ -24,18 +28,20 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     uint32_t OnCreate() override;
     void OnRelease() override;
 
-    // Replaces the whole row with the record's key. 0 or the SQLite code; 1 for a null argument.
     uint32_t InsertRecord(_CacheRecord *pRecord) override;
-    // 0: found, every field filled. 101 (SQLITE_DONE): no such row, record unchanged. Else another SQLite code, or 1
-    // for a null argument.
     uint32_t QueryRecord(_CacheRecord *pRecord) override;
-    // 0 or the SQLite code; 1 for a null argument.
     uint32_t DeleteRecord(_CacheRecord *pRecord) override;
 
     // Adds 1 to the row's query count and sets its time stamp (seconds). An absent row changes nothing.
     void AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStamp);
     // Row count. 0 or the SQLite code (*piCounts untouched); 1 for a null argument.
     uint32_t QueryRecordsCount(int *piCounts);
+    // Number of rows with this MD5. As QueryRecordsCount.
+    uint32_t CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount);
+    // The next page of the table: the rows with a path hash above the given one, ascending, nMost (2 or more) at most;
+    // INT64_MIN asks for the first page. Fewer rows than nMost: there are no more. Rows whose key is no integer
+    // (damage) are left out. 0 or the SQLite code (vecOut then holds what was read); 1 without a connection.
+    uint32_t QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, std::vector<_CacheRecord> &vecOut);
     // Sets every row's query count. 0 or the SQLite code; 1 without a connection.
     uint32_t ResetAllRecordsQueryCount(int iValue);
     // Empties the table. 1 success, 0 failure; 1 without a connection. A busy database is not tried again.
@@ -58,20 +64,15 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     // Appends one new record, zeroed path, for each row with this MD5. 1 success, 0 failure; 1 without a connection.
     // The caller frees the records with delete, after a failure too.
     int QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut);
-    static constexpr int kMaxRecords = 1000000; // the cap of the table
-    // How many rows have this MD5. 0 or the SQLite code, *pliCount untouched.
-    uint32_t CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount);
-    // Appends the rows with keys above the given one in ascending order, nMost of them. 0 or the SQLite code.
-    uint32_t QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, std::vector<_CacheRecord> &vecOut);
     // "(3,7,12)" in ascending order; "()" for an empty set.
     std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
 
-    _SQLStmt m_stSetQueryTime;
-    _SQLStmt m_stDeleteByMD5; // prepared by its first use
+    _SQLStmt m_stSetQueryTime; // adds a hit to a row
+    _SQLStmt m_stDeleteByMD5;  // prepared by its first use
 
   private:
-    const std::string &ColumnName(size_t nPosition) const { return m_vecColumns[nPosition].strColumnName; }
-    uint32_t StepBulkDeletion(sqlite3_stmt *pStmt, const char *pszFunction, int *piDeleted);
+    void BuildSetQueryTime();
+    void FormatMD5Query(char (&szSQL)[kStatementSize], const char *pszWhat, int64_t liHighMD5, int64_t liLowMD5) const;
 
     CStatementPool m_queryPool;
 };

@@ -1,8 +1,8 @@
-// The statements of "CT" that act on many rows at once. Each formats, prepares, runs and finalizes its own text.
+// The statements of "CT" that act on many rows at once. Each formats its own text, and all but the deletion by MD5
+// prepare and finalize it in the call.
 #include "platform/nubbase.h"
 #include "tables/cachetable.h"
 #include "tables/cachetable_columns.h"
-#include "tables/sqlite_support.h"
 #include "util/log.h"
 
 #include <memory>
@@ -15,37 +15,81 @@ constexpr char kLogSource[] = "cachetable";
 constexpr int kRowsPerPercent = 10000; // one percent of the cap
 constexpr int kBulkRetries = 4;
 
-// Steps again after a reset, waiting for the database up to the busy time-out.
-int StepAgain(sqlite3 *pDB, sqlite3_stmt *pStmt) {
-    sqlite3_busy_timeout(pDB, kBusyTimeoutMs);
-    sqlite3_reset(pStmt);
-    return sqlite3_step(pStmt);
+// These log in the name of the operation that calls them.
+
+bool IsConnected(sqlite3 *pDB, const char *pszFunction) {
+    if (pDB == nullptr) {
+        TARN_LOG_AS(ELogLevel::Error, pszFunction, "[%s]m_pDB is null.");
+    }
+    return pDB != nullptr;
 }
 
-} // namespace
+void LogFailedPreparation(const CStatement &statement, const char *pszFunction) {
+    TARN_LOG_AS(ELogLevel::Error, pszFunction, "[%s]sqlite prepare v2 failed with error code = %s",
+                statement.ErrorText());
+}
 
-uint32_t CCacheTable::StepBulkDeletion(sqlite3_stmt *pStmt, const char *pszFunction, int *piDeleted) {
-    int iStep = sqlite3_step(pStmt);
-    if (iStep != SQLITE_DONE && iStep != SQLITE_BUSY) {
-        TARN_LOG_AS(ELogLevel::Error, pszFunction, "[%s]sqlite step failed with error code = %s",
-                    sqlite3_errmsg(m_pDB));
-        return static_cast<uint32_t>(iStep);
+bool IsPrepared(const CStatement &statement, const char *pszFunction) {
+    if (statement.Result() != SQLITE_OK) {
+        LogFailedPreparation(statement, pszFunction);
     }
-    for (int nRetry = 0; iStep == SQLITE_BUSY && nRetry < kBulkRetries; ++nRetry) {
-        iStep = StepAgain(m_pDB, pStmt);
+    return statement.Result() == SQLITE_OK;
+}
+
+void LogFailedStep(const CStatement &statement, const char *pszFunction) {
+    TARN_LOG_AS(ELogLevel::Error, pszFunction, "[%s]sqlite step failed with error code = %s", statement.ErrorText());
+}
+
+bool IsDoneOrBusy(int iStep) {
+    return iStep == SQLITE_DONE || iStep == SQLITE_BUSY;
+}
+
+// Runs a deletion of many rows. Only what the first step meets is logged.
+uint32_t RunBulkDeletion(sqlite3 *pDB, CStatement &deletion, const char *pszFunction, int *piDeleted) {
+    if (!IsDoneOrBusy(deletion.Step())) {
+        LogFailedStep(deletion, pszFunction);
     }
-    if (iStep != SQLITE_DONE) {
+    if (const int iStep = deletion.RetryWhileBusy(kBulkRetries); iStep != SQLITE_DONE) {
         return static_cast<uint32_t>(iStep);
     }
     if (piDeleted != nullptr) {
-        *piDeleted = sqlite3_changes(m_pDB);
+        *piDeleted = sqlite3_changes(pDB);
     }
     return 0;
 }
 
+} // namespace
+
+uint32_t CCacheTable::ResetAllRecordsQueryCount(int iValue) {
+    if (!IsConnected(m_pDB, __func__)) {
+        return 1;
+    }
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "update %s set QC = %d;", m_strTableName.c_str(), iValue);
+    CStatement reset(m_pDB, szSQL);
+    const uint32_t ulResult = reset.Run();
+    return ulResult == SQLITE_ROW ? 0 : ulResult;
+}
+
+int CCacheTable::DeleteAllRecords() {
+    if (!IsConnected(m_pDB, __func__)) {
+        return 1;
+    }
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "delete from %s;", m_strTableName.c_str());
+    CStatement deletion(m_pDB, szSQL);
+    if (!IsPrepared(deletion, __func__)) {
+        return 0;
+    }
+    const int iStep = deletion.Step();
+    if (iStep != SQLITE_ROW && iStep != SQLITE_DONE) {
+        LogFailedStep(deletion, __func__);
+    }
+    return iStep == SQLITE_DONE ? 1 : 0;
+}
+
 uint32_t CCacheTable::DeleteExcessRecords(int iExtraTenThousands, int *piDeleted) {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB is null.");
+    if (!IsConnected(m_pDB, __func__)) {
         return 1;
     }
     int iCount = 0;
@@ -61,63 +105,53 @@ uint32_t CCacheTable::DeleteExcessRecords(int iExtraTenThousands, int *piDeleted
     }
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "DELETE FROM %s WHERE rowid IN (SELECT rowid FROM %s ORDER BY %s LIMIT %d);",
-                 m_strTableName.c_str(), m_strTableName.c_str(), ColumnName(COLUMN_TS).c_str(), iLimit);
+                 m_strTableName.c_str(), m_strTableName.c_str(), ColumnName(kColumnTS).c_str(), iLimit);
     TARN_LOG_DEBUG("[%s]execute sql:[%s].", szSQL);
-    _SQLStmt stDelete(szSQL);
-    if (const int iResult = stDelete.Prepare(m_pDB); iResult != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errmsg(m_pDB));
-        return static_cast<uint32_t>(iResult);
+    CStatement deletion(m_pDB, szSQL);
+    if (!IsPrepared(deletion, __func__)) {
+        return static_cast<uint32_t>(deletion.Result());
     }
-    return StepBulkDeletion(stDelete.pStmt, __func__, piDeleted);
+    return RunBulkDeletion(m_pDB, deletion, __func__, piDeleted);
 }
 
 uint32_t CCacheTable::DeleteExpireRecords(int iMaxQueryCount, int64_t liOlderThan, int *piDeleted) {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB is null.");
+    if (!IsConnected(m_pDB, __func__)) {
         return 1;
     }
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "delete from %s where %s<=%d and %s<=%lld;", m_strTableName.c_str(),
-                 ColumnName(COLUMN_QC).c_str(), iMaxQueryCount, ColumnName(COLUMN_TS).c_str(),
+                 ColumnName(kColumnQC).c_str(), iMaxQueryCount, ColumnName(kColumnTS).c_str(),
                  static_cast<long long>(liOlderThan));
     TARN_LOG_DEBUG("[%s]execute sql:[%s].", szSQL);
-    _SQLStmt stDelete(szSQL);
-    if (stDelete.Prepare(m_pDB) != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errmsg(m_pDB));
+    CStatement deletion(m_pDB, szSQL);
+    if (!IsPrepared(deletion, __func__)) {
         return 0; // on purpose: the expiry pass goes on to reset the counters and moves its next date
     }
-    return StepBulkDeletion(stDelete.pStmt, __func__, piDeleted);
+    return RunBulkDeletion(m_pDB, deletion, __func__, piDeleted);
 }
 
 int CCacheTable::DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5) {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB is null.");
+    if (!IsConnected(m_pDB, __func__)) {
         return 1;
     }
     // Kept: an engine update withdraws thousands of digests while lookups wait.
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "delete from %s where %s=? and %s=?;", m_strTableName.c_str(),
-                 ColumnName(COLUMN_FHMD).c_str(), ColumnName(COLUMN_FLMD).c_str());
+                 ColumnName(kColumnFHMD).c_str(), ColumnName(kColumnFLMD).c_str());
     if (m_stDeleteByMD5.strSQL != szSQL) {
         m_stDeleteByMD5.Finalize();
         m_stDeleteByMD5.strSQL = szSQL;
     }
-    // Runs on callers' threads too, beside the vacuum: the connection's own error text may not be looked at.
-    if (const int iResult = m_stDeleteByMD5.Prepare(m_pDB); iResult != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errstr(iResult));
+    CStatement deletion(m_pDB, m_stDeleteByMD5);
+    if (!IsPrepared(deletion, __func__)) {
         return 0;
     }
-    sqlite3_stmt *const pStmt = m_stDeleteByMD5.pStmt;
-    const CStatementUse use(pStmt);
-    int iStep = sqlite3_bind_int64(pStmt, 1, liHighMD5) | sqlite3_bind_int64(pStmt, 2, liLowMD5);
-    if (iStep == SQLITE_OK) {
-        iStep = sqlite3_step(pStmt);
-    }
-    if (iStep == SQLITE_BUSY) {
-        iStep = StepAgain(m_pDB, pStmt);
-    }
-    if (iStep != SQLITE_DONE && iStep != SQLITE_BUSY) {
-        TARN_LOG_ERROR("[%s]sqlite step failed with error code = %s", sqlite3_errstr(iStep));
+    deletion.Bind(1, liHighMD5);
+    deletion.Bind(2, liLowMD5);
+    (void)deletion.Step();
+    const int iStep = deletion.RetryWhileBusy(1);
+    if (!IsDoneOrBusy(iStep)) {
+        LogFailedStep(deletion, __func__);
     }
     return iStep == SQLITE_DONE ? 1 : 0;
 }
@@ -133,67 +167,70 @@ std::string CCacheTable::EngineSetToStr(std::set<int16_t> &setEngineIds) {
 }
 
 int CCacheTable::BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds) {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB is null.");
+    if (!IsConnected(m_pDB, __func__)) {
         return 1;
     }
     if (setEngineIds.empty()) {
         return 1;
     }
-    const char *pszVerdict = ColumnName(COLUMN_FTV).c_str();
+    const char *pszVerdict = ColumnName(kColumnFTV).c_str();
     char szSQL[kStatementSize] = {};
     // "&" and ">>" have one precedence in SQLite and group from the left: bits 32-47, the engine code.
     str_snprintf(szSQL, sizeof szSQL,
                  "delete from %s where %s in (select %s from %s where ((( %s & 0xffff00000000 >> 32) in %s)));",
                  m_strTableName.c_str(), pszVerdict, pszVerdict, m_strTableName.c_str(), pszVerdict,
                  EngineSetToStr(setEngineIds).c_str());
-    _SQLStmt stDelete(szSQL);
-    if (stDelete.Prepare(m_pDB) != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errmsg(m_pDB));
+    CStatement deletion(m_pDB, szSQL);
+    if (!IsPrepared(deletion, __func__)) {
         return 0;
     }
     TARN_LOG_DEBUG("[%s]sql: %s", szSQL);
-    int iStep = sqlite3_step(stDelete.pStmt);
-    if (iStep == SQLITE_BUSY) {
-        sqlite3_reset(stDelete.pStmt);
-        iStep = sqlite3_step(stDelete.pStmt);
-    }
-    if (iStep != SQLITE_DONE && iStep != SQLITE_BUSY) {
-        // The text of the preparation's failure, also for a failed step: log readers look for it.
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errmsg(m_pDB));
+    (void)deletion.Step();
+    const int iStep = deletion.RetryWhileBusy(1, false);
+    if (!IsDoneOrBusy(iStep)) {
+        LogFailedPreparation(deletion, __func__); // also for a failed step: log readers look for this text
     }
     return iStep == SQLITE_DONE ? 1 : 0;
 }
 
-int CCacheTable::QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut) {
-    if (m_pDB == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB is null.");
+void CCacheTable::FormatMD5Query(char (&szSQL)[kStatementSize], const char *pszWhat, int64_t liHighMD5,
+                                 int64_t liLowMD5) const {
+    str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s=%lld and %s=%lld;", pszWhat, m_strTableName.c_str(),
+                 ColumnName(kColumnFHMD).c_str(), static_cast<long long>(liHighMD5), ColumnName(kColumnFLMD).c_str(),
+                 static_cast<long long>(liLowMD5));
+}
+
+uint32_t CCacheTable::CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount) {
+    if (m_pDB == nullptr || pliCount == nullptr) {
+        TARN_LOG_ERROR("[%s]m_pDB or pliCount is null.");
         return 1;
     }
     char szSQL[kStatementSize] = {};
-    str_snprintf(szSQL, sizeof szSQL, "select * from %s where %s=%lld and %s=%lld;", m_strTableName.c_str(),
-                 ColumnName(COLUMN_FHMD).c_str(), static_cast<long long>(liHighMD5), ColumnName(COLUMN_FLMD).c_str(),
-                 static_cast<long long>(liLowMD5));
-    _SQLStmt stQuery(szSQL);
-    // Other readers use the connection meanwhile, so its own error text may not be looked at.
-    if (const int iResult = stQuery.Prepare(m_pDB); iResult != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s]sqlite prepare v2 failed with error code = %s", sqlite3_errstr(iResult));
+    FormatMD5Query(szSQL, "count(*)", liHighMD5, liLowMD5);
+    return QueryNumber(m_pDB, szSQL, pliCount);
+}
+
+int CCacheTable::QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut) {
+    if (!IsConnected(m_pDB, __func__)) {
+        return 1;
+    }
+    char szSQL[kStatementSize] = {};
+    FormatMD5Query(szSQL, "*", liHighMD5, liLowMD5);
+    CStatement query(m_pDB, szSQL);
+    if (!IsPrepared(query, __func__)) {
         return 0;
     }
-    int iStep = sqlite3_step(stQuery.pStmt);
+    int iStep = query.Step();
     if (iStep != SQLITE_ROW && iStep != SQLITE_DONE) {
-        TARN_LOG_ERROR("[%s]sqlite step failed with error code = %s", sqlite3_errstr(iStep));
+        LogFailedStep(query, __func__);
     }
-    for (; iStep == SQLITE_ROW; iStep = sqlite3_step(stQuery.pStmt)) {
+    for (; iStep == SQLITE_ROW; iStep = query.Step()) {
         std::unique_ptr<_CacheRecordEx> pRecord(new (std::nothrow) _CacheRecordEx());
         if (pRecord == nullptr) {
             TARN_LOG_ERROR("[%s]new CacheRecord failed!");
             return 0;
         }
-        pRecord->liFilePathHash = sqlite3_column_int64(stQuery.pStmt, COLUMN_FPH);
-        ReadCacheRow(stQuery.pStmt, *pRecord);
-        pRecord->liHighMD5 = liHighMD5;
-        pRecord->liLowMD5 = liLowMD5;
+        ReadCacheRow(query, *pRecord);
         vecOut.push_back(pRecord.get());
         (void)pRecord.release(); // the caller's now
     }

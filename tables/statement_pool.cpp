@@ -1,44 +1,27 @@
 #include "tables/statement_pool.h"
 
-#include <new>
-#include <sqlite3.h>
-
-CStatementPool::CLoan::CLoan(CStatementPool &pool, sqlite3 *pDB, const std::string &strSQL)
-    : m_pool(pool), m_pStatement(pool.Take()), m_iResult(SQLITE_OK) {
-    if (m_pStatement == nullptr) {
-        m_pStatement = std::make_unique<_SQLStmt>(strSQL);
-        m_iResult = m_pStatement->Prepare(pDB);
+StatementHandle CStatementPool::Take() {
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    // Room for everything that is out, so that taking it back needs no memory.
+    m_vecIdle.reserve(m_vecIdle.size() + m_nLent + 1);
+    ++m_nLent;
+    if (m_vecIdle.empty()) {
+        return nullptr;
     }
+    StatementHandle pStatement = std::move(m_vecIdle.back());
+    m_vecIdle.pop_back();
+    return pStatement;
 }
 
-CStatementPool::CLoan::~CLoan() {
-    if (m_iResult == SQLITE_OK) {
-        sqlite3_reset(m_pStatement->pStmt);
-        sqlite3_clear_bindings(m_pStatement->pStmt);
-        m_pool.GiveBack(std::move(m_pStatement));
+void CStatementPool::GiveBack(StatementHandle pStatement) noexcept {
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    --m_nLent;
+    if (pStatement != nullptr) {
+        m_vecIdle.push_back(std::move(pStatement));
     }
 }
 
 void CStatementPool::Clear() {
     const std::lock_guard<std::mutex> guard(m_mutex);
     m_vecIdle.clear();
-}
-
-std::unique_ptr<_SQLStmt> CStatementPool::Take() {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    if (m_vecIdle.empty()) {
-        return nullptr;
-    }
-    std::unique_ptr<_SQLStmt> pStatement = std::move(m_vecIdle.back());
-    m_vecIdle.pop_back();
-    return pStatement;
-}
-
-void CStatementPool::GiveBack(std::unique_ptr<_SQLStmt> pStatement) noexcept {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    try {
-        m_vecIdle.push_back(std::move(pStatement));
-    } catch (const std::bad_alloc &) {
-        // The statement is finalized instead of kept.
-    }
 }

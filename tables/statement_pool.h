@@ -5,40 +5,25 @@
 #ifndef TARN_TABLES_STATEMENT_POOL_H
 #define TARN_TABLES_STATEMENT_POOL_H
 
-#include "tables/xdatatable.h"
+#include "tables/statement.h"
 
-#include <memory>
 #include <mutex>
 #include <vector>
 
+// Any thread. CStatement does the lending.
 class CStatementPool {
   public:
-    // A loan: resets the statement, clears its bindings and gives it back when it ends.
-    class CLoan {
-      public:
-        CLoan(CStatementPool &pool, sqlite3 *pDB, const std::string &strSQL);
-        ~CLoan();
-        CLoan(const CLoan &) = delete;
-        CLoan &operator=(const CLoan &) = delete;
-
-        int Result() const { return m_iResult; } // 0, or the SQLite code of the failed preparation
-        sqlite3_stmt *Handle() const { return m_pStatement->pStmt; }
-
-      private:
-        CStatementPool &m_pool;
-        std::unique_ptr<_SQLStmt> m_pStatement;
-        int m_iResult;
-    };
-
+    // An idle statement, or null: the caller prepares one.
+    StatementHandle Take();
+    // Takes back a statement that is reset and has no bindings; null: what Take led to could not be prepared.
+    void GiveBack(StatementHandle pStatement) noexcept;
     // Finalizes every statement that is not lent out. Call before the connection is closed.
     void Clear();
 
   private:
-    std::unique_ptr<_SQLStmt> Take();
-    void GiveBack(std::unique_ptr<_SQLStmt> pStatement) noexcept;
-
-    std::mutex m_mutex; // guards the list alone; innermost lock
-    std::vector<std::unique_ptr<_SQLStmt>> m_vecIdle;
+    std::mutex m_mutex; // guards the two below; innermost lock
+    std::vector<StatementHandle> m_vecIdle;
+    size_t m_nLent = 0;
 };
 
 #endif

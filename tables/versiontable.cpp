@@ -2,8 +2,6 @@
 
 #include "util/log.h"
 
-#include <sqlite3.h>
-
 namespace {
 
 constexpr char kLogSource[] = "versiontable";
@@ -14,10 +12,7 @@ CVersionTable::CVersionTable(sqlite3 *pDB) : CTableBase(pDB) {
     RegisterSQLs();
 }
 
-CVersionTable::~CVersionTable() {
-    FinalizeStatements();
-    CVersionTable::OnRelease();
-}
+CVersionTable::~CVersionTable() = default;
 
 void CVersionTable::RegisterSQLs() {
     RegisterTexts(
@@ -26,49 +21,39 @@ void CVersionTable::RegisterSQLs() {
 }
 
 uint32_t CVersionTable::InsertRecord(_VersionRecord *pRecord) {
-    sqlite3_stmt *const pStmt = m_stInsert.pStmt;
-    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stInsert, pRecord)) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stInsert.pStmt is null, or pRecord is null.");
         return 1;
     }
-    const CStatementUse use(pStmt);
+    CStatement insertion(m_pDB, m_stInsert);
     // Only the last bind decides: an unbound column is NULL, which the step then refuses.
-    (void)sqlite3_bind_int(pStmt, 1, pRecord->iVersionKey);
-    (void)sqlite3_bind_int(pStmt, 2, pRecord->iVersionNo);
-    return use.RunIfBound(sqlite3_bind_int64(pStmt, 3, pRecord->liCreateTime));
+    insertion.BindUnchecked(1, pRecord->iVersionKey);
+    insertion.BindUnchecked(2, pRecord->iVersionNo);
+    insertion.Bind(3, pRecord->liCreateTime);
+    return insertion.Run();
 }
 
 uint32_t CVersionTable::QueryRecord(_VersionRecord *pRecord) {
-    if (m_pDB == nullptr || m_stQuery.pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stQuery, pRecord)) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stQuery.pStmt is null, or pRecord is null.");
         return 1;
     }
-    _SQLStmt stQuery(m_stQuery.strSQL);
-    int iResult = stQuery.Prepare(m_pDB);
-    if (iResult == SQLITE_OK) {
-        iResult = sqlite3_bind_int(stQuery.pStmt, 1, pRecord->iVersionKey);
+    CStatement query(m_pDB, m_stQuery.strSQL.c_str());
+    query.Bind(1, pRecord->iVersionKey);
+    const uint32_t ulResult = query.FetchRow();
+    if (ulResult == 0) {
+        pRecord->iVersionNo = query.Int(1);
+        pRecord->liCreateTime = query.Int64(2);
     }
-    if (iResult != SQLITE_OK) {
-        return static_cast<uint32_t>(iResult);
-    }
-    iResult = sqlite3_step(stQuery.pStmt);
-    if (iResult != SQLITE_ROW) {
-        return static_cast<uint32_t>(iResult);
-    }
-    pRecord->iVersionNo = sqlite3_column_int(stQuery.pStmt, 1);
-    pRecord->liCreateTime = sqlite3_column_int64(stQuery.pStmt, 2);
-    return 0;
+    return ulResult;
 }
 
 uint32_t CVersionTable::DeleteRecord(_VersionRecord *pRecord) {
-    sqlite3_stmt *const pStmt = m_stDelete.pStmt;
-    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stDelete, pRecord)) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stDelete.pStmt is null, or pRecord is null.");
         return 1;
     }
-    sqlite3_reset(pStmt);
-    const CStatementUse use(pStmt);
-    return use.RunIfBound(sqlite3_bind_int(pStmt, 1, pRecord->iVersionKey));
+    return DeleteByKey(pRecord->iVersionKey);
 }
 
 uint32_t CVersionTable::QueryRecordCounts(int &iCounts) {
@@ -76,5 +61,5 @@ uint32_t CVersionTable::QueryRecordCounts(int &iCounts) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null.");
         return 1;
     }
-    return static_cast<uint32_t>(CountRows(&iCounts));
+    return CountRows(&iCounts);
 }

@@ -15,15 +15,11 @@ class TARN_API CVersionTable : public CTableBase<_VersionRecord> {
     explicit CVersionTable(sqlite3 *pDB = nullptr);
     virtual ~CVersionTable();
 
+    // Sets the name and builds the statement texts; calling it again changes nothing.
     void RegisterSQLs();
-    uint32_t OnCreate() override { return 0; }
-    void OnRelease() override {}
 
-    // Replaces the row with the record's key. 0 or the SQLite code; 1 for a null argument.
     uint32_t InsertRecord(_VersionRecord *pRecord) override;
-    // 0: found and filled. 101 (SQLITE_DONE): no such row. Else another SQLite code; 1 for a null argument.
     uint32_t QueryRecord(_VersionRecord *pRecord) override;
-    // 0 or the SQLite code; 1 for a null argument.
     uint32_t DeleteRecord(_VersionRecord *pRecord) override;
     // 0 or the SQLite code (iCounts untouched); 1 without a connection.
     uint32_t QueryRecordCounts(int &iCounts);

@@ -1,12 +1,12 @@
 #include "tables/vsdesctable.h"
 
 #include "platform/nubbase.h"
-#include "tables/sqlite_support.h"
 #include "util/log.h"
 
 #include <algorithm>
 #include <cstring>
 #include <sqlite3.h>
+#include <string_view>
 
 namespace {
 
@@ -18,69 +18,62 @@ std::string StoredText(const char *pszVirusDesc) {
     return std::string(pszVirusDesc, strnlen(pszVirusDesc, TARN_VIRUS_DESC_SIZE - 1));
 }
 
+// SQLite takes a text in double quotes for a column of the table where there is one of that name. Such a description
+// would be compared with the wrong thing: "VD" meets every row.
+bool IsReadAsColumn(const std::string &strVirusDesc) {
+    constexpr const char *kNames[] = {"VID", "VD", "rowid", "oid", "_rowid_"};
+    return std::any_of(std::begin(kNames), std::end(kNames),
+                       [&](const char *pszName) { return sqlite3_stricmp(pszName, strVirusDesc.c_str()) == 0; });
+}
+
 } // namespace
 
 CVirusTable::CVirusTable(sqlite3 *pDB) : CTableBase(pDB) {
     RegisterSQLs();
 }
 
-CVirusTable::~CVirusTable() {
-    FinalizeStatements();
-    CVirusTable::OnRelease();
-}
+CVirusTable::~CVirusTable() = default;
 
 void CVirusTable::RegisterSQLs() {
     RegisterTexts("VDT", {{"VID", "integer(4)", "primary key"}, {"VD", "varchar(64)", "not null"}});
 }
 
 uint32_t CVirusTable::InsertRecord(_VirusRecord *pRecord) {
-    sqlite3_stmt *const pStmt = m_stInsert.pStmt;
-    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stInsert, pRecord)) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stInsert.pStmt is null, or pRecord is null.");
         return 1;
     }
-    const CStatementUse use(pStmt);
-    const int nBytes = static_cast<int>(strnlen(pRecord->szVirusDesc, sizeof pRecord->szVirusDesc));
-    int iResult = sqlite3_bind_int(pStmt, 1, pRecord->iVirusIndex);
-    iResult |= sqlite3_bind_text(pStmt, 2, pRecord->szVirusDesc, nBytes, nullptr);
-    return use.RunIfBound(iResult);
+    CStatement insertion(m_pDB, m_stInsert);
+    insertion.Bind(1, pRecord->iVirusIndex);
+    insertion.BindText(2, pRecord->szVirusDesc, strnlen(pRecord->szVirusDesc, sizeof pRecord->szVirusDesc));
+    return insertion.Run();
 }
 
 uint32_t CVirusTable::QueryRecord(_VirusRecord *pRecord) {
-    if (m_pDB == nullptr || m_stQuery.pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stQuery, pRecord)) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stQuery.pStmt is null, or pRecord is null.");
         return 1;
     }
-    _SQLStmt stQuery(m_stQuery.strSQL); // the map answers all but the first query of an index
-    int iResult = stQuery.Prepare(m_pDB);
-    if (iResult == SQLITE_OK) {
-        iResult = sqlite3_bind_int(stQuery.pStmt, 1, pRecord->iVirusIndex);
+    CStatement query(m_pDB, m_stQuery.strSQL.c_str()); // fresh: the map answers all but the first query of an index
+    query.Bind(1, pRecord->iVirusIndex);
+    if (const uint32_t ulResult = query.FetchRow(); ulResult != 0) {
+        return ulResult;
     }
-    if (iResult != SQLITE_OK) {
-        return static_cast<uint32_t>(iResult);
-    }
-    iResult = sqlite3_step(stQuery.pStmt);
-    if (iResult != SQLITE_ROW) {
-        return static_cast<uint32_t>(iResult);
-    }
-    const void *pText = sqlite3_column_text(stQuery.pStmt, 1);
-    const size_t nBytes = static_cast<size_t>(sqlite3_column_bytes(stQuery.pStmt, 1));
-    if (pText == nullptr || nBytes == 0) {
+    const std::string_view text = query.Text(1);
+    if (text.empty()) {
         return 1;
     }
     std::memset(pRecord->szVirusDesc, 0, sizeof pRecord->szVirusDesc);
-    std::memcpy(pRecord->szVirusDesc, pText, std::min<size_t>(nBytes, TARN_VIRUS_DESC_SIZE - 1));
+    std::memcpy(pRecord->szVirusDesc, text.data(), std::min<size_t>(text.size(), TARN_VIRUS_DESC_SIZE - 1));
     return 0;
 }
 
 uint32_t CVirusTable::DeleteRecord(_VirusRecord *pRecord) {
-    sqlite3_stmt *const pStmt = m_stDelete.pStmt;
-    if (m_pDB == nullptr || pStmt == nullptr || pRecord == nullptr) {
+    if (!CanRun(m_stDelete, pRecord)) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stDelete.pStmt is null, or pRecord is null.");
         return 1;
     }
-    const CStatementUse use(pStmt);
-    return use.RunIfBound(sqlite3_bind_int(pStmt, 1, pRecord->iVirusIndex));
+    return DeleteByKey(pRecord->iVirusIndex);
 }
 
 uint32_t CVirusTable::QueryRecordCounts(int &iCounts) {
@@ -88,7 +81,7 @@ uint32_t CVirusTable::QueryRecordCounts(int &iCounts) {
         TARN_LOG_ERROR("[%s]m_pDB is null.");
         return 1;
     }
-    return static_cast<uint32_t>(CountRows(&iCounts));
+    return CountRows(&iCounts);
 }
 
 bool CVirusTable::FindInMap(const std::string &strVirusDesc, int *pVirusIndex) {
@@ -151,21 +144,15 @@ uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *
         return SQLITE_ERROR;
     }
     const std::string strVirusDesc = StoredText(pszVirusDesc);
+    const char *const pszQuote = IsReadAsColumn(strVirusDesc) ? "'" : "\"";
     char szSQL[kStatementSize] = {};
-    str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s = \"%s\";", m_vecColumns[0].strColumnName.c_str(),
-                 m_strTableName.c_str(), m_vecColumns[1].strColumnName.c_str(), strVirusDesc.c_str());
-    _SQLStmt stQuery(szSQL);
-    if (const int iResult = stQuery.Prepare(m_pDB); iResult != SQLITE_OK) {
-        return static_cast<uint32_t>(iResult);
-    }
-    int iStep = sqlite3_step(stQuery.pStmt);
-    if (iStep == SQLITE_BUSY) {
-        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
-        sqlite3_reset(stQuery.pStmt);
-        iStep = sqlite3_step(stQuery.pStmt);
-    }
+    str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s = %s%s%s;", ColumnName(0).c_str(),
+                 m_strTableName.c_str(), ColumnName(1).c_str(), pszQuote, strVirusDesc.c_str(), pszQuote);
+    CStatement query(m_pDB, szSQL);
+    (void)query.Step();
+    const int iStep = query.RetryWhileBusy(1);
     if (iStep == SQLITE_ROW) {
-        *pVirusIndex = sqlite3_column_int(stQuery.pStmt, 0);
+        *pVirusIndex = query.Int(0);
     } else if (iStep == SQLITE_DONE) {
         if (const uint32_t ulResult = AddDescription(strVirusDesc, pVirusIndex); ulResult != 0) {
             return ulResult;

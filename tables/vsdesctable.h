@@ -21,15 +21,12 @@ class TARN_API CVirusTable : public CTableBase<_VirusRecord> {
     explicit CVirusTable(sqlite3 *pDB = nullptr);
     virtual ~CVirusTable();
 
+    // Sets the name and builds the statement texts; calling it again changes nothing.
     void RegisterSQLs();
-    uint32_t OnCreate() override { return 0; }
-    void OnRelease() override {}
 
-    // Replaces the description of the record's index. 0 or the SQLite code; 1 for a null argument.
     uint32_t InsertRecord(_VirusRecord *pRecord) override;
-    // 0: found, text filled. 1: the stored text is empty, or a null argument. 101: no such index. Else a SQLite code.
+    // As the interface says, and 1 for a stored text that is empty.
     uint32_t QueryRecord(_VirusRecord *pRecord) override;
-    // 0 or the SQLite code; 1 for a null argument.
     uint32_t DeleteRecord(_VirusRecord *pRecord) override;
     // 0 or the SQLite code (iCounts untouched); 1 without a connection.
     uint32_t QueryRecordCounts(int &iCounts);

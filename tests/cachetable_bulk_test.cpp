@@ -34,13 +34,16 @@ class BulkOperations : public testing::Test {
 TEST_F(BulkOperations, ExcessStartsAtAMillionRowsAndTakesTheOldest) {
     ASSERT_TRUE(AddRows(1, 999999));
     int iDeleted = -1;
-    EXPECT_TRUE(m_table.DeleteExcessRecords(30, &iDeleted) == 0 && iDeleted == -1);
+    EXPECT_EQ(m_table.DeleteExcessRecords(30, &iDeleted), 0U);
+    EXPECT_EQ(iDeleted, -1);
     EXPECT_TRUE(RecordedLog::Contains("[DeleteExcessRecords]db count do not over max storage count."));
     ASSERT_TRUE(AddRows(1000000, 1000000));
-    EXPECT_TRUE(m_table.DeleteExcessRecords(0, &iDeleted) == 0 && iDeleted == 0);
+    EXPECT_EQ(m_table.DeleteExcessRecords(0, &iDeleted), 0U);
+    EXPECT_EQ(iDeleted, 0);
     ASSERT_TRUE(AddRows(1000001, 1000005));
     EXPECT_NE(m_table.DeleteExcessRecords(1 << 30, &iDeleted), 0U); // a limit that does not fit deletes nothing
-    EXPECT_TRUE(m_table.DeleteExcessRecords(2, &iDeleted) == 0 && iDeleted == 20005);
+    EXPECT_EQ(m_table.DeleteExcessRecords(2, &iDeleted), 0U);
+    EXPECT_EQ(iDeleted, 20005);
     EXPECT_EQ(m_db.Text("select count(*)||' '||min(TS) from CT"), "980000 20006");
     EXPECT_EQ(RecordedLog::Texts(4).back(), "[DeleteExcessRecords]execute sql:[DELETE FROM CT WHERE rowid IN "
                                             "(SELECT rowid FROM CT ORDER BY TS LIMIT 20005);].");
@@ -50,9 +53,12 @@ TEST_F(BulkOperations, ExpiryTakesRarelyUsedAndOldRowsBothLimitsIncluded) {
     ASSERT_TRUE(Insert("values(1,0,0,0,0,3,5000000000,0,''),(2,0,0,0,0,4,5000000000,0,''),"
                        "(3,0,0,0,0,3,5000000001,0,''),(4,0,0,0,0,0,-1,0,'')"));
     int iDeleted = -1;
-    EXPECT_TRUE(m_table.DeleteExpireRecords(3, 5000000000, &iDeleted) == 0 && iDeleted == 2 && Keys() == "2,3");
+    EXPECT_EQ(m_table.DeleteExpireRecords(3, 5000000000, &iDeleted), 0U);
+    EXPECT_EQ(iDeleted, 2);
+    EXPECT_EQ(Keys(), "2,3");
     EXPECT_NE(RecordedLog::Texts(4)[0].find("delete from CT where QC<=3 and TS<=5000000000;"), std::string::npos);
-    EXPECT_TRUE(m_table.DeleteExpireRecords(9, INT64_MAX, nullptr) == 0 && Keys() == "");
+    EXPECT_EQ(m_table.DeleteExpireRecords(9, INT64_MAX, nullptr), 0U);
+    EXPECT_EQ(Keys(), "");
 }
 
 TEST_F(BulkOperations, EnginesAreBits32To47WhateverTheOthersAre) {
@@ -79,22 +85,60 @@ TEST_F(BulkOperations, Md5IsBothHalvesForQueryAndDeletion) {
     ASSERT_TRUE(Insert("values(11,-2,3,-4,5,6,7,8,'/abcd'),(12,0,0,5,-4,0,0,0,''),(9,1,0,-4,5,0,0,0,'')"));
     _CacheRecordEx before = {};
     std::vector<_CacheRecordEx *> vecRecords = {&before};
-    EXPECT_EQ(m_table.QueryFilePathHashByMD5(1, 2, vecRecords) + m_table.QueryFilePathHashByMD5(-4, 5, vecRecords), 2);
+    EXPECT_EQ(m_table.QueryFilePathHashByMD5(1, 2, vecRecords), 1); // held by no row
+    EXPECT_EQ(m_table.QueryFilePathHashByMD5(-4, 5, vecRecords), 1);
     ASSERT_EQ(vecRecords.size(), 3U);
+    EXPECT_EQ(vecRecords[0], &before);
     const std::unique_ptr<_CacheRecordEx> pFirst(vecRecords[1]), pSecond(vecRecords[2]);
-    EXPECT_TRUE(vecRecords[0] == &before && pFirst->liFilePathHash == 11 && pSecond->liFilePathHash == 9);
-    EXPECT_TRUE(pFirst->lFileAttrHash == -2 && pFirst->liTreatVirus == 3 && pFirst->liHighMD5 == -4 &&
-                pFirst->liLowMD5 == 5 && pFirst->lQueryCounts == 6 && pFirst->lTimeStamp == 7 &&
-                pFirst->lResultState == 8 && pFirst->szFilePathIndex == std::string("/abcd") && !pFirst->szFilePath[0]);
-    EXPECT_TRUE(m_table.DeleteRecordByMD5(-4, 5) == 1 && m_table.DeleteRecordByMD5(-4, 5) == 1 && Keys() == "12");
+    EXPECT_EQ(pSecond->liFilePathHash, 9);
+    EXPECT_STREQ(pFirst->szFilePath, "");
+    int64_t liCount = -1;
+    EXPECT_EQ(m_table.CountRecordsByMD5(-4, 5, &liCount), 0U);
+    EXPECT_EQ(liCount, 2);
+    EXPECT_EQ(m_table.DeleteRecordByMD5(-4, 5), 1);
+    EXPECT_EQ(m_table.DeleteRecordByMD5(-4, 5), 1);
+    EXPECT_EQ(Keys(), "12");
+    EXPECT_EQ(m_table.InsertRecord(pFirst.get()), 0U); // whole: it can be put back
+    EXPECT_EQ(m_db.Text("select FAH||FTV||FHMD||FLMD||QC||TS||RS||FFI from CT where FPH=11"), "-23-45678/abcd");
+}
+
+TEST_F(BulkOperations, PagesHoldEveryRowOnceInOrderOfItsKey) {
+    ASSERT_TRUE(AddRows(3, 9));
+    ASSERT_TRUE(Insert("select column1,0,0,0,0,0,0,0,'' from (values(-1 << 63),(~(-1 << 63)),('no key'))"));
+    std::vector<_CacheRecord> vecPage;
+    std::string strKeys;
+    int64_t liAfter = INT64_MIN;
+    do {
+        ASSERT_EQ(m_table.QueryRecordsAfter(liAfter, 4, vecPage), 0U);
+        for (const _CacheRecord &record : vecPage) {
+            strKeys += std::to_string(liAfter = record.liFilePathHash) + ",";
+        }
+    } while (vecPage.size() == 4);
+    EXPECT_EQ(strKeys, "-9223372036854775808,3,4,5,6,7,8,9,9223372036854775807,");
 }
 
 TEST_F(BulkOperations, FailedPreparationIsAnsweredByEachInItsOwnWay) {
-    m_table.m_strTableName = "C:T";
+    m_table.m_strTableName = "Lost";
     std::set<int16_t> setIds = {5};
     std::vector<_CacheRecordEx *> vecRecords;
-    EXPECT_EQ(m_table.DeleteExpireRecords(1, 1, nullptr) | m_table.DeleteExcessRecords(1, nullptr), 0U);
-    EXPECT_EQ(m_table.DeleteRecordByMD5(1, 1) + m_table.BatchDeleteRecordsByEngineIds(setIds), 0);
+    EXPECT_EQ(m_table.DeleteExpireRecords(1, 1, nullptr), 0U);
+    EXPECT_EQ(m_table.DeleteExcessRecords(1, nullptr), 0U); // the failed count is silent
+    EXPECT_EQ(m_table.DeleteRecordByMD5(1, 1), 0);
+    EXPECT_EQ(m_table.BatchDeleteRecordsByEngineIds(setIds), 0);
     EXPECT_EQ(m_table.QueryFilePathHashByMD5(1, 1, vecRecords), 0);
-    EXPECT_EQ(RecordedLog::Texts(2).size(), 4U); // the failed count is silent
+    EXPECT_EQ(RecordedLog::Texts(2).size(), 4U);
+    for (const char *pszName : {"DeleteExpireRecords", "DeleteRecordByMD5", "QueryFilePathHashByMD5"}) {
+        EXPECT_TRUE(RecordedLog::Contains(std::string("[") + pszName +
+                                          "]sqlite prepare v2 failed with error code = no such table: Lost"));
+    }
+}
+
+TEST_F(BulkOperations, FailedStepsAreLoggedWithSqlitesOwnMessage) {
+    ASSERT_TRUE(Insert("values(1,0,0,2,3,0,0,0,'')"));
+    ASSERT_TRUE(m_db.Run("create trigger Keep before delete on CT begin select raise(abort, 'kept'); end"));
+    EXPECT_EQ(m_table.DeleteRecordByMD5(2, 3), 0);
+    EXPECT_EQ(m_table.DeleteExpireRecords(1, 1, nullptr), static_cast<uint32_t>(SQLITE_CONSTRAINT));
+    for (const char *pszName : {"DeleteRecordByMD5", "DeleteExpireRecords"}) {
+        EXPECT_TRUE(RecordedLog::Contains(std::string("[") + pszName + "]sqlite step failed with error code = kept"));
+    }
 }

@@ -14,15 +14,25 @@
 namespace {
 
 constexpr uint32_t kNoRow = SQLITE_DONE;
-int g_nBusyTimeouts = 0;
-int g_nReleaseAt = 0; // the blocking transaction ends at this busy time-out; 0: never
+int g_nBusyTimeouts = 0; // how often an operation asked for one
+int g_nBusyAttempts = 0; // how often it found the database busy
+int g_nReleaseAt = 0;    // the blocking transaction ends behind this attempt; 0: never
 const CSecondConnection *g_pBlocker = nullptr;
+
+// SQLite calls it for each attempt that meets a lock; waiting takes no time here.
+int OnBusy(void *, int) {
+    if (++g_nBusyAttempts == g_nReleaseAt) {
+        EXPECT_TRUE(g_pBlocker->Run("rollback"));
+    }
+    return 0;
+}
 
 class Tables : public testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(TableCreateCheckRebuild(&cache) | TableCreateCheckRebuild(&virus) | TableCreateCheckRebuild(&version),
-                  TARN_OK);
+        ASSERT_EQ(TableCreateCheckRebuild(&cache), TARN_OK);
+        ASSERT_EQ(TableCreateCheckRebuild(&virus), TARN_OK);
+        ASSERT_EQ(TableCreateCheckRebuild(&version), TARN_OK);
         RecordedLog::Clear();
     }
     const CTempInstall install;
@@ -34,17 +44,14 @@ class Tables : public testing::Test {
 
 } // namespace
 
-// Waiting takes no time here: what counts is how often an operation asks for it.
 extern "C" __attribute__((visibility("default"))) int sqlite3_busy_timeout(sqlite3 *, int ms) {
     EXPECT_EQ(ms, 1500);
-    if (++g_nBusyTimeouts == g_nReleaseAt) {
-        EXPECT_TRUE(g_pBlocker->Run("rollback"));
-    }
+    ++g_nBusyTimeouts;
     return SQLITE_OK;
 }
 
 TEST_F(Tables, StatementTextsAreTheExpectedOnesAndAcceptedBySqlite) {
-    std::vector<std::string> vecTexts = {cache.m_stSetQueryTime.strSQL};
+    std::vector<std::string> vecTexts = {CCacheTable().m_stSetQueryTime.strSQL}; // built with the table
     for (const CTableSchema *p : std::initializer_list<const CTableSchema *>{&cache, &virus, &version}) {
         vecTexts.insert(vecTexts.end(), {p->m_strCheckSQL, p->m_strCreateSQL, p->m_strDropSQL, p->m_stInsert.strSQL,
                                          p->m_stDelete.strSQL, p->m_stQuery.strSQL});
@@ -100,26 +107,30 @@ TEST_F(Tables, SchemaIsKeptWhenItMatchesAndElseDroppedAndMadeAnew) {
 TEST_F(Tables, BusyDatabaseIsWaitedForAsOftenAsEachOperationSays) {
     const CSecondConnection blocker(install.Database());
     g_pBlocker = &blocker;
+    sqlite3_busy_handler(db.m_pDB, OnBusy, nullptr);
     std::set<int16_t> setIds = {5};
+    std::vector<_CacheRecordEx *> vecRecords;
     int iIndex = 0;
     const struct {
         const char *pszName;
         std::function<int64_t()> run;
-        int nTimeouts;
-        int64_t liBusy, liReleased;
-    } cases[] = {{"schema", [&] { return __implExecDDL(db.m_pDB, "create table X(A);"); }, 1, 1, 0},
-                 {"expire", [&] { return cache.DeleteExpireRecords(1, 1, nullptr); }, 4, SQLITE_BUSY, 0},
-                 {"md5", [&] { return cache.DeleteRecordByMD5(1, 1); }, 1, 0, 1},
-                 {"description", [&] { return virus.GetIndexByVirusDesc("new", &iIndex); }, 1, 0, 1},
-                 {"engines", [&] { return cache.BatchDeleteRecordsByEngineIds(setIds); }, 0, 0, 0},
-                 {"all", [&] { return cache.DeleteAllRecords(); }, 0, 0, 0}};
+        int nTimeouts, nAttempts;
+        int64_t liBusy, liReleased; // answers when every attempt met the lock, and when the last one did not
+    } cases[] = {{"schema", [&] { return __implExecDDL(db.m_pDB, "create table X(A);"); }, 1, 2, 1, 0},
+                 {"expire", [&] { return cache.DeleteExpireRecords(1, 1, nullptr); }, 4, 5, SQLITE_BUSY, 0},
+                 {"md5", [&] { return cache.DeleteRecordByMD5(1, 1); }, 1, 2, 0, 1},
+                 {"md5 query", [&] { return cache.QueryFilePathHashByMD5(1, 1, vecRecords); }, 0, 1, 0, 0},
+                 {"description", [&] { return virus.GetIndexByVirusDesc("new", &iIndex); }, 1, 2, 0, 1},
+                 {"engines", [&] { return cache.BatchDeleteRecordsByEngineIds(setIds); }, 0, 2, 0, 1},
+                 {"all", [&] { return cache.DeleteAllRecords(); }, 0, 1, 0, 0}};
     for (const auto &entry : cases) {
         for (const bool bRelease : {false, true}) {
             ASSERT_TRUE(blocker.Run("begin exclusive")) << entry.pszName;
-            g_nBusyTimeouts = 0;
-            g_nReleaseAt = bRelease ? entry.nTimeouts : 0;
+            g_nBusyTimeouts = g_nBusyAttempts = 0;
+            g_nReleaseAt = bRelease ? entry.nAttempts - 1 : 0; // one attempt alone has none before it
             EXPECT_EQ(entry.run(), bRelease ? entry.liReleased : entry.liBusy) << entry.pszName << bRelease;
             EXPECT_EQ(g_nBusyTimeouts, entry.nTimeouts) << entry.pszName << bRelease;
+            EXPECT_EQ(g_nBusyAttempts, g_nReleaseAt > 0 ? g_nReleaseAt : entry.nAttempts) << entry.pszName << bRelease;
             (void)blocker.Run("rollback"); // fails after a release
         }
     }
@@ -142,13 +153,17 @@ TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
     EXPECT_EQ(cache.InsertRecord(&read), 0U);
     EXPECT_EQ(db.Number("select count(*) from (select distinct FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI from CT)"), 1);
     _CacheRecord replacement = {5, 1, 2, 3, 4, 0, 6, 7, ""};
-    EXPECT_TRUE(cache.InsertRecord(&replacement) == 0 && cache.QueryRecord(&read) == 0 && read.szFilePathIndex[0] == 0);
+    EXPECT_EQ(cache.InsertRecord(&replacement), 0U);
+    EXPECT_EQ(cache.QueryRecord(&read), 0U);
+    EXPECT_STREQ(read.szFilePathIndex, "");
     EXPECT_EQ(db.Text("select FAH||FTV||FHMD||FLMD||QC||TS||RS||typeof(FFI)||length(FFI) from CT where FPH = 5"),
               "1423067blob0");
-    EXPECT_EQ(cache.DeleteRecord(&read) | cache.DeleteRecord(&read), 0U); // an absent key is no failure
+    EXPECT_EQ(cache.DeleteRecord(&read), 0U);
+    EXPECT_EQ(cache.DeleteRecord(&read), 0U); // an absent key is no failure
     ASSERT_TRUE(db.Run("insert into CT values(5,2,3,4,5,6,7,8,'/abcdefghijklmnopqrstuvwxyz')")); // by someone else
     EXPECT_EQ(cache.QueryRecord(&read), 0U);
-    EXPECT_TRUE(read.szFilePathIndex == std::string("/abcd") && read.szFilePath[0] == 0x5A);
+    EXPECT_STREQ(read.szFilePathIndex, "/abcd");
+    EXPECT_EQ(read.szFilePath[0], 0x5A);
 }
 
 TEST_F(Tables, CacheCountsHitsAndRows) {
@@ -157,21 +172,31 @@ TEST_F(Tables, CacheCountsHitsAndRows) {
     cache.AddRecordQueryCount(3, 99); // absent
     EXPECT_EQ(db.Text("select group_concat(FPH||':'||QC||':'||TS) from CT"), "1:6:7,2:7:99");
     int iCount = -1;
-    EXPECT_TRUE(cache.QueryRecordsCount(&iCount) == 0 && cache.ResetAllRecordsQueryCount(3) == 0 && iCount == 2);
+    EXPECT_EQ(cache.QueryRecordsCount(&iCount), 0U);
+    EXPECT_EQ(iCount, 2);
+    EXPECT_EQ(cache.ResetAllRecordsQueryCount(3), 0U);
     EXPECT_EQ(db.Number("select count(*) from CT where QC = 3"), 2);
-    EXPECT_TRUE(cache.DeleteAllRecords() == 1 && db.Number("select count(*) from CT") == 0);
-    ASSERT_TRUE(RecordedLog::Lines().empty() && db.Run("drop table CT"));
-    EXPECT_TRUE(cache.QueryRecordsCount(&iCount) == SQLITE_ERROR && iCount == 2 && cache.DeleteAllRecords() == 0);
+    EXPECT_EQ(cache.DeleteAllRecords(), 1);
+    EXPECT_EQ(db.Number("select count(*) from CT"), 0);
+    EXPECT_TRUE(RecordedLog::Lines().empty());
+    ASSERT_TRUE(db.Run("drop table CT"));
+    EXPECT_EQ(cache.QueryRecordsCount(&iCount), static_cast<uint32_t>(SQLITE_ERROR));
+    EXPECT_EQ(iCount, 2);
+    EXPECT_EQ(cache.DeleteAllRecords(), 0);
 }
 
 TEST_F(Tables, VersionIsReadBackAndReplaced) {
     _VersionRecord record = {0, 77, 78};
-    EXPECT_TRUE(version.QueryRecord(&record) == kNoRow && record.iVersionNo == 77 && record.liCreateTime == 78);
+    const auto fields = [&] { return std::to_string(record.iVersionNo) + " " + std::to_string(record.liCreateTime); };
+    EXPECT_EQ(version.QueryRecord(&record), kNoRow);
+    EXPECT_EQ(fields(), "77 78");
     _VersionRecord first = {0, 1, 2}, second = {0, INT32_MIN, 5000000000};
-    EXPECT_TRUE(version.InsertRecord(&first) == 0 && version.InsertRecord(&second) == 0);
-    EXPECT_TRUE(version.QueryRecord(&record) == 0 && record.iVersionNo == INT32_MIN &&
-                record.liCreateTime == 5000000000);
-    EXPECT_TRUE(version.DeleteRecord(&record) == 0 && version.QueryRecord(&record) == kNoRow);
+    EXPECT_EQ(version.InsertRecord(&first), 0U);
+    EXPECT_EQ(version.InsertRecord(&second), 0U);
+    EXPECT_EQ(version.QueryRecord(&record), 0U);
+    EXPECT_EQ(fields(), "-2147483648 5000000000");
+    EXPECT_EQ(version.DeleteRecord(&record), 0U);
+    EXPECT_EQ(version.QueryRecord(&record), kNoRow);
 }
 
 // A lock that lasts through the creation and ends before a drop could be tried must not cost the rows.
@@ -181,7 +206,8 @@ TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
     const CSecondConnection starting(install.Database());
     g_pBlocker = &blocker;
     ASSERT_TRUE(blocker.Run("begin exclusive"));
-    g_nReleaseAt = (g_nBusyTimeouts = 0) + 2;
+    sqlite3_busy_handler(starting.m_pDB, OnBusy, nullptr);
+    g_nReleaseAt = (g_nBusyAttempts = 0) + 3; // two are the creation's
     CCacheTable table(starting.m_pDB);
     EXPECT_EQ(TableCreateCheckRebuild(&table), TARN_E_FAIL);
     g_nReleaseAt = 0;
@@ -191,7 +217,50 @@ TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
 
 // Without a connection both conventions, 0 for success and 1 for success, answer 1.
 TEST_F(Tables, NoConnectionIsLoggedAndAnsweredWithOne) {
-    EXPECT_TRUE(CCacheTable().InsertRecord(nullptr) == 1 && CCacheTable().DeleteExpireRecords(1, 1, nullptr) == 1 &&
-                CVirusTable().QueryRecord(nullptr) == 1 && CCacheTable().DeleteAllRecords() == 1);
-    EXPECT_TRUE(RecordedLog::Texts(2).size() == 4 && RecordedLog::Contains("[DeleteAllRecords]m_pDB is null."));
+    EXPECT_EQ(CCacheTable().InsertRecord(nullptr), 1U);
+    EXPECT_EQ(CCacheTable().DeleteExpireRecords(1, 1, nullptr), 1U);
+    EXPECT_EQ(CVirusTable().QueryRecord(nullptr), 1U);
+    EXPECT_EQ(CCacheTable().DeleteAllRecords(), 1);
+    EXPECT_EQ(RecordedLog::Texts(2).size(), 4U);
+    EXPECT_TRUE(RecordedLog::Contains("[DeleteAllRecords]m_pDB is null."));
+}
+
+// A statement left behind would keep the connection from closing.
+TEST_F(Tables, AFailedCreationLeavesNoStatement) {
+    const CSecondConnection other(install.Database());
+    CCacheTable table(other.m_pDB);
+    table.m_stDelete.strSQL = "no statement";
+    EXPECT_EQ(table.CreateTable(), static_cast<uint32_t>(SQLITE_ERROR));
+    EXPECT_EQ(sqlite3_next_stmt(other.m_pDB, nullptr), nullptr);
+}
+
+TEST_F(Tables, AnExistingTableServesAConnectionForReading) {
+    ASSERT_TRUE(db.Run("insert into CT values(1,2,0,0,0,6,7,0,''); drop index CT_MD5; drop table VST;"
+                       "drop table VDT; create table VDT(VID text primary key)"));
+    const CSecondConnection reading("file:" + install.Database() + "?mode=ro");
+    CCacheTable table(reading.m_pDB);
+    EXPECT_EQ(table.OpenExisting(), 0U);
+    _CacheRecord record = {1, 0, 0, 0, 0, 0, 0, 0, ""};
+    EXPECT_EQ(table.QueryRecord(&record), 0U);
+    EXPECT_EQ(record.lFileAttrHash, 2);
+    EXPECT_EQ(table.InsertRecord(&record), 1U); // not prepared
+    EXPECT_EQ(CVirusTable(reading.m_pDB).OpenExisting(), 1U) << "another schema";
+    EXPECT_EQ(CVersionTable(reading.m_pDB).OpenExisting(), 1U) << "absent";
+    EXPECT_EQ(db.Text("select group_concat(name) from sqlite_master where name like 'CT%' or name like 'V%'"),
+              "CT,VDT");
+}
+
+TEST_F(Tables, AStatementStaysInertAfterItsFirstFailure) {
+    CStatement unprepared(db.m_pDB, "select X from CT");
+    CStatement unbound(db.m_pDB, "replace into VST values(1,2,?)");
+    unbound.Bind(2, 1);
+    unbound.Bind(1, 1);
+    EXPECT_EQ(unprepared.RetryWhileBusy(4), SQLITE_ERROR);
+    EXPECT_EQ(unbound.Run(), static_cast<uint32_t>(SQLITE_RANGE));
+    EXPECT_EQ(unprepared.FetchRow(), static_cast<uint32_t>(SQLITE_ERROR));
+    EXPECT_STREQ(unprepared.ErrorText(), "no such column: X"); // its own, whatever came later
+    EXPECT_EQ(db.Number("select count(*) from VST"), 0);
+    CStatement done(db.m_pDB, "insert into VST values(1,2,3)");
+    EXPECT_EQ(done.Run(), 0U);
+    EXPECT_EQ(done.Run(), 0U); // not run again, or the key would be taken
 }

@@ -4,8 +4,11 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <vector>
 
 namespace {
+
+using Numbers = std::vector<int>;
 
 // A table that answers with values: -99 and "?" stand for a failure that left the output.
 class CTestTable : public CVirusTable {
@@ -16,6 +19,13 @@ class CTestTable : public CVirusTable {
         const int iResult = GetIndexByVirusDesc(strDesc.c_str(), &iIndex);
         EXPECT_EQ(iResult, iIndex == -99 ? 0 : 1) << strDesc;
         return iIndex;
+    }
+    Numbers Indexes(std::initializer_list<std::string> descs) {
+        Numbers vecIndexes;
+        for (const std::string &strDesc : descs) {
+            vecIndexes.push_back(Index(strDesc));
+        }
+        return vecIndexes;
     }
     std::string Desc(int iIndex, unsigned int nSize = TARN_VIRUS_DESC_SIZE) {
         char szDesc[TARN_VIRUS_DESC_SIZE] = "?";
@@ -36,33 +46,39 @@ class VirusTable : public testing::Test {
 
 TEST_F(VirusTable, NumbersDescriptionsInOrderOfArrivalAndAsksTheDatabaseOnce) {
     ASSERT_TRUE(m_db.Run("insert into VDT values(0,'Win.Test.A')"));
-    EXPECT_TRUE(m_table.Index("win.test.a") == 1 && m_table.Index("a'b; drop table VDT; --") == 2); // case counts
+    EXPECT_EQ(m_table.Indexes({"win.test.a", "a'b; drop table VDT; --"}), (Numbers{1, 2})); // case counts
     EXPECT_EQ(m_table.Desc(0), "Win.Test.A");
     ASSERT_TRUE(m_db.Run("delete from VDT"));
-    EXPECT_TRUE(m_table.Index("Win.Test.A") == 0 && m_table.Desc(2) == "a'b; drop table VDT; --"); // from the map
+    EXPECT_EQ(m_table.Index("Win.Test.A"), 0); // from the map
+    EXPECT_EQ(m_table.Desc(2), "a'b; drop table VDT; --");
     EXPECT_EQ(m_db.Number("select count(*) from VDT"), 0);
 }
 
 TEST_F(VirusTable, ReusesAnIndexAfterADeletion) {
-    EXPECT_TRUE(m_table.Index("A") == 0 && m_table.Index("B") == 1 && m_table.Index("C") == 2);
+    EXPECT_EQ(m_table.Indexes({"A", "B", "C"}), (Numbers{0, 1, 2}));
     _VirusRecord record = {0, ""};
     ASSERT_EQ(m_table.DeleteRecord(&record), 0U);
-    EXPECT_TRUE(m_table.Index("D") == 2 && m_table.Desc(2) == "C"); // the row count; what was known stays known
+    EXPECT_EQ(m_table.Index("D"), 2); // the row count
+    EXPECT_EQ(m_table.Desc(2), "C");  // what was known stays known
     CTestTable later(m_db.m_pDB);
     ASSERT_EQ(later.CreateTable(), 0U);
-    EXPECT_TRUE(later.Desc(2) == "D" && later.Desc(0) == "?");
+    EXPECT_EQ(later.Desc(2), "D");
+    EXPECT_EQ(later.Desc(0), "?");
 }
 
 TEST_F(VirusTable, CutsDescriptionsToTheirField) {
     const std::string str63(63, 'x');
-    EXPECT_TRUE(m_table.Index(str63) == 0 && m_table.Index(str63 + "x") == 0 && m_table.Index(str63 + "yyyyyyy") == 0);
+    EXPECT_EQ(m_table.Indexes({str63, str63 + "x", str63 + "yyyyyyy"}), (Numbers{0, 0, 0}));
     EXPECT_EQ(m_db.Text("select VD from VDT"), str63);
     int iIndex = -1;
     std::map<int, std::string> map;
     EXPECT_EQ(m_table.LoadRecords(&map, (str63 + "z").c_str(), &iIndex), 0U);
-    EXPECT_TRUE(iIndex == 0 && map[0] == str63 && m_db.Number("select count(*) from VDT") == 1);
+    EXPECT_EQ(iIndex, 0);
+    EXPECT_EQ(map[0], str63);
+    EXPECT_EQ(m_db.Number("select count(*) from VDT"), 1);
     ASSERT_TRUE(m_db.Run("insert into VDT values(5,'" + str63 + "xxx')")); // not written by this library
-    EXPECT_TRUE(m_table.Desc(5) == str63 && m_table.Desc(0, 5) == "xxxx");
+    EXPECT_EQ(m_table.Desc(5), str63);
+    EXPECT_EQ(m_table.Desc(0, 5), "xxxx");
     _VirusRecord full; // no NUL within the field
     std::memset(&full, 'y', sizeof full);
     EXPECT_EQ(m_table.InsertRecord(&full), 0U);
@@ -70,14 +86,25 @@ TEST_F(VirusTable, CutsDescriptionsToTheirField) {
 }
 
 TEST_F(VirusTable, KnowsWhatIsNoDescription) {
-    EXPECT_TRUE(m_table.Index("with \"quotes\"") == -99 && m_table.Index("x\" or \"1\"=\"1") == -99 &&
-                m_table.Index("") == -1); // breaks the statement; none
+    EXPECT_EQ(m_table.Indexes({"with \"quotes\"", "x\" or \"1\"=\"1", ""}), (Numbers{-99, -99, -1}));
     EXPECT_EQ(m_db.Number("select count(*) from VDT"), 0);
     char szDesc[8] = "garbage";
     EXPECT_EQ(m_table.GetVirusDescByIndex(-1, szDesc, sizeof szDesc), 1);
     EXPECT_EQ(std::string(szDesc, sizeof szDesc), std::string(sizeof szDesc, '\0')); // all of it
     ASSERT_TRUE(m_db.Run("insert into VDT values(4,'')"));
-    EXPECT_TRUE(m_table.Desc(4) == "?" && m_table.Desc(5) == "?"); // empty, and unknown
+    EXPECT_EQ(m_table.Desc(4), "?"); // empty
+    EXPECT_EQ(m_table.Desc(5), "?"); // unknown
     _VirusRecord empty = {4, "kept"}, unknown = {5, "kept"};
-    EXPECT_TRUE(m_table.QueryRecord(&empty) == 1 && m_table.QueryRecord(&unknown) == 101);
+    EXPECT_EQ(m_table.QueryRecord(&empty), 1U);
+    EXPECT_EQ(m_table.QueryRecord(&unknown), 101U);
+}
+
+// SQLite takes such a text in double quotes for a column, which every row or none would meet.
+TEST_F(VirusTable, NumbersDescriptionsThatAreNamesOfColumns) {
+    const std::initializer_list<std::string> descs = {"First", "VD", "vd", "VID", "rowid", "OID", "_rowid_", "VDT"};
+    EXPECT_EQ(m_table.Indexes(descs), (Numbers{0, 1, 2, 3, 4, 5, 6, 7}));
+    CTestTable later(m_db.m_pDB); // after a restart
+    EXPECT_EQ(later.CreateTable(), 0U);
+    EXPECT_EQ(later.Indexes(descs), (Numbers{0, 1, 2, 3, 4, 5, 6, 7}));
+    EXPECT_EQ(later.Desc(2), "vd");
 }

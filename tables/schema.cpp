@@ -1,7 +1,6 @@
-#include "tables/xdatatable.h"
+#include "tables/schema.h"
 
 #include "platform/nubbase.h"
-#include "tables/sqlite_support.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -39,28 +38,6 @@ bool SchemaMatches(std::string strStored, std::string strExpected) {
 
 } // namespace
 
-int _SQLStmt::Prepare(sqlite3 *pDB) {
-    return pStmt != nullptr ? SQLITE_OK : sqlite3_prepare_v2(pDB, strSQL.c_str(), -1, &pStmt, nullptr);
-}
-
-void _SQLStmt::Finalize() {
-    sqlite3_finalize(pStmt);
-    pStmt = nullptr;
-}
-
-CStatementUse::~CStatementUse() {
-    sqlite3_clear_bindings(m_pStmt);
-    sqlite3_reset(m_pStmt);
-}
-
-uint32_t CStatementUse::RunIfBound(int iBound) const {
-    if (iBound != SQLITE_OK) {
-        return static_cast<uint32_t>(iBound);
-    }
-    const int iStep = sqlite3_step(m_pStmt);
-    return static_cast<uint32_t>(iStep == SQLITE_DONE ? SQLITE_OK : iStep);
-}
-
 int __implExecDDL(sqlite3 *pDB, const std::string &strSQL) {
     if (pDB == nullptr) {
         TARN_LOG_ERROR("[%s]arg pDB is null.");
@@ -83,23 +60,22 @@ int __implExecDDL(sqlite3 *pDB, const std::string &strSQL) {
     return 0;
 }
 
-int __implCheckIntegrity(sqlite3 *pDB, std::string strCheckSQL, std::string strCreateSQL) {
+int __implCheckIntegrity(sqlite3 *pDB, const std::string &strCheckSQL, std::string strCreateSQL) {
     if (pDB == nullptr) {
         TARN_LOG_ERROR("[%s]arg pDB is null.");
         return 1;
     }
-    _SQLStmt stCheck(std::move(strCheckSQL));
-    if (const int iResult = stCheck.Prepare(pDB); iResult != SQLITE_OK) {
+    CStatement check(pDB, strCheckSQL.c_str());
+    if (const int iResult = check.Result(); iResult != SQLITE_OK) {
         TARN_LOG_ERROR("[%s]check table failed with error msg = %s", sqlite3_errstr(iResult));
         return iResult;
     }
-    if (sqlite3_step(stCheck.pStmt) != SQLITE_ROW) {
+    if (check.Step() != SQLITE_ROW) {
         // Always the text of the generic error, whatever the step returned.
         TARN_LOG_ERROR("[%s]step table failed with error msg = %s", sqlite3_errstr(SQLITE_ERROR));
         return 1;
     }
-    const auto *pszStored = reinterpret_cast<const char *>(sqlite3_column_text(stCheck.pStmt, 0));
-    return pszStored != nullptr && SchemaMatches(pszStored, std::move(strCreateSQL)) ? 0 : 1;
+    return SchemaMatches(std::string(check.Text(0)), std::move(strCreateSQL)) ? 0 : 1;
 }
 
 bool IsDatabaseOutOfReach(sqlite3 *pDB) {
@@ -152,17 +128,19 @@ void CTableSchema::FinalizeStatements() {
     }
 }
 
-int CTableSchema::CountRows(int *pCount) const {
+uint32_t CTableSchema::CountRows(int *piCount) const {
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "select count(*) from %s;", m_strTableName.c_str());
-    _SQLStmt stCount(szSQL);
-    if (const int iResult = stCount.Prepare(m_pDB); iResult != SQLITE_OK) {
-        return iResult;
+    int64_t liCount = 0;
+    const uint32_t ulResult = QueryNumber(m_pDB, szSQL, &liCount);
+    if (ulResult == SQLITE_OK) {
+        *piCount = static_cast<int>(liCount);
     }
-    const int iResult = sqlite3_step(stCount.pStmt);
-    if (iResult != SQLITE_ROW) {
-        return iResult;
-    }
-    *pCount = sqlite3_column_int(stCount.pStmt, 0);
-    return SQLITE_OK;
+    return ulResult;
+}
+
+uint32_t CTableSchema::DeleteByKey(int64_t liKey) {
+    CStatement deletion(m_pDB, m_stDelete);
+    deletion.Bind(1, liKey);
+    return deletion.Run();
 }
