@@ -13,6 +13,7 @@
 
 namespace {
 
+using Results = std::vector<int64_t>; // of calls one after the other
 constexpr uint32_t kNoRow = SQLITE_DONE;
 int g_nBusyTimeouts = 0; // how often an operation asked for one
 int g_nBusyAttempts = 0; // how often it found the database busy
@@ -30,9 +31,8 @@ int OnBusy(void *, int) {
 class Tables : public testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(TableCreateCheckRebuild(&cache), TARN_OK);
-        ASSERT_EQ(TableCreateCheckRebuild(&virus), TARN_OK);
-        ASSERT_EQ(TableCreateCheckRebuild(&version), TARN_OK);
+        ASSERT_EQ(TableCreateCheckRebuild(&cache) | TableCreateCheckRebuild(&virus) | TableCreateCheckRebuild(&version),
+                  TARN_OK);
         RecordedLog::Clear();
     }
     const CTempInstall install;
@@ -153,13 +153,11 @@ TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
     EXPECT_EQ(cache.InsertRecord(&read), 0U);
     EXPECT_EQ(db.Number("select count(*) from (select distinct FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI from CT)"), 1);
     _CacheRecord replacement = {5, 1, 2, 3, 4, 0, 6, 7, ""};
-    EXPECT_EQ(cache.InsertRecord(&replacement), 0U);
-    EXPECT_EQ(cache.QueryRecord(&read), 0U);
+    EXPECT_EQ((Results{cache.InsertRecord(&replacement), cache.QueryRecord(&read)}), (Results{0, 0}));
     EXPECT_STREQ(read.szFilePathIndex, "");
     EXPECT_EQ(db.Text("select FAH||FTV||FHMD||FLMD||QC||TS||RS||typeof(FFI)||length(FFI) from CT where FPH = 5"),
               "1423067blob0");
-    EXPECT_EQ(cache.DeleteRecord(&read), 0U);
-    EXPECT_EQ(cache.DeleteRecord(&read), 0U); // an absent key is no failure
+    EXPECT_EQ((Results{cache.DeleteRecord(&read), cache.DeleteRecord(&read)}), (Results{0, 0})); // absent: no failure
     ASSERT_TRUE(db.Run("insert into CT values(5,2,3,4,5,6,7,8,'/abcdefghijklmnopqrstuvwxyz')")); // by someone else
     EXPECT_EQ(cache.QueryRecord(&read), 0U);
     EXPECT_STREQ(read.szFilePathIndex, "/abcd");
@@ -172,31 +170,25 @@ TEST_F(Tables, CacheCountsHitsAndRows) {
     cache.AddRecordQueryCount(3, 99); // absent
     EXPECT_EQ(db.Text("select group_concat(FPH||':'||QC||':'||TS) from CT"), "1:6:7,2:7:99");
     int iCount = -1;
-    EXPECT_EQ(cache.QueryRecordsCount(&iCount), 0U);
-    EXPECT_EQ(iCount, 2);
+    EXPECT_EQ((Results{cache.QueryRecordsCount(&iCount), iCount}), (Results{0, 2}));
     EXPECT_EQ(cache.ResetAllRecordsQueryCount(3), 0U);
     EXPECT_EQ(db.Number("select count(*) from CT where QC = 3"), 2);
     EXPECT_EQ(cache.DeleteAllRecords(), 1);
     EXPECT_EQ(db.Number("select count(*) from CT"), 0);
     EXPECT_TRUE(RecordedLog::Lines().empty());
     ASSERT_TRUE(db.Run("drop table CT"));
-    EXPECT_EQ(cache.QueryRecordsCount(&iCount), static_cast<uint32_t>(SQLITE_ERROR));
-    EXPECT_EQ(iCount, 2);
+    EXPECT_EQ((Results{cache.QueryRecordsCount(&iCount), iCount}), (Results{SQLITE_ERROR, 2}));
     EXPECT_EQ(cache.DeleteAllRecords(), 0);
 }
 
 TEST_F(Tables, VersionIsReadBackAndReplaced) {
     _VersionRecord record = {0, 77, 78};
-    const auto fields = [&] { return std::to_string(record.iVersionNo) + " " + std::to_string(record.liCreateTime); };
-    EXPECT_EQ(version.QueryRecord(&record), kNoRow);
-    EXPECT_EQ(fields(), "77 78");
+    const auto query = [&] { return Results{version.QueryRecord(&record), record.iVersionNo, record.liCreateTime}; };
+    EXPECT_EQ(query(), (Results{kNoRow, 77, 78}));
     _VersionRecord first = {0, 1, 2}, second = {0, INT32_MIN, 5000000000};
-    EXPECT_EQ(version.InsertRecord(&first), 0U);
-    EXPECT_EQ(version.InsertRecord(&second), 0U);
-    EXPECT_EQ(version.QueryRecord(&record), 0U);
-    EXPECT_EQ(fields(), "-2147483648 5000000000");
-    EXPECT_EQ(version.DeleteRecord(&record), 0U);
-    EXPECT_EQ(version.QueryRecord(&record), kNoRow);
+    EXPECT_EQ((Results{version.InsertRecord(&first), version.InsertRecord(&second)}), (Results{0, 0}));
+    EXPECT_EQ(query(), (Results{0, INT32_MIN, 5000000000}));
+    EXPECT_EQ((Results{version.DeleteRecord(&record), version.QueryRecord(&record)}), (Results{0, kNoRow}));
 }
 
 // A lock that lasts through the creation and ends before a drop could be tried must not cost the rows.
@@ -217,10 +209,9 @@ TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
 
 // Without a connection both conventions, 0 for success and 1 for success, answer 1.
 TEST_F(Tables, NoConnectionIsLoggedAndAnsweredWithOne) {
-    EXPECT_EQ(CCacheTable().InsertRecord(nullptr), 1U);
-    EXPECT_EQ(CCacheTable().DeleteExpireRecords(1, 1, nullptr), 1U);
-    EXPECT_EQ(CVirusTable().QueryRecord(nullptr), 1U);
-    EXPECT_EQ(CCacheTable().DeleteAllRecords(), 1);
+    EXPECT_EQ((Results{CCacheTable().InsertRecord(nullptr), CCacheTable().DeleteExpireRecords(1, 1, nullptr),
+                       CVirusTable().QueryRecord(nullptr), CCacheTable().DeleteAllRecords()}),
+              (Results{1, 1, 1, 1}));
     EXPECT_EQ(RecordedLog::Texts(2).size(), 4U);
     EXPECT_TRUE(RecordedLog::Contains("[DeleteAllRecords]m_pDB is null."));
 }
@@ -239,13 +230,11 @@ TEST_F(Tables, AnExistingTableServesAConnectionForReading) {
                        "drop table VDT; create table VDT(VID text primary key)"));
     const CSecondConnection reading("file:" + install.Database() + "?mode=ro");
     CCacheTable table(reading.m_pDB);
-    EXPECT_EQ(table.OpenExisting(), 0U);
     _CacheRecord record = {1, 0, 0, 0, 0, 0, 0, 0, ""};
-    EXPECT_EQ(table.QueryRecord(&record), 0U);
-    EXPECT_EQ(record.lFileAttrHash, 2);
-    EXPECT_EQ(table.InsertRecord(&record), 1U); // not prepared
-    EXPECT_EQ(CVirusTable(reading.m_pDB).OpenExisting(), 1U) << "another schema";
-    EXPECT_EQ(CVersionTable(reading.m_pDB).OpenExisting(), 1U) << "absent";
+    EXPECT_EQ((Results{table.OpenExisting(), table.QueryRecord(&record), record.lFileAttrHash}), (Results{0, 0, 2}));
+    EXPECT_EQ((Results{table.InsertRecord(&record), CVirusTable(reading.m_pDB).OpenExisting(),
+                       CVersionTable(reading.m_pDB).OpenExisting()}),
+              (Results{1, 1, 1})); // not prepared, another schema, absent
     EXPECT_EQ(db.Text("select group_concat(name) from sqlite_master where name like 'CT%' or name like 'V%'"),
               "CT,VDT");
 }
@@ -255,12 +244,10 @@ TEST_F(Tables, AStatementStaysInertAfterItsFirstFailure) {
     CStatement unbound(db.m_pDB, "replace into VST values(1,2,?)");
     unbound.Bind(2, 1);
     unbound.Bind(1, 1);
-    EXPECT_EQ(unprepared.RetryWhileBusy(4), SQLITE_ERROR);
+    EXPECT_EQ((Results{unprepared.RetryWhileBusy(4), unprepared.FetchRow()}), (Results{SQLITE_ERROR, SQLITE_ERROR}));
     EXPECT_EQ(unbound.Run(), static_cast<uint32_t>(SQLITE_RANGE));
-    EXPECT_EQ(unprepared.FetchRow(), static_cast<uint32_t>(SQLITE_ERROR));
     EXPECT_STREQ(unprepared.ErrorText(), "no such column: X"); // its own, whatever came later
     EXPECT_EQ(db.Number("select count(*) from VST"), 0);
     CStatement done(db.m_pDB, "insert into VST values(1,2,3)");
-    EXPECT_EQ(done.Run(), 0U);
-    EXPECT_EQ(done.Run(), 0U); // not run again, or the key would be taken
+    EXPECT_EQ((Results{done.Run(), done.Run()}), (Results{0, 0})); // not run again: the key would be taken
 }
