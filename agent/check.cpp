@@ -31,7 +31,7 @@ class CFindings {
 // Questions whose every row is a finding. SQLite's own check says "ok" when it has none.
 struct _Question {
     const char *pszSQL;
-    const char *pszFinding; // "%s" in front of the row's text
+    const char *pszFinding; // in front of the row's text
 };
 
 constexpr _Question kQuestions[] = {
@@ -47,19 +47,13 @@ constexpr _Question kQuestions[] = {
 
 // False when the question cannot be asked to its end.
 bool Ask(sqlite3 *pDB, const _Question &question, CFindings &findings) {
-    _SQLStmt stQuestion(question.pszSQL);
-    if (stQuestion.Prepare(pDB) != SQLITE_OK) {
-        return false;
-    }
-    int iStep = sqlite3_step(stQuestion.pStmt);
-    for (; iStep == SQLITE_ROW; iStep = sqlite3_step(stQuestion.pStmt)) {
-        const auto *pszText = reinterpret_cast<const char *>(sqlite3_column_text(stQuestion.pStmt, 0));
-        const std::string strText = pszText != nullptr ? pszText : "";
-        if (strText != "ok") {
+    CStatement answer(pDB, question.pszSQL);
+    while (answer.Step() == SQLITE_ROW) {
+        if (const std::string strText(answer.Text(0)); strText != "ok") {
             findings.Report(question.pszFinding + strText);
         }
     }
-    return iStep == SQLITE_DONE;
+    return answer.Result() == SQLITE_DONE;
 }
 
 } // namespace

@@ -86,25 +86,14 @@ int64_t CConnection::CheckDBIntegrity() {
         TARN_LOG_ERROR("[%s]db is null.");
         return 1;
     }
-    const CConnectionGuard connectionGuard(m_pDB);
-    _SQLStmt stCheck("pragma quick_check;");
-    if (stCheck.Prepare(m_pDB) != SQLITE_OK) {
-        TARN_LOG_ERROR("[%s][cache] sqlite3_prepare_v2 failed with error code = %d", sqlite3_errcode(m_pDB));
+    CStatement check(m_pDB, "pragma quick_check;");
+    if (check.Result() != SQLITE_OK) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_prepare_v2 failed with error code = %d", check.Result());
         return 0;
     }
-    int iStep = sqlite3_step(stCheck.pStmt);
-    if (iStep != SQLITE_ROW && iStep != SQLITE_BUSY) {
-        TARN_LOG_ERROR("[%s][cache] sqlite3_step failed with error msg = %s", sqlite3_errmsg(m_pDB));
+    if (const int iStep = check.Step(); iStep != SQLITE_ROW && iStep != SQLITE_BUSY) {
+        TARN_LOG_ERROR("[%s][cache] sqlite3_step failed with error msg = %s", check.ErrorText());
         return 0;
     }
-    for (int nRetry = 0; iStep == SQLITE_BUSY && nRetry < kProbeRetries; ++nRetry) {
-        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
-        sqlite3_reset(stCheck.pStmt);
-        iStep = sqlite3_step(stCheck.pStmt);
-    }
-    if (iStep != SQLITE_ROW) {
-        return 0;
-    }
-    const auto *pszAnswer = reinterpret_cast<const char *>(sqlite3_column_text(stCheck.pStmt, 0));
-    return pszAnswer != nullptr && std::strcmp(pszAnswer, "ok") == 0 ? 1 : 0;
+    return check.RetryWhileBusy(kProbeRetries) == SQLITE_ROW && check.Text(0) == "ok" ? 1 : 0;
 }

@@ -101,24 +101,16 @@ uint32_t CConnection::CloseDB() {
     return TARN_OK;
 }
 
-bool CConnection::QueryNumber(const char *pszSQL, uint64_t &ullNumber) const {
-    _SQLStmt stQuery(pszSQL);
-    if (stQuery.Prepare(m_pDB) != SQLITE_OK || sqlite3_step(stQuery.pStmt) != SQLITE_ROW) {
-        return false;
-    }
-    ullNumber = static_cast<uint64_t>(sqlite3_column_int64(stQuery.pStmt, 0));
-    return true;
-}
-
 bool CConnection::MeasureFile(uint64_t &ullFileBytes, uint64_t &ullFreeBytes) const {
-    uint64_t ullPageSize = 0;
-    uint64_t ullPages = 0;
-    uint64_t ullFreePages = 0;
-    if (!QueryNumber("pragma page_size;", ullPageSize) || !QueryNumber("pragma page_count;", ullPages) ||
-        !QueryNumber("pragma freelist_count;", ullFreePages)) {
+    int64_t liPageSize = 0;
+    int64_t liPages = 0;
+    int64_t liFreePages = 0;
+    if (QueryNumber(m_pDB, "pragma page_size;", &liPageSize) != SQLITE_OK ||
+        QueryNumber(m_pDB, "pragma page_count;", &liPages) != SQLITE_OK ||
+        QueryNumber(m_pDB, "pragma freelist_count;", &liFreePages) != SQLITE_OK) {
         return false;
     }
-    ullFileBytes = ullPages * ullPageSize;
-    ullFreeBytes = ullFreePages * ullPageSize;
+    ullFileBytes = static_cast<uint64_t>(liPages * liPageSize);
+    ullFreeBytes = static_cast<uint64_t>(liFreePages * liPageSize);
     return true;
 }

@@ -6,7 +6,7 @@
 #define TARN_AGENT_CONNECTION_H
 
 #include "interface/tarncache.h"
-#include "tables/xdatatable.h"
+#include "tables/statement.h"
 #include "util/locks.h"
 
 #include <string>
@@ -58,8 +58,7 @@ class TARN_API CConnection {
 
   private:
     uint32_t PrepareEndStatements();
-    uint32_t StepTransaction(sqlite3_stmt *pStmt);
-    bool QueryNumber(const char *pszSQL, uint64_t &ullNumber) const;
+    uint32_t StepTransaction(_SQLStmt &stStep);
 
     sqlite3 *m_pDB = nullptr; // set at start-up, cleared at shut-down
     _SQLStmt m_stBegin;       // the begin statement last used

@@ -26,16 +26,10 @@ const char *BeginText(TransactionType type) {
 
 } // namespace
 
-uint32_t CConnection::StepTransaction(sqlite3_stmt *pStmt) {
-    sqlite3_reset(pStmt);
-    int iStep = sqlite3_step(pStmt);
-    if (iStep == SQLITE_BUSY) {
-        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
-        sqlite3_reset(pStmt);
-        iStep = sqlite3_step(pStmt);
-    }
-    sqlite3_reset(pStmt); // one left active by a busy database would keep the vacuum away
-    return iStep == SQLITE_DONE ? TARN_OK : TARN_E_FAIL;
+uint32_t CConnection::StepTransaction(_SQLStmt &stStep) {
+    CStatement step(m_pDB, stStep); // reset at its end: one left active by a busy database would keep the vacuum away
+    (void)step.Step();
+    return step.RetryWhileBusy(1) == SQLITE_DONE ? TARN_OK : TARN_E_FAIL;
 }
 
 uint32_t CConnection::BeginTransactoion(TransactionType type) {
@@ -56,7 +50,7 @@ uint32_t CConnection::BeginTransactoion(TransactionType type) {
                        static_cast<unsigned int>(iResult));
         return TARN_E_FAIL;
     }
-    return StepTransaction(m_stBegin.pStmt);
+    return StepTransaction(m_stBegin);
 }
 
 uint32_t CConnection::CommitTransaction() {
@@ -64,7 +58,7 @@ uint32_t CConnection::CommitTransaction() {
         TARN_LOG_ERROR("[%s][cache] db or commit transmit is null.");
         return TARN_E_FAIL;
     }
-    return StepTransaction(m_stCommit.pStmt);
+    return StepTransaction(m_stCommit);
 }
 
 uint32_t CConnection::RollbackTransaction() {
@@ -73,7 +67,7 @@ uint32_t CConnection::RollbackTransaction() {
         TARN_LOG_ERROR("[%s][cache] db or commit transmit is null.");
         return TARN_E_FAIL;
     }
-    return StepTransaction(m_stRollback.pStmt);
+    return StepTransaction(m_stRollback);
 }
 
 bool CConnection::IsInTransaction() const {
