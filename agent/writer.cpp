@@ -2,7 +2,7 @@
 // writing.
 #include "agent/dbagent.h"
 
-#include "platform/call_guard.h"
+#include "support/call_guard.h"
 #include "util/log.h"
 
 #include <exception>

@@ -2,3 +2,4 @@
 find_package(Threads REQUIRED)
 find_package(SQLite3 3.8.6 REQUIRED)
 find_package(PkgConfig REQUIRED)
+pkg_check_modules(NETTLE REQUIRED IMPORTED_TARGET nettle)

@@ -4,7 +4,7 @@
 #define TARN_INTERFACE_ENTRY_H
 
 #include "agent/dbagent.h"
-#include "platform/call_guard.h"
+#include "support/call_guard.h"
 
 #include <new>
 

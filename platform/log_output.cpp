@@ -1,7 +1,7 @@
 #include "platform/log_output.h"
 
-#include "platform/file_descriptor.h"
 #include "platform/log_text.h"
+#include "support/descriptor.h"
 
 #include <cerrno>
 #include <exception>
@@ -23,7 +23,7 @@ constexpr int kLevelError = 2;
 // create missing folders, follow a link and wait for a fifo; a scanner that runs as root wants none of these. Nor does
 // it want the sink to empty a file that it could not rename (bEmpty: it was to be out of the way).
 void CreatePrivately(const std::string &strPath, bool bEmpty) {
-    const CFileDescriptor file(
+    const CDescriptor file(
         open(strPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
     struct stat status = {};
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {

@@ -47,7 +47,8 @@ int ini_file_set(void *ini, const char *section, const char *key, const char *va
 
 /* Replaces the file atomically (new file in the same folder, flushed to disk, renamed), keeping mode and owner; a
  * symbolic link is followed and stays. Comments, order, other keys and sections are kept. A new file has mode 0600.
- * flags is reserved (0). Returns 0, or -1 with errno set and the old file in place. */
+ * flags is reserved (0). Returns 0, or -1 with errno set and the old file in place (the new one when only flushing the
+ * folder failed). */
 int ini_file_save(void *ini, const char *path, int flags);
 
 /* Frees a handle; NULL is allowed. */

@@ -1,17 +1,14 @@
 #include "platform/nubbase.h"
 
-#include "platform/call_guard.h"
-#include "platform/file_descriptor.h"
 #include "platform/nubbase_ini_text.h"
-#include "platform/nubbase_replace.h"
+#include "support/call_guard.h"
+#include "support/whole_file.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
-#include <sys/stat.h>
 
 // Without these two Debian's header expects its own library, and with that ICU.
 #define SI_NO_CONVERSION
@@ -22,33 +19,7 @@ namespace {
 
 constexpr size_t kMaxFileSize = size_t{4} << 20U; // bytes; far above any configuration, far below a mistaken path
 constexpr int kMaxPasses = 4;                     // two are usual
-
-// Returns 0 or an errno value.
-int ReadWholeFile(const char *path, std::string &strText) {
-    // Non-blocking, so that a fifo in the file's place cannot hold the caller.
-    const CFileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    struct stat status = {};
-    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-    }
-    char szBlock[4096];
-    for (;;) {
-        const ssize_t nRead = read(file.Get(), szBlock, sizeof(szBlock));
-        if (nRead == 0) {
-            return 0;
-        }
-        if (nRead < 0 && errno != EINTR) {
-            return errno;
-        }
-        strText.append(szBlock, nRead > 0 ? static_cast<size_t>(nRead) : 0);
-        if (strText.size() > kMaxFileSize) {
-            return EFBIG;
-        }
-    }
-}
+constexpr mode_t kNewFileMode = 0600;
 
 bool IsOneLine(std::string_view text) {
     return text.find_first_of("\r\n") == std::string_view::npos;
@@ -95,7 +66,7 @@ class CIniFile {
     [[nodiscard]] bool Serialise(std::string &strText) const {
         bool bGood = WriteOnce(strText);
         std::string strBefore;
-        for (int nPass = 0; bGood && nPass < kMaxPasses && strText != strBefore; ++nPass) {
+        for (int iPass = 0; bGood && iPass < kMaxPasses && strText != strBefore; ++iPass) {
             strBefore.swap(strText);
             CIniFile again;
             bGood = again.Parse(strBefore) && again.WriteOnce(strText);
@@ -120,8 +91,8 @@ class CIniFile {
     std::string m_strTail; // comments after the last entry, which the parser would drop
 };
 
-int Fail(int nError) {
-    errno = nError;
+int Fail(int iError) {
+    errno = iError;
     return -1;
 }
 
@@ -135,9 +106,9 @@ void *ini_file_load(const char *path) {
     const CCancelGuard noCancel;
     try {
         std::string strText;
-        const int nError = ReadWholeFile(path, strText);
-        if (nError != 0) {
-            errno = nError;
+        const int iError = LoadWholeFile(path, ELastLink::Follow, kMaxFileSize, strText);
+        if (iError != 0) {
+            errno = iError;
             return nullptr;
         }
         auto file = std::make_unique<CIniFile>();
@@ -184,8 +155,8 @@ int ini_file_save(void *ini, const char *path, int /*flags*/) {
         if (!static_cast<const CIniFile *>(ini)->Serialise(strText)) {
             return Fail(ENOMEM);
         }
-        const int nError = ReplaceFile(path, strText);
-        return nError == 0 ? 0 : Fail(nError);
+        const int iError = SaveWholeFile(path, strText, kNewFileMode, EExisting::Replace);
+        return iError == 0 ? 0 : Fail(iError);
     } catch (...) {
         return Fail(ENOMEM);
     }

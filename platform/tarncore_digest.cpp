@@ -1,10 +1,11 @@
 #include "platform/tarncore.h"
 
+#include "support/hex.h"
+
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <nettle/arcfour.h>
-#include <nettle/base16.h>
 #include <zlib.h>
 
 namespace {
@@ -37,10 +38,6 @@ class CCipherContext {
     arcfour_ctx m_context{};
 };
 
-bool IsHexDigit(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
 } // namespace
 
 uint32_t Crc32(uint32_t seed, const unsigned char *data, uint64_t length) {
@@ -51,17 +48,11 @@ int MD5_StrResultConvert(const char *hex32, void *out16) {
     if (out16 == nullptr) {
         return 0;
     }
-    uint8_t bytes[BASE16_DECODE_LENGTH(kMd5Digits)] = {};
-    // The decoder skips white space, so the digits are counted first.
-    const bool bDigits = hex32 != nullptr && strnlen(hex32, kMd5Digits + 1) == kMd5Digits &&
-                         std::all_of(hex32, hex32 + kMd5Digits, IsHexDigit);
-    if (bDigits) {
-        base16_decode_ctx context;
-        base16_decode_init(&context);
-        size_t nDecoded = 0;
-        (void)base16_decode_update(&context, &nDecoded, bytes, kMd5Digits, hex32);
+    const bool bDigits =
+        hex32 != nullptr && strnlen(hex32, kMd5Digits + 1) == kMd5Digits && DecodeHex({hex32, kMd5Digits}, out16);
+    if (!bDigits) {
+        memset(out16, 0, kMd5Bytes);
     }
-    memcpy(out16, bytes, kMd5Bytes);
     return bDigits ? 1 : 0;
 }
 
@@ -69,7 +60,7 @@ int MD5_BinResultConvert(const void *bin16, char *hex33) {
     if (bin16 == nullptr || hex33 == nullptr) {
         return 0;
     }
-    base16_encode_update(hex33, kMd5Bytes, static_cast<const uint8_t *>(bin16));
+    EncodeHex({static_cast<const char *>(bin16), kMd5Bytes}, hex33);
     hex33[kMd5Digits] = '\0';
     return 1;
 }

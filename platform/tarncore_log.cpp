@@ -1,9 +1,9 @@
 #include "platform/tarncore.h"
 
-#include "platform/call_guard.h"
 #include "platform/log_output.h"
 #include "platform/log_text.h"
 #include "platform/nubbase.h"
+#include "support/call_guard.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,14 +1,14 @@
 #include "platform/tarncore.h"
 
-#include "platform/call_guard.h"
 #include "platform/nubbase.h"
+#include "support/call_guard.h"
+#include "support/hex.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
-#include <nettle/base16.h>
 #include <string_view>
 #include <strings.h>
 #include <sys/stat.h>
@@ -36,18 +36,15 @@ class CSecretBytes {
 };
 
 // Returns the bytes copied, or -1 when text is not hexadecimal.
-int DecodeHex(std::string_view text, unsigned char *out, int outLen) {
+int CopyDecoded(std::string_view text, unsigned char *out, int outLen) {
     if (text.empty()) {
         return -1;
     }
-    CSecretBytes bytes(BASE16_DECODE_LENGTH(text.size()));
-    base16_decode_ctx context;
-    base16_decode_init(&context);
-    size_t nDecoded = 0;
-    if (base16_decode_update(&context, &nDecoded, bytes.Data(), text.size(), text.data()) == 0 ||
-        base16_decode_final(&context) == 0) {
+    CSecretBytes bytes(text.size() / 2);
+    if (!DecodeHex(text, bytes.Data())) {
         return -1;
     }
+    const size_t nDecoded = text.size() / 2;
     const int nCopied = static_cast<int>(std::min(nDecoded, static_cast<size_t>(outLen)));
     memcpy(out, bytes.Data(), static_cast<size_t>(nCopied));
     return nCopied;
@@ -88,7 +85,7 @@ int ReadValue(const char *section, const char *name, unsigned char *out, int out
                      szPath);
         return -1;
     }
-    const int nCopied = DecodeHex(pValue, out, outLen);
+    const int nCopied = CopyDecoded(pValue, out, outLen);
     if (nCopied < 0) {
         error_output(kLevelError, kSource, __LINE__, "[%s]value %s in section %s of %s is not hexadecimal", kFunction,
                      name, section, szPath);

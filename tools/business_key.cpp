@@ -1,5 +1,6 @@
 #include "tools/business_key.h"
 
+#include "support/hex.h"
 #include "tools/atomic_file.h"
 #include "tools/text.h"
 

@@ -2,7 +2,7 @@
 #ifndef TARN_TOOLS_FILE_LOCK_H
 #define TARN_TOOLS_FILE_LOCK_H
 
-#include "tools/descriptor.h"
+#include "support/descriptor.h"
 
 #include <atomic>
 #include <functional>

@@ -2,7 +2,7 @@
 #ifndef TARN_TOOLS_JOB_QUEUE_H
 #define TARN_TOOLS_JOB_QUEUE_H
 
-#include "tools/descriptor.h"
+#include "support/descriptor.h"
 
 #include <condition_variable>
 #include <cstddef>

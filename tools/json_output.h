@@ -2,6 +2,7 @@
 #ifndef TARN_TOOLS_JSON_OUTPUT_H
 #define TARN_TOOLS_JSON_OUTPUT_H
 
+#include "support/hex.h"
 #include "tools/text.h"
 
 #include <nlohmann/json.hpp>

@@ -2,7 +2,7 @@
 #ifndef TARN_TOOLS_PATH_LINES_H
 #define TARN_TOOLS_PATH_LINES_H
 
-#include "tools/descriptor.h"
+#include "support/descriptor.h"
 
 #include <atomic>
 #include <string>

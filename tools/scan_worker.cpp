@@ -1,5 +1,6 @@
 #include "tools/scan_worker.h"
 
+#include "support/hex.h"
 #include "tools/path_argument.h"
 #include "tools/text.h"
 
@@ -83,7 +84,7 @@ bool CScanWorker::AskCache(_FileReport &file) const {
 }
 
 void CScanWorker::ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file) {
-    CDescriptor descriptor = OpenQuietly(job.FolderFd(), job.strName.c_str(), 0);
+    CDescriptor descriptor = OpenForReading(job.FolderFd(), job.strName.c_str(), ELastLink::Refuse);
     struct stat opened {};
     if (!descriptor.IsOpen() || fstat(descriptor.Get(), &opened) != 0) {
         file.verdict.eVerdict = EVerdict::Error;

@@ -2,8 +2,8 @@
 #ifndef TARN_TOOLS_SCAN_WORKER_H
 #define TARN_TOOLS_SCAN_WORKER_H
 
+#include "support/descriptor.h"
 #include "tools/cache_session.h"
-#include "tools/descriptor.h"
 #include "tools/job_queue.h"
 #include "tools/own_files.h"
 #include "tools/report.h"

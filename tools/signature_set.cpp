@@ -1,6 +1,7 @@
 #include "tools/signature_set.h"
 
-#include "tools/descriptor.h"
+#include "support/descriptor.h"
+#include "support/hex.h"
 #include "tools/install_root.h"
 #include "tools/path_argument.h"
 #include "tools/text.h"

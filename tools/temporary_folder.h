@@ -2,7 +2,7 @@
 #ifndef TARN_TOOLS_TEMPORARY_FOLDER_H
 #define TARN_TOOLS_TEMPORARY_FOLDER_H
 
-#include "tools/descriptor.h"
+#include "support/descriptor.h"
 
 #include <cstdint>
 #include <string>

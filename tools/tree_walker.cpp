@@ -133,7 +133,7 @@ bool CTreeWalker::WalkTree(_PendingFolder root) {
 bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_PendingFolder> &stack) {
     const int parentFd = pending.pParent == nullptr ? AT_FDCWD : pending.pParent->descriptor.Get();
     auto pFolder = std::make_shared<_OpenFolder>();
-    pFolder->descriptor = OpenQuietly(parentFd, pending.strName.c_str(), O_DIRECTORY);
+    pFolder->descriptor = OpenForReading(parentFd, pending.strName.c_str(), ELastLink::Refuse, O_DIRECTORY);
     pFolder->strPath = pending.strPath;
     struct stat status {};
     if (!pFolder->descriptor.IsOpen() || fstat(pFolder->descriptor.Get(), &status) != 0) {

@@ -1,6 +1,6 @@
-// call_guard.h - what a service call that touches files owes to the thread it runs on.
-#ifndef TARN_PLATFORM_CALL_GUARD_H
-#define TARN_PLATFORM_CALL_GUARD_H
+// call_guard.h - what a call that touches files owes to the thread it runs on.
+#ifndef TARN_SUPPORT_CALL_GUARD_H
+#define TARN_SUPPORT_CALL_GUARD_H
 
 #include <csignal>
 #include <ctime>
@@ -11,13 +11,13 @@
 // the first catch-all on its way.
 class CCancelGuard {
   public:
-    CCancelGuard() noexcept { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_nPrevious); }
-    ~CCancelGuard() { (void)pthread_setcancelstate(m_nPrevious, nullptr); }
+    CCancelGuard() noexcept { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_iPrevious); }
+    ~CCancelGuard() { (void)pthread_setcancelstate(m_iPrevious, nullptr); }
     CCancelGuard(const CCancelGuard &) = delete;
     CCancelGuard &operator=(const CCancelGuard &) = delete;
 
   private:
-    int m_nPrevious = PTHREAD_CANCEL_ENABLE;
+    int m_iPrevious = PTHREAD_CANCEL_ENABLE;
 };
 
 // Turns the signals of a refused write, SIGPIPE (no reader) and SIGXFSZ (file-size limit), into plain errors for this
@@ -32,10 +32,10 @@ class CWriteSignalGuard {
         sigset_t pending;
         sigemptyset(&pending);
         (void)sigpending(&pending);
-        for (const int nSignal : {SIGPIPE, SIGXFSZ}) {
-            sigaddset(&writeSignals, nSignal);
-            if (sigismember(&pending, nSignal) == 0) {
-                sigaddset(&m_toConsume, nSignal);
+        for (const int iSignal : {SIGPIPE, SIGXFSZ}) {
+            sigaddset(&writeSignals, iSignal);
+            if (sigismember(&pending, iSignal) == 0) {
+                sigaddset(&m_toConsume, iSignal);
             }
         }
         (void)pthread_sigmask(SIG_BLOCK, &writeSignals, &m_previousMask);
