@@ -2,7 +2,7 @@
 // writing.
 #include "agent/dbagent.h"
 
-#include "agent/update_paths.h"
+#include "formats/installation.h"
 #include "interface/tarncache.h"
 #include "platform/nubbase.h"
 #include "util/log.h"

@@ -3,7 +3,7 @@
 #include "agent/dbagent.h"
 
 #include "agent/update_list.h"
-#include "agent/update_paths.h"
+#include "formats/installation.h"
 #include "interface/tarncache.h"
 #include "platform/nubbase.h"
 #include "util/log.h"
@@ -18,8 +18,7 @@
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
-constexpr size_t kBatchSize = 1000;          // deletions in one transaction
-constexpr int64_t kMaxFileSize = 4294967295; // a 32-bit size
+constexpr size_t kBatchSize = 1000; // deletions in one transaction
 
 struct _FileClose {
     void operator()(std::FILE *pFile) const { (void)std::fclose(pFile); }
@@ -92,7 +91,7 @@ uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
         TARN_LOG_ERROR("[%s]_stat(szFilePath, &info) %s failed with hr = 0x%08x", szPath, TARN_E_FAIL);
         return TARN_E_FAIL;
     }
-    if (status.st_size <= 0 || status.st_size > kMaxFileSize) {
+    if (status.st_size <= 0 || static_cast<uint64_t>(status.st_size) > kMaxUpdateListSize) {
         return TARN_E_FAIL;
     }
     const auto nSize = static_cast<size_t>(status.st_size);

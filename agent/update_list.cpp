@@ -1,17 +1,15 @@
 #include "agent/update_list.h"
 
+#include "formats/business_values.h"
 #include "platform/tarncore.h"
 #include "util/log.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
-constexpr size_t kBlockSize = 256; // bytes that one keyed state deciphers
-constexpr int kKeyLength = 14;
-constexpr size_t kDigestLength = kDigestTextSize - 1;
+constexpr int kKeyLength = static_cast<int>(kKeySize);
 
 } // namespace
 
@@ -21,53 +19,23 @@ void ParseMemToChar(char *buffer, size_t size) {
         return;
     }
     unsigned char abKey[kKeyLength + 1] = {};
-    (void)get_business_value("avscan", "mor_secret", 0, 0, abKey, kKeyLength); // without a key the text is no list
+    (void)get_business_value(kKeySection, kKeyName, 0, 0, abKey, kKeyLength); // without a key the text is no list
     RC4_STATE keyedState = {};
     RC4_set_key(&keyedState, kKeyLength, abKey);
-    auto *pBytes = reinterpret_cast<unsigned char *>(buffer);
-    for (size_t nOffset = 0; nOffset < size; nOffset += kBlockSize) {
+    CipherUpdateList(buffer, size, [&keyedState](unsigned char *pBlock, size_t nBytes) {
         RC4_STATE workingState = keyedState;
-        RC4_crypt(&workingState, std::min(kBlockSize, size - nOffset), pBytes + nOffset, pBytes + nOffset);
+        RC4_crypt(&workingState, nBytes, pBlock, pBlock);
         explicit_bzero(&workingState, sizeof workingState);
-    }
+    });
     explicit_bzero(abKey, sizeof abKey);
     explicit_bzero(&keyedState, sizeof keyedState);
 }
 
-char *SplitVersionLine(char *text, char (&versionId)[kVersionIdSize]) {
-    char *pszColon = std::strchr(text, ':');
-    char *pszLineEnd = std::strchr(text, '\n');
-    if (pszColon == nullptr || pszLineEnd == nullptr || pszColon > pszLineEnd) {
-        return nullptr;
-    }
-    const char *pszId = pszColon + 1;
-    auto nLength = static_cast<size_t>(pszLineEnd - pszId);
-    if (nLength > 0 && pszId[nLength - 1] == '\r') {
-        --nLength;
-    }
-    nLength = std::min(nLength, kVersionIdSize - 1);
-    std::memcpy(versionId, pszId, nLength);
-    versionId[nLength] = '\0';
-    return pszLineEnd + 1;
-}
-
-bool CDigestLines::Next(char (&digest)[kDigestTextSize]) {
-    const char *pszLine = strtok_r(m_pszNext, "\n", &m_pszPlace);
-    m_pszNext = nullptr;
-    if (pszLine == nullptr) {
-        return false;
-    }
-    const size_t nLength = strnlen(pszLine, kDigestLength);
-    std::memcpy(digest, pszLine, nLength);
-    digest[nLength] = '\0';
-    return true;
-}
-
-bool ParseDigest(const char (&digest)[kDigestTextSize], CacheMD5 &md5) {
+bool ParseDigest(const char (&szDigest)[kDigestTextSize], CacheMD5 &md5) {
     // Text that is not hexadecimal would turn into 16 zero bytes and withdraw records that nobody named.
-    if (std::strspn(digest, "0123456789abcdefABCDEF") != kDigestLength) {
+    if (!IsMD5Text(szDigest)) {
         return false;
     }
-    (void)MD5_StrResultConvert(digest, &md5);
+    (void)MD5_StrResultConvert(szDigest, &md5);
     return true;
 }

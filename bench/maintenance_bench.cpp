@@ -2,9 +2,9 @@
 //
 // maintenance_bench [rows]; trimming is measured from 1,000,000 rows on.
 #include "agent/dbagent.h"
-#include "agent/update_paths.h"
 #include "bench/bench_install.h"
 #include "bench/lookup_load.h"
+#include "formats/installation.h"
 #include "interface/tarncache.h"
 #include "platform/tarncore.h"
 

@@ -34,7 +34,7 @@ add_library(tarncache SHARED
   interface/single_file.cpp)
 target_compile_definitions(tarncache PRIVATE TARN_VERSION="${PROJECT_VERSION}")
 target_link_libraries(tarncache
-  PRIVATE tarn_warnings tarn_settings tarn_support tarncore nubbase nubcl_ev SQLite::SQLite3 Threads::Threads)
+  PRIVATE tarn_warnings tarn_settings tarn_formats tarn_support tarncore nubbase nubcl_ev SQLite::SQLite3 Threads::Threads)
 target_include_directories(tarncache INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/interface> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(tarncache PROPERTIES

@@ -40,7 +40,8 @@ int is_open_debug_log_avscan(void);
 
 /* Copies a stored value (hexadecimal text in "@/../config/business.ini") into out; a longer value is cut to outLen
  * bytes. Returns the bytes copied, or -1 with a logged error and out untouched: no such value, malformed hexadecimal,
- * or a file that group or others may read or write. The error never shows the value. reserved0 and reserved1 are 0. */
+ * or a file that is a link or that group or others may access. The error never shows the value. reserved0 and reserved1
+ * are 0. */
 int get_business_value(const char *section, const char *name, int reserved0, int reserved1, unsigned char *out,
                        int outLen);
 

@@ -1,5 +1,6 @@
 #include "platform/tarncore.h"
 
+#include "formats/installation.h"
 #include "platform/log_output.h"
 #include "platform/log_text.h"
 #include "platform/nubbase.h"
@@ -26,7 +27,6 @@ namespace {
 enum LogLevel : int { LEVEL_UNREAD = -1, LEVEL_OFF, LEVEL_SEVERE, LEVEL_ERROR, LEVEL_INFO, LEVEL_DEBUG };
 
 constexpr size_t kMaxMessage = PATH_MAX + 1024; // bytes: the longest path and a sentence around it
-constexpr char kConfigFile[] = "@/../config/tarncfg.ini";
 constexpr char kConfigSection[] = "log";
 
 struct _LogSettings {
@@ -62,7 +62,7 @@ _LogSettings ReadSettings() {
     std::optional<std::string> level = fromEnvironment("TARN_LOG_LEVEL");
     std::optional<std::string> file = fromEnvironment("TARN_LOG_FILE");
     char szConfig[PATH_MAX];
-    if ((!level || !file) && dirutils_path_transform(kConfigFile, szConfig, sizeof(szConfig)) != 0) {
+    if ((!level || !file) && dirutils_path_transform(kConfigPath, szConfig, sizeof(szConfig)) != 0) {
         const std::unique_ptr<void, decltype(&ini_file_free)> ini(ini_file_load(szConfig), &ini_file_free);
         const auto fromFile = [&ini](const char *pKey) {
             const char *pValue = ini == nullptr ? nullptr : ini_file_get(ini.get(), kConfigSection, pKey);

@@ -1,5 +1,7 @@
 #include "platform/tarncore.h"
 
+#include "formats/business_values.h"
+#include "formats/installation.h"
 #include "platform/nubbase.h"
 #include "support/call_guard.h"
 #include "support/hex.h"
@@ -11,7 +13,6 @@
 #include <memory>
 #include <string_view>
 #include <strings.h>
-#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -19,8 +20,6 @@ namespace {
 constexpr int kLevelError = 2;
 constexpr char kSource[] = "tarncore";
 constexpr char kFunction[] = "get_business_value";
-constexpr char kValueFile[] = "@/../config/business.ini";
-constexpr mode_t kGroupOrOthers = 066; // may read or write
 
 // Decoded secret bytes, wiped when they go.
 class CSecretBytes {
@@ -50,30 +49,23 @@ int CopyDecoded(std::string_view text, unsigned char *out, int outLen) {
     return nCopied;
 }
 
-bool IsPrivate(const char *path) {
-    struct stat status = {};
-    if (stat(path, &status) != 0) {
-        error_output(kLevelError, kSource, __LINE__, "[%s]cannot read %s: %s", kFunction, path, strerrordesc_np(errno));
-        return false;
-    }
-    if ((status.st_mode & kGroupOrOthers) != 0) {
-        error_output(kLevelError, kSource, __LINE__, "[%s]%s is refused: group or others may access it (mode %04o)",
-                     kFunction, path, static_cast<unsigned>(status.st_mode & 07777));
-        return false;
-    }
-    return true;
-}
-
 int ReadValue(const char *section, const char *name, unsigned char *out, int outLen) {
     char szPath[PATH_MAX];
-    if (dirutils_path_transform(kValueFile, szPath, sizeof(szPath)) == 0) {
-        error_output(kLevelError, kSource, __LINE__, "[%s]path of %s is too long", kFunction, kValueFile);
+    if (dirutils_path_transform(kBusinessValuesPath, szPath, sizeof(szPath)) == 0) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]path of %s is too long", kFunction, kBusinessValuesPath);
         return -1;
     }
-    if (!IsPrivate(szPath)) {
+    CDescriptor file;
+    mode_t mode = 0;
+    const EKeyFile eFile = OpenKeyFile(szPath, file, mode);
+    if (eFile == EKeyFile::Shared) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]%s is refused: group or others may access it (mode %04o)",
+                     kFunction, szPath, static_cast<unsigned>(mode));
         return -1;
     }
-    const std::unique_ptr<void, decltype(&ini_file_free)> ini(ini_file_load(szPath), &ini_file_free);
+    // By its path once more: whoever could put another file there in between could have put it there before.
+    const std::unique_ptr<void, decltype(&ini_file_free)> ini(
+        eFile == EKeyFile::Private ? ini_file_load(szPath) : nullptr, &ini_file_free);
     if (ini == nullptr) {
         error_output(kLevelError, kSource, __LINE__, "[%s]cannot read %s: %s", kFunction, szPath,
                      strerrordesc_np(errno));

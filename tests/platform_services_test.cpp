@@ -76,9 +76,9 @@ TEST_F(PlatformServices, Rc4MatchesKnownVectorsAndCopies) {
 }
 
 TEST_F(PlatformServices, BusinessValuesNeedAPrivateFileAndStayOutOfTheLog) {
-    const std::pair<const char *, mode_t> cases[] = {{"4a4B4c", 0600}, {"4a4b4c", 0640}, {"4a4b4c", 0620},
-                                                     {"4a4b4", 0600},  {"4a4b4c", 0604}, {"4a4b4c", 0602},
-                                                     {"4a4bzz", 0600}, {"", 0600}};
+    const std::pair<const char *, mode_t> cases[] = {
+        {"4a4B4c", 0600}, {"4a4b4c", 0640}, {"4a4b4c", 0620}, {"4a4b4", 0600},  {"4a4b4c", 0604},
+        {"4a4b4c", 0602}, {"4a4bzz", 0600}, {"", 0600},       {"4a4b4c", 0610}, {"4a 4b 4c", 0600}};
     for (const auto &[pValue, mode] : cases) {
         SCOPED_TRACE(testing::Message() << "value " << pValue << ", mode " << mode);
         const bool bGood = pValue == cases[0].first;
@@ -91,6 +91,12 @@ TEST_F(PlatformServices, BusinessValuesNeedAPrivateFileAndStayOutOfTheLog) {
         EXPECT_TRUE(strLog.empty() == bGood && strLog.find("4a4b") == std::string::npos) << strLog;
         EXPECT_EQ(strOut, bGood ? "JKu" : "uuu");
     }
+    const std::string strReal = Write("real.ini", "[avscan]\nmor_secret=4a4b\n");
+    EXPECT_EQ(chmod(strReal.c_str(), 0600), 0);
+    EXPECT_TRUE(std::filesystem::remove(Path("config/business.ini")));
+    std::filesystem::create_symlink("../real.ini", Path("config/business.ini"));
+    unsigned char bytes[2] = {};
+    EXPECT_EQ(get_business_value("avscan", "mor_secret", 0, 0, bytes, 2), -1) << "a link is refused";
 }
 
 // Runs with another thread's timer; returns it when this thread takes no signals.

@@ -1,5 +1,6 @@
 #include "tools/business_key.h"
 
+#include "formats/business_values.h"
 #include "support/hex.h"
 #include "tools/atomic_file.h"
 #include "tools/text.h"
@@ -8,36 +9,46 @@
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
-#include <array>
 #include <cerrno>
 #include <sys/random.h>
-#include <sys/stat.h>
 
 namespace {
 
-constexpr const char *kSection = "avscan";
-constexpr const char *kName = "mor_secret";
-constexpr uint64_t kLargestFile = 1u << 20;
+constexpr size_t kLargestFile = 1U << 20; // bytes
 
 // The file's text; a missing file is an empty one, any other trouble is a failure.
-bool LoadStore(const std::string &strPath, CSimpleIniA &store, std::string &strError) {
-    struct stat status {};
-    if (lstat(strPath.c_str(), &status) == 0 && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+bool LoadText(const std::string &strPath, std::string &strText, std::string &strError) {
+    CDescriptor file;
+    mode_t mode = 0;
+    const EKeyFile eFile = OpenKeyFile(strPath.c_str(), file, mode);
+    if (eFile == EKeyFile::Shared) {
         strError = EscapeName(strPath) + " is open to other users; it has to have mode 0600";
         return false;
     }
-    std::string strText;
-    bool bMissing = false;
-    if (!ReadWholeFile(strPath, kLargestFile, strText, bMissing, strError) && !bMissing)
-        return false;
-    if (store.LoadData(strText.data(), strText.size()) >= 0)
+    if (eFile == EKeyFile::Unreadable && errno == ENOENT) {
         return true;
+    }
+    const int iError = eFile == EKeyFile::Unreadable ? errno : LoadWholeFile(file, kLargestFile, strText);
+    if (iError != 0) {
+        strError = ReadFailure(strPath, iError);
+    }
+    return iError == 0;
+}
+
+bool LoadStore(const std::string &strPath, CSimpleIniA &store, std::string &strError) {
+    std::string strText;
+    if (!LoadText(strPath, strText, strError)) {
+        return false;
+    }
+    if (store.LoadData(strText.data(), strText.size()) >= 0) {
+        return true;
+    }
     strError = EscapeName(strPath) + " is not an ini file";
     return false;
 }
 
 bool RandomKey(std::string &strKey, std::string &strError) {
-    strKey.resize(kBusinessKeySize);
+    strKey.resize(kKeySize);
     ssize_t got = 0;
     do {
         got = getrandom(strKey.data(), strKey.size(), 0);
@@ -54,13 +65,13 @@ bool EnsureBusinessKey(const std::string &strPath, std::string &strError) {
     CSimpleIniA store;
     if (!LoadStore(strPath, store, strError))
         return false;
-    if (store.GetValue(kSection, kName) != nullptr)
+    if (store.GetValue(kKeySection, kKeyName) != nullptr)
         return true;
     std::string strKey;
     if (!RandomKey(strKey, strError))
         return false;
     std::string strText;
-    if (store.SetValue(kSection, kName, HexText(strKey).c_str()) < 0 || store.Save(strText) < 0) {
+    if (store.SetValue(kKeySection, kKeyName, HexText(strKey).c_str()) < 0 || store.Save(strText) < 0) {
         strError = "cannot add a key to " + EscapeName(strPath);
         return false;
     }
@@ -71,9 +82,9 @@ bool ReadBusinessKey(const std::string &strPath, std::string &strKey, std::strin
     CSimpleIniA store;
     if (!LoadStore(strPath, store, strError))
         return false;
-    const char *pszValue = store.GetValue(kSection, kName);
-    if (pszValue != nullptr && FromHexText(pszValue, strKey) && strKey.size() == kBusinessKeySize)
+    const char *pszValue = store.GetValue(kKeySection, kKeyName);
+    if (pszValue != nullptr && FromHexText(pszValue, strKey) && strKey.size() == kKeySize)
         return true;
-    strError = EscapeName(strPath) + " holds no 28 hexadecimal digits as " + kName + " in section " + kSection;
+    strError = EscapeName(strPath) + " holds no 28 hexadecimal digits as " + kKeyName + " in section " + kKeySection;
     return false;
 }

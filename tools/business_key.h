@@ -4,11 +4,9 @@
 
 #include <string>
 
-constexpr size_t kBusinessKeySize = 14;
-
 // Makes a random key where the file or its entry is missing (mode 0600, written whole or not at all). A key that is
 // there is never changed, and a file that cannot be read or is open to other users is left alone. False with the
-// reason in *strError.
+// reason in strError.
 bool EnsureBusinessKey(const std::string &strPath, std::string &strError);
 
 // Reads the 14 bytes. False when the file is missing, open to other users, or holds no such key.

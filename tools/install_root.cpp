@@ -24,11 +24,11 @@ struct _FolderRule {
 
 constexpr std::array<_FolderRule, 6> kFolders{{
     {"", 0755, S_IWOTH},
-    {"lib", 0755, 0},
-    {"config", 0755, S_IWOTH},
-    {"engine", 0755, S_IWGRP | S_IWOTH},
-    {"engine/cache", 0700, S_IWGRP | S_IWOTH},
-    {"engine/kelmorehash", 0700, S_IWGRP | S_IWOTH},
+    {kLibraryFolder, 0755, 0},
+    {kConfigFolder, 0755, S_IWOTH},
+    {kEngineFolder, 0755, S_IWGRP | S_IWOTH},
+    {kCacheFolder, 0700, S_IWGRP | S_IWOTH},
+    {kUpdateFolder, 0700, S_IWGRP | S_IWOTH},
 }};
 
 std::string Environment(const char *pszName) {

@@ -2,6 +2,8 @@
 #ifndef TARN_TOOLS_INSTALL_ROOT_H
 #define TARN_TOOLS_INSTALL_ROOT_H
 
+#include "formats/installation.h"
+
 #include <string>
 
 // The installation folder. One rule, first match wins:
@@ -26,15 +28,15 @@ class CInstallRoot {
 
     const std::string &Path() const { return m_strPath; }
     std::string Below(const char *pszRelative) const { return m_strPath + "/" + pszRelative; }
-    std::string CacheFolder() const { return Below("engine/cache"); }
-    std::string EngineMarker() const { return Below("engine/clean_engine_flag"); }
-    std::string HashMarker() const { return Below("engine/clean_engine_hash_flag"); }
-    std::string WithdrawnList() const { return Below("engine/kelmorehash/update_cache.dat"); }
+    std::string CacheFolder() const { return Below(kCacheFolder); }
+    std::string EngineMarker() const { return Below(FromRoot(kEngineMarkerPath)); }
+    std::string HashMarker() const { return Below(FromRoot(kHashMarkerPath)); }
+    std::string WithdrawnList() const { return Below(FromRoot(kUpdateCachePath)); }
     std::string SignatureId() const { return Below("engine/signatures.id"); }
     std::string ScanLock() const { return Below("engine/scan.lock"); }     // held by the scan that uses the cache
     std::string UpdateLock() const { return Below("engine/update.lock"); } // held while markers are left or consumed
-    std::string ConfigFile() const { return Below("config/tarncfg.ini"); }
-    std::string KeyFile() const { return Below("config/business.ini"); }
+    std::string ConfigFile() const { return Below(FromRoot(kConfigPath)); }
+    std::string KeyFile() const { return Below(FromRoot(kBusinessValuesPath)); }
 
   private:
     std::string m_strPath;

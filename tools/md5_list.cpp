@@ -1,5 +1,6 @@
 #include "tools/md5_list.h"
 
+#include "formats/md5_text.h"
 #include "tools/text.h"
 
 #include <iostream>

@@ -1,14 +1,8 @@
 #include "tools/text.h"
 
-#include "support/hex.h"
-
 #include <array>
 #include <cstdio>
 #include <system_error>
-
-bool IsMD5Text(std::string_view text) {
-    return text.size() == 32 && IsHexText(text);
-}
 
 std::string LowerCase(std::string_view text) {
     std::string out(text);

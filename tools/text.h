@@ -8,9 +8,6 @@
 #include <string>
 #include <string_view>
 
-// True for exactly 32 hexadecimal digits.
-bool IsMD5Text(std::string_view text);
-
 std::string LowerCase(std::string_view text);
 
 // "1234 (1.2 KiB)".

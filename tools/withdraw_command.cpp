@@ -2,6 +2,7 @@
 // the next start of the cache.
 #include "tools/commands.h"
 
+#include "formats/update_list.h"
 #include "tools/atomic_file.h"
 #include "tools/business_key.h"
 #include "tools/file_lock.h"
@@ -18,7 +19,7 @@
 
 namespace {
 
-constexpr size_t kLongestVersion = 99; // bytes; the cache cuts more
+constexpr size_t kLongestVersion = kVersionIdSize - 1; // bytes; the cache cuts more
 constexpr std::string_view kVersionName = "tarncache:";
 
 // A list that the cache has not taken yet must not be lost: its digests join the new ones. False when there is one
@@ -79,7 +80,7 @@ int RunWithdraw(const _WithdrawOptions &options) {
     std::sort(vecMD5.begin(), vecMD5.end());
     vecMD5.erase(std::unique(vecMD5.begin(), vecMD5.end()), vecMD5.end());
     std::string strText = ListText(options.strVersion, vecMD5);
-    if (strText.size() > kLargestWithdrawnList)
+    if (strText.size() > kMaxUpdateListSize)
         return Trouble("the list is too long; withdraw it in parts, with a scan between them");
     EncipherList(strKey, strText);
     // The list first: whoever sees the marker has to find the list.

@@ -4,16 +4,13 @@
 
 #include "tools/install_root.h"
 
-#include <cstdint>
 #include <string>
 
-constexpr uint64_t kLargestWithdrawnList = 0xFFFFFFFFu; // bytes; the cache refuses more
-
-// Enciphers or deciphers: every block of 256 bytes is combined with the same start of the key's RC4 stream.
+// Enciphers or deciphers the list.
 void EncipherList(const std::string &strKey, std::string &strText);
 
 // Reads the pending list with the key in the installation folder; strDigests gets the lines behind the version line.
-// False with the reason in *strError when there is none (*bMissing), or when it holds no version line or not one
+// False with the reason in strError when there is none (bMissing), or when it holds no version line or not one
 // digest: with another key the text mostly looks like that, and the cache would either keep it for good or, by chance,
 // throw it away unused.
 bool ReadPendingList(const CInstallRoot &root, std::string &strDigests, bool &bMissing, std::string &strError);

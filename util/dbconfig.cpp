@@ -1,5 +1,6 @@
 #include "util/dbconfig.h"
 
+#include "formats/installation.h"
 #include "platform/nubbase.h"
 #include "util/log.h"
 
@@ -15,8 +16,6 @@
 namespace {
 
 constexpr char kLogSource[] = "dbconfig";
-constexpr char kConfigPath[] = "@/../config/tarncfg.ini";
-constexpr char kDatabaseDir[] = "@/../engine/cache/";
 constexpr char kSection[] = "cacheeng";
 constexpr char kDefaultName[] = "morcache.db";
 // No search bit on purpose: it serves root alone, who needs none. Another user's folder is made by its set-up.
