@@ -7,24 +7,12 @@
 
 #include <stddef.h>
 
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
-
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-#ifndef TARN_PRINTF_LIKE
-#if defined(__GNUC__)
-#define TARN_PRINTF_LIKE(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
-#else
-#define TARN_PRINTF_LIKE(formatIndex, firstArgument)
-#endif
-#endif
-
 /* snprintf that always terminates buf (size > 0). Returns the length the whole text has, or -1. */
-int str_snprintf(char *buf, size_t size, const char *format, ...) TARN_PRINTF_LIKE(3, 4);
+int str_snprintf(char *buf, size_t size, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
 /* Expands a leading "@" to the installation directory and normalises the result by its text alone: with /opt/t/lib
  * as "@", "@/../config/x" is /opt/t/config/x; a trailing "/" is kept. Other text is copied as it is. "@" is
@@ -56,10 +44,6 @@ void ini_file_free(void *ini);
 
 #ifdef __cplusplus
 }
-#endif
-
-#if defined(__GNUC__)
-#pragma GCC visibility pop
 #endif
 
 #endif

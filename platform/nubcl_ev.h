@@ -8,10 +8,6 @@
 #include <pthread.h>
 #include <stdint.h>
 
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
-
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -52,10 +48,6 @@ void cl_timerplus_close(cl_timerplus *timer);
 
 #ifdef __cplusplus
 }
-#endif
-
-#if defined(__GNUC__)
-#pragma GCC visibility pop
 #endif
 
 #endif

@@ -7,20 +7,8 @@
 
 #include <stdint.h>
 
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
-
 #ifdef __cplusplus
 extern "C" {
-#endif
-
-#ifndef TARN_PRINTF_LIKE
-#if defined(__GNUC__)
-#define TARN_PRINTF_LIKE(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
-#else
-#define TARN_PRINTF_LIKE(formatIndex, firstArgument)
-#endif
 #endif
 
 /* Writes one log line, printf-style. level: 1 severe, 2 error, 3 information, 4 debug; lines above the configured level
@@ -29,7 +17,8 @@ extern "C" {
  * The line goes to the configured file (created 0600, rotated at 10 MiB, two older ones kept), or to standard error
  * when there is none or it cannot be written. A failing sink is ignored. errno is left as it was; no signal is raised.
  */
-void error_output(int level, const char *source, int line, const char *format, ...) TARN_PRINTF_LIKE(4, 5);
+void error_output(int level, const char *source, int line, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
 
 /* Non-zero exactly while debug lines (level 4) are wanted. After the first call this is one atomic load.
  *
@@ -69,10 +58,6 @@ void RC4_crypt(RC4_STATE *state, uint64_t length, const unsigned char *in, unsig
 
 #ifdef __cplusplus
 }
-#endif
-
-#if defined(__GNUC__)
-#pragma GCC visibility pop
 #endif
 
 #endif

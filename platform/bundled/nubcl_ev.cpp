@@ -40,7 +40,7 @@ class CThreadLoop {
     CThreadLoop &operator=(const CThreadLoop &) = delete;
 
     void SetNoWait(bool bNoWait) noexcept { m_bNoWait = bNoWait; }
-    _Timer *StartTimer(uint64_t nPeriod, cl_timerplus_cb pCallback, void *pUserData) noexcept;
+    _Timer *StartTimer(uint64_t ullPeriod, cl_timerplus_cb pCallback, void *pUserData) noexcept;
     void RunOnce() noexcept;
     [[nodiscard]] int CountDue() noexcept;
 
@@ -48,7 +48,7 @@ class CThreadLoop {
     [[nodiscard]] bool Make() noexcept;
     void FollowFork() noexcept;
 
-    uv_loop_t m_loop{};
+    uv_loop_t m_loop = {};
     pid_t m_process = 0; // whose kernel objects the loop holds; 0 while there is no loop
     bool m_bNoWait = false;
     bool m_bRunning = false;
@@ -90,7 +90,7 @@ void CThreadLoop::FollowFork() noexcept {
     }
 }
 
-_Timer *CThreadLoop::StartTimer(uint64_t nPeriod, cl_timerplus_cb pCallback, void *pUserData) noexcept {
+_Timer *CThreadLoop::StartTimer(uint64_t ullPeriod, cl_timerplus_cb pCallback, void *pUserData) noexcept {
     if (!Make()) {
         return nullptr;
     }
@@ -106,7 +106,7 @@ _Timer *CThreadLoop::StartTimer(uint64_t nPeriod, cl_timerplus_cb pCallback, voi
         _Timer *pDue = static_cast<_Timer *>(pHandle->data);
         pDue->pCallback(&pDue->head);
     };
-    if (uv_timer_start(&pTimer->handle, onTimer, nPeriod, nPeriod) != 0) {
+    if (uv_timer_start(&pTimer->handle, onTimer, ullPeriod, ullPeriod) != 0) {
         uv_close(HandleOf(pTimer), FreeRecord);
         return nullptr;
     }
@@ -151,16 +151,16 @@ int cl_ev_create_isolated_thread(pthread_t *thread, int /*flags*/, void *(*entry
     sigset_t previous;
     sigfillset(&all);
     // Faults of the thread itself still reach the host's crash handler.
-    for (const int nFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
-        sigdelset(&all, nFault);
+    for (const int iFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+        sigdelset(&all, iFault);
     }
-    const int nMaskError = pthread_sigmask(SIG_SETMASK, &all, &previous);
-    if (nMaskError != 0) {
-        return nMaskError;
+    const int iMaskError = pthread_sigmask(SIG_SETMASK, &all, &previous);
+    if (iMaskError != 0) {
+        return iMaskError;
     }
-    const int nError = pthread_create(thread, nullptr, entry, arg);
+    const int iError = pthread_create(thread, nullptr, entry, arg);
     (void)pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return nError;
+    return iError;
 }
 
 void cl_ev_loop_nowait(int on) {

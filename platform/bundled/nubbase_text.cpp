@@ -9,10 +9,10 @@ int str_snprintf(char *buf, size_t size, const char *format, ...) {
     }
     va_list arguments;
     va_start(arguments, format);
-    const int nLength = vsnprintf(buf, size, format, arguments);
+    const int iLength = vsnprintf(buf, size, format, arguments);
     va_end(arguments);
-    if (nLength < 0 && size > 0) {
+    if (iLength < 0 && size > 0) {
         buf[0] = '\0';
     }
-    return nLength < 0 ? -1 : nLength;
+    return iLength < 0 ? -1 : iLength;
 }

@@ -1,7 +1,7 @@
 // nubbase_ini_text.h - prepares the text of an ini file for the parser, which drops the lines it does not understand
 // and some comments, so that a save keeps them.
-#ifndef TARN_PLATFORM_NUBBASE_INI_TEXT_H
-#define TARN_PLATFORM_NUBBASE_INI_TEXT_H
+#ifndef TARN_PLATFORM_BUNDLED_NUBBASE_INI_TEXT_H
+#define TARN_PLATFORM_BUNDLED_NUBBASE_INI_TEXT_H
 
 #include <string>
 #include <string_view>

@@ -30,14 +30,14 @@ __attribute__((constructor)) void FindLibraryDir() noexcept {
     if (info.dli_fname[0] != '/' && g_szStartDir[0] == '\0') {
         return;
     }
-    const char *pPrefix = info.dli_fname[0] == '/' ? "" : g_szStartDir;
-    const size_t nPrefix = strlen(pPrefix);
-    const char *pLastSlash = strrchr(info.dli_fname, '/');
-    const size_t nFolder = pLastSlash == nullptr ? 0 : static_cast<size_t>(pLastSlash - info.dli_fname);
+    const char *pszPrefix = info.dli_fname[0] == '/' ? "" : g_szStartDir;
+    const size_t nPrefix = strlen(pszPrefix);
+    const char *pszLastSlash = strrchr(info.dli_fname, '/');
+    const size_t nFolder = pszLastSlash == nullptr ? 0 : static_cast<size_t>(pszLastSlash - info.dli_fname);
     if (nPrefix + nFolder + 1 >= sizeof(g_szLibraryDir)) {
         return;
     }
-    memcpy(g_szLibraryDir, pPrefix, nPrefix);
+    memcpy(g_szLibraryDir, pszPrefix, nPrefix);
     memcpy(g_szLibraryDir + nPrefix, info.dli_fname, nFolder);
     if (nPrefix + nFolder == 0) {
         g_szLibraryDir[0] = '/';
@@ -45,14 +45,14 @@ __attribute__((constructor)) void FindLibraryDir() noexcept {
 }
 
 std::string InstallDir() {
-    const char *pConfigured = secure_getenv("TARN_INSTALL_DIR");
-    if (pConfigured == nullptr || pConfigured[0] == '\0') {
+    const char *pszConfigured = secure_getenv("TARN_INSTALL_DIR");
+    if (pszConfigured == nullptr || pszConfigured[0] == '\0') {
         return g_szLibraryDir;
     }
-    if (pConfigured[0] == '/') {
-        return pConfigured;
+    if (pszConfigured[0] == '/') {
+        return pszConfigured;
     }
-    return g_szStartDir[0] == '\0' ? std::string() : std::string(g_szStartDir) + pConfigured;
+    return g_szStartDir[0] == '\0' ? std::string() : std::string(g_szStartDir) + pszConfigured;
 }
 
 // Empty when the installation directory is not known.

@@ -26,7 +26,7 @@ class CCipherContext {
         m_context.i = static_cast<uint8_t>(state.x);
         m_context.j = static_cast<uint8_t>(state.y);
         std::transform(std::begin(state.data), std::end(state.data), m_context.S,
-                       [](uint32_t nEntry) { return static_cast<uint8_t>(nEntry); });
+                       [](uint32_t ulEntry) { return static_cast<uint8_t>(ulEntry); });
     }
     void StoreTo(RC4_STATE &state) const noexcept {
         state.x = m_context.i;
@@ -35,7 +35,7 @@ class CCipherContext {
     }
 
   private:
-    arcfour_ctx m_context{};
+    arcfour_ctx m_context = {};
 };
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "formats/business_values.h"
 #include "formats/installation.h"
+#include "platform/bundled/log_text.h"
 #include "platform/nubbase.h"
 #include "support/call_guard.h"
 #include "support/hex.h"
@@ -17,21 +18,20 @@
 
 namespace {
 
-constexpr int kLevelError = 2;
 constexpr char kSource[] = "tarncore";
 constexpr char kFunction[] = "get_business_value";
 
 // Decoded secret bytes, wiped when they go.
 class CSecretBytes {
   public:
-    explicit CSecretBytes(size_t nSize) : m_bytes(nSize) {}
-    ~CSecretBytes() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
+    explicit CSecretBytes(size_t nSize) : m_vecBytes(nSize) {}
+    ~CSecretBytes() { explicit_bzero(m_vecBytes.data(), m_vecBytes.size()); }
     CSecretBytes(const CSecretBytes &) = delete;
     CSecretBytes &operator=(const CSecretBytes &) = delete;
-    uint8_t *Data() noexcept { return m_bytes.data(); }
+    uint8_t *Data() noexcept { return m_vecBytes.data(); }
 
   private:
-    std::vector<uint8_t> m_bytes;
+    std::vector<uint8_t> m_vecBytes;
 };
 
 // Returns the bytes copied, or -1 when text is not hexadecimal.
@@ -71,13 +71,13 @@ int ReadValue(const char *section, const char *name, unsigned char *out, int out
                      strerrordesc_np(errno));
         return -1;
     }
-    const char *pValue = ini_file_get(ini.get(), section, name);
-    if (pValue == nullptr) {
+    const char *pszValue = ini_file_get(ini.get(), section, name);
+    if (pszValue == nullptr) {
         error_output(kLevelError, kSource, __LINE__, "[%s]no value %s in section %s of %s", kFunction, name, section,
                      szPath);
         return -1;
     }
-    const int nCopied = CopyDecoded(pValue, out, outLen);
+    const int nCopied = CopyDecoded(pszValue, out, outLen);
     if (nCopied < 0) {
         error_output(kLevelError, kSource, __LINE__, "[%s]value %s in section %s of %s is not hexadecimal", kFunction,
                      name, section, szPath);

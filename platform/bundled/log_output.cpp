@@ -1,6 +1,6 @@
-#include "platform/log_output.h"
+#include "platform/bundled/log_output.h"
 
-#include "platform/log_text.h"
+#include "platform/bundled/log_text.h"
 #include "support/descriptor.h"
 
 #include <cerrno>
@@ -16,8 +16,7 @@ namespace {
 
 constexpr size_t kMaxFileSize = size_t{10} << 20U; // bytes
 constexpr size_t kOlderFiles = 2;
-constexpr std::chrono::seconds kRetryInterval{60};
-constexpr int kLevelError = 2;
+constexpr std::chrono::seconds kRetryInterval(60);
 
 // Runs before the sink opens its file, at the start and after each rotation. The sink would create it readable by all,
 // create missing folders, follow a link and wait for a fifo; a scanner that runs as root wants none of these. Nor does

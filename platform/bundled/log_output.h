@@ -1,6 +1,6 @@
 // log_output.h - where log lines go: a rotating file while one is configured and works, else standard error.
-#ifndef TARN_PLATFORM_LOG_OUTPUT_H
-#define TARN_PLATFORM_LOG_OUTPUT_H
+#ifndef TARN_PLATFORM_BUNDLED_LOG_OUTPUT_H
+#define TARN_PLATFORM_BUNDLED_LOG_OUTPUT_H
 
 #include <chrono>
 #include <memory>
@@ -31,7 +31,7 @@ class CLogFile {
 
     std::string m_strPath;
     std::unique_ptr<spdlog::sinks::sink> m_pFile; // null while not open
-    std::chrono::steady_clock::time_point m_nextTry{};
+    std::chrono::steady_clock::time_point m_nextTry = {};
 };
 
 // Straight to the descriptor: the host's stream keeps its state, and nothing is buffered across a fork. Needs no lock,

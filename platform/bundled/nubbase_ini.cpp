@@ -1,6 +1,6 @@
 #include "platform/nubbase.h"
 
-#include "platform/nubbase_ini_text.h"
+#include "platform/bundled/nubbase_ini_text.h"
 #include "support/call_guard.h"
 #include "support/whole_file.h"
 
@@ -48,13 +48,13 @@ class CIniFile {
 
     [[nodiscard]] const char *Get(const char *section, const char *key) const {
         bool bRepeated = false;
-        const char *pValue = m_ini.GetValue(section, key, nullptr, &bRepeated);
+        const char *pszValue = m_ini.GetValue(section, key, nullptr, &bRepeated);
         if (bRepeated) {
             CSimpleIniA::TNamesDepend values;
             m_ini.GetAllValues(section, key, values);
-            pValue = values.back().pItem;
+            pszValue = values.back().pItem;
         }
-        return pValue;
+        return pszValue;
     }
 
     [[nodiscard]] bool Set(const std::string &strSection, const std::string &strKey, const std::string &strValue) {

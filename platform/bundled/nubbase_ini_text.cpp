@@ -1,4 +1,4 @@
-#include "platform/nubbase_ini_text.h"
+#include "platform/bundled/nubbase_ini_text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -78,8 +78,8 @@ class CPreparation {
     }
 
     std::string m_strText;
-    std::string m_strComments;               // since the last entry or section: comments, hidden lines and blank ones
-    std::set<std::string> m_setSections{{}}; // in lower case; the part above the first section has no name
+    std::string m_strComments; // since the last entry or section: comments, hidden lines and blank ones
+    std::set<std::string> m_setSections = {""}; // in lower case; the part above the first section has no name
 };
 
 } // namespace

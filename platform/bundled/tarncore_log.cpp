@@ -1,8 +1,8 @@
 #include "platform/tarncore.h"
 
 #include "formats/installation.h"
-#include "platform/log_output.h"
-#include "platform/log_text.h"
+#include "platform/bundled/log_output.h"
+#include "platform/bundled/log_text.h"
 #include "platform/nubbase.h"
 #include "support/call_guard.h"
 
@@ -24,24 +24,23 @@
 
 namespace {
 
-enum LogLevel : int { LEVEL_UNREAD = -1, LEVEL_OFF, LEVEL_SEVERE, LEVEL_ERROR, LEVEL_INFO, LEVEL_DEBUG };
+constexpr int kLevelUnread = -1;
 
 constexpr size_t kMaxMessage = PATH_MAX + 1024; // bytes: the longest path and a sentence around it
 constexpr char kConfigSection[] = "log";
 
 struct _LogSettings {
-    LogLevel level = LEVEL_ERROR;
+    int iLevel = kLevelError;
     std::string strFile; // empty: standard error
 };
 
-LogLevel ParseLevel(const std::string &strLevel) {
-    constexpr const char *kNames[] = {"off", "severe", "error", "info", "debug"};
-    for (int i = LEVEL_OFF; i <= LEVEL_DEBUG; ++i) {
-        if (strcasecmp(strLevel.c_str(), kNames[i]) == 0) {
-            return static_cast<LogLevel>(i);
+int ParseLevel(const std::string &strLevel) {
+    for (int i = kLevelOff; i <= kLevelDebug; ++i) {
+        if (strcasecmp(strLevel.c_str(), kLevelNames[i]) == 0) {
+            return i;
         }
     }
-    return LEVEL_ERROR;
+    return kLevelError;
 }
 
 std::string AbsolutePath(const std::string &strPath) {
@@ -55,18 +54,18 @@ std::string AbsolutePath(const std::string &strPath) {
 }
 
 _LogSettings ReadSettings() {
-    const auto fromEnvironment = [](const char *pName) -> std::optional<std::string> {
-        const char *pValue = secure_getenv(pName);
-        return pValue == nullptr || pValue[0] == '\0' ? std::nullopt : std::optional<std::string>(pValue);
+    const auto fromEnvironment = [](const char *pszName) -> std::optional<std::string> {
+        const char *pszValue = secure_getenv(pszName);
+        return pszValue == nullptr || pszValue[0] == '\0' ? std::nullopt : std::optional<std::string>(pszValue);
     };
     std::optional<std::string> level = fromEnvironment("TARN_LOG_LEVEL");
     std::optional<std::string> file = fromEnvironment("TARN_LOG_FILE");
     char szConfig[PATH_MAX];
     if ((!level || !file) && dirutils_path_transform(kConfigPath, szConfig, sizeof(szConfig)) != 0) {
         const std::unique_ptr<void, decltype(&ini_file_free)> ini(ini_file_load(szConfig), &ini_file_free);
-        const auto fromFile = [&ini](const char *pKey) {
-            const char *pValue = ini == nullptr ? nullptr : ini_file_get(ini.get(), kConfigSection, pKey);
-            return std::string(pValue == nullptr ? "" : pValue);
+        const auto fromFile = [&ini](const char *pszKey) {
+            const char *pszValue = ini == nullptr ? nullptr : ini_file_get(ini.get(), kConfigSection, pszKey);
+            return std::string(pszValue == nullptr ? "" : pszValue);
         };
         level = level ? level : fromFile("level");
         file = file ? file : fromFile("file");
@@ -91,14 +90,14 @@ class CLogger {
     CLogger() noexcept;
 
     [[nodiscard]] int Level() noexcept {
-        const int nLevel = m_nLevel.load(std::memory_order_acquire);
-        return nLevel != LEVEL_UNREAD ? nLevel : ReadLevel();
+        const int iLevel = m_iLevel.load(std::memory_order_acquire);
+        return iLevel != kLevelUnread ? iLevel : ReadLevel();
     }
-    void Write(int nLevel, const char *source, int line, const char *format, va_list arguments) noexcept
+    void Write(int iLevel, const char *source, int line, const char *format, va_list arguments) noexcept
         __attribute__((format(printf, 5, 0)));
     void Close() noexcept;
 
-    std::mutex m_mutex; // guards m_file and the first setting of m_nLevel; held across a fork
+    std::mutex m_mutex; // guards m_file and the first setting of m_iLevel; held across a fork
 
   private:
     int ReadLevel() noexcept;
@@ -107,7 +106,7 @@ class CLogger {
         return m_file.Write(std::move(strLine));
     }
 
-    std::atomic<int> m_nLevel{LEVEL_UNREAD};
+    std::atomic<int> m_iLevel = kLevelUnread;
     CLogFile m_file;
 };
 
@@ -146,49 +145,49 @@ CLogger::CLogger() noexcept {
 
 int CLogger::ReadLevel() noexcept {
     if (t_bInLogger) {
-        return LEVEL_OFF;
+        return kLevelOff;
     }
     const CInLogger inLogger;
     const CCancelGuard noCancel;
-    const int nError = errno;
+    const int iError = errno;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_nLevel.load(std::memory_order_relaxed) == LEVEL_UNREAD) {
-        LogLevel level = LEVEL_ERROR;
+    if (m_iLevel.load(std::memory_order_relaxed) == kLevelUnread) {
+        int iLevel = kLevelError;
         try {
             _LogSettings settings = ReadSettings();
             m_file.SetPath(std::move(settings.strFile));
-            level = settings.level;
+            iLevel = settings.iLevel;
         } catch (...) { // out of memory: the defaults stand
         }
-        m_nLevel.store(level, std::memory_order_release);
+        m_iLevel.store(iLevel, std::memory_order_release);
     }
-    errno = nError;
-    return m_nLevel.load(std::memory_order_relaxed);
+    errno = iError;
+    return m_iLevel.load(std::memory_order_relaxed);
 }
 
-void CLogger::Write(int nLevel, const char *source, int line, const char *format, va_list arguments) noexcept {
+void CLogger::Write(int iLevel, const char *source, int line, const char *format, va_list arguments) noexcept {
     if (t_bInLogger) {
         return;
     }
     const CInLogger inLogger;
     const CCancelGuard noCancel;
-    const int nError = errno;
+    const int iError = errno;
     char szMessage[kMaxMessage] = "";
-    const int nLength = vsnprintf(szMessage, sizeof(szMessage), format, arguments);
+    const int iLength = vsnprintf(szMessage, sizeof(szMessage), format, arguments);
     try {
         // A format that cannot be filled in still tells where the trouble was.
-        std::string_view message = nLength < 0 ? format : szMessage;
-        if (nLength >= static_cast<int>(sizeof(szMessage))) {
+        std::string_view message = iLength < 0 ? format : szMessage;
+        if (iLength >= static_cast<int>(sizeof(szMessage))) {
             memcpy(szMessage + sizeof(szMessage) - 4, "...", 4);
         } else if (!message.empty() && message.back() == '\n') {
             message.remove_suffix(1);
         }
-        std::string strLine = FormatLogLine(std::clamp<int>(nLevel, LEVEL_SEVERE, LEVEL_DEBUG), source, line, message);
+        std::string strLine = FormatLogLine(std::clamp<int>(iLevel, kLevelSevere, kLevelDebug), source, line, message);
         const CWriteSignalGuard noWriteSignals;
         WriteToStandardError(WriteToFile(std::move(strLine)));
     } catch (...) { // out of memory: the line is lost, the caller goes on
     }
-    errno = nError;
+    errno = iError;
 }
 
 void CLogger::Close() noexcept {
@@ -213,5 +212,5 @@ void error_output(int level, const char *source, int line, const char *format, .
 }
 
 int is_open_debug_log_avscan(void) {
-    return Logger().Level() == LEVEL_DEBUG ? 1 : 0;
+    return Logger().Level() == kLevelDebug ? 1 : 0;
 }
