@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kLargestFile = 1U << 20; // bytes
 
-// The file's text; a missing file is an empty one, any other trouble is a failure.
+// A missing file is an empty one; any other trouble is a failure.
 bool LoadText(const std::string &strPath, std::string &strText, std::string &strError) {
     CDescriptor file;
     mode_t mode = 0;
@@ -49,12 +49,13 @@ bool LoadStore(const std::string &strPath, CSimpleIniA &store, std::string &strE
 
 bool RandomKey(std::string &strKey, std::string &strError) {
     strKey.resize(kKeySize);
-    ssize_t got = 0;
+    ssize_t nGot = 0;
     do {
-        got = getrandom(strKey.data(), strKey.size(), 0);
-    } while (got < 0 && errno == EINTR);
-    if (got == static_cast<ssize_t>(strKey.size()))
+        nGot = getrandom(strKey.data(), strKey.size(), 0);
+    } while (nGot < 0 && errno == EINTR);
+    if (nGot == static_cast<ssize_t>(strKey.size())) {
         return true;
+    }
     strError = "the system gives no random numbers";
     return false;
 }
@@ -63,13 +64,16 @@ bool RandomKey(std::string &strKey, std::string &strError) {
 
 bool EnsureBusinessKey(const std::string &strPath, std::string &strError) {
     CSimpleIniA store;
-    if (!LoadStore(strPath, store, strError))
+    if (!LoadStore(strPath, store, strError)) {
         return false;
-    if (store.GetValue(kKeySection, kKeyName) != nullptr)
+    }
+    if (store.GetValue(kKeySection, kKeyName) != nullptr) {
         return true;
+    }
     std::string strKey;
-    if (!RandomKey(strKey, strError))
+    if (!RandomKey(strKey, strError)) {
         return false;
+    }
     std::string strText;
     if (store.SetValue(kKeySection, kKeyName, HexText(strKey).c_str()) < 0 || store.Save(strText) < 0) {
         strError = "cannot add a key to " + EscapeName(strPath);
@@ -80,11 +84,13 @@ bool EnsureBusinessKey(const std::string &strPath, std::string &strError) {
 
 bool ReadBusinessKey(const std::string &strPath, std::string &strKey, std::string &strError) {
     CSimpleIniA store;
-    if (!LoadStore(strPath, store, strError))
+    if (!LoadStore(strPath, store, strError)) {
         return false;
+    }
     const char *pszValue = store.GetValue(kKeySection, kKeyName);
-    if (pszValue != nullptr && FromHexText(pszValue, strKey) && strKey.size() == kKeySize)
+    if (pszValue != nullptr && FromHexText(pszValue, strKey) && strKey.size() == kKeySize) {
         return true;
+    }
     strError = EscapeName(strPath) + " holds no 28 hexadecimal digits as " + kKeyName + " in section " + kKeySection;
     return false;
 }

@@ -11,21 +11,23 @@ ELock CFileLock::TryTake(const std::string &strPath, std::string &strError) {
         m_file = std::move(file);
         return ELock::Taken;
     }
-    if (file.IsOpen() && errno == EWOULDBLOCK)
+    if (file.IsOpen() && errno == EWOULDBLOCK) {
         return ELock::Busy;
+    }
     strError = "cannot lock " + ErrnoText(strPath, errno);
     return ELock::Failed;
 }
 
 ELock CFileLock::Take(const std::string &strPath, const std::atomic<bool> &bStop,
                       const std::function<void()> &onWaiting, std::string &strError) {
-    constexpr timespec step{0, 20000000}; // 20 milliseconds
-    constexpr int nPatience = 50;         // steps; a second
+    constexpr timespec kStep = {0, 20000000}; // 20 milliseconds
+    constexpr size_t kPatience = 50;          // steps; a second
     ELock eLock = TryTake(strPath, strError);
-    for (int nSteps = 1; eLock == ELock::Busy && !bStop.load(); ++nSteps) {
-        if (nSteps == nPatience)
+    for (size_t nSteps = 1; eLock == ELock::Busy && !bStop.load(); ++nSteps) {
+        if (nSteps == kPatience) {
             onWaiting();
-        (void)nanosleep(&step, nullptr);
+        }
+        (void)nanosleep(&kStep, nullptr);
         eLock = TryTake(strPath, strError);
     }
     return eLock;

@@ -7,7 +7,7 @@
 #include <vector>
 
 // Adds the MD5s of a list, in lower case. Blanks around a line, a carriage return at its end, empty lines and lines
-// that begin with "#" are skipped; anything else is refused: false, with the line's number in *strError.
+// that begin with "#" are skipped; anything else is refused: false, with the line's number in strError.
 bool ReadMD5Lines(std::istream &lines, const std::string &strSource, std::vector<std::string> &vecMD5,
                   std::string &strError);
 

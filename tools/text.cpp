@@ -5,41 +5,44 @@
 #include <system_error>
 
 std::string LowerCase(std::string_view text) {
-    std::string out(text);
-    for (char &character : out) {
-        if (character >= 'A' && character <= 'Z')
-            character = static_cast<char>(character - 'A' + 'a');
+    std::string strOut(text);
+    for (char &ch : strOut) {
+        if (ch >= 'A' && ch <= 'Z') {
+            ch = static_cast<char>(ch - 'A' + 'a');
+        }
     }
-    return out;
+    return strOut;
 }
 
-std::string BytesText(uint64_t uBytes) {
-    constexpr std::array<const char *, 6> units{"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-    if (uBytes < 1024)
-        return std::to_string(uBytes);
-    double value = static_cast<double>(uBytes) / 1024.0;
-    size_t unit = 0;
-    for (; value >= 1024.0 && unit + 1 < units.size(); ++unit)
+std::string BytesText(uint64_t ullBytes) {
+    constexpr std::array<const char *, 6> kUnits = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    if (ullBytes < 1024) {
+        return std::to_string(ullBytes);
+    }
+    double value = static_cast<double>(ullBytes) / 1024.0;
+    size_t nUnit = 0;
+    for (; value >= 1024.0 && nUnit + 1 < kUnits.size(); ++nUnit) {
         value /= 1024.0;
-    std::array<char, 64> buffer{};
-    (void)std::snprintf(buffer.data(), buffer.size(), " (%.1f %s)", value, units[unit]);
-    return std::to_string(uBytes) + buffer.data();
+    }
+    char szUnit[64] = {};
+    (void)std::snprintf(szUnit, sizeof(szUnit), " (%.1f %s)", value, kUnits[nUnit]);
+    return std::to_string(ullBytes) + szUnit;
 }
 
 std::string DurationText(double seconds) {
-    const auto total = static_cast<uint64_t>(seconds < 0 ? 0 : seconds + 0.5);
-    std::array<char, 64> buffer{};
-    const auto hours = static_cast<unsigned long long>(total / 3600);
-    const auto minutes = static_cast<unsigned>(total / 60 % 60);
-    const auto rest = static_cast<unsigned>(total % 60);
-    if (hours != 0) {
-        (void)std::snprintf(buffer.data(), buffer.size(), "%llu:%02u:%02u", hours, minutes, rest);
+    const auto ullTotal = static_cast<uint64_t>(seconds < 0 ? 0 : seconds + 0.5);
+    const auto ullHours = static_cast<unsigned long long>(ullTotal / 3600);
+    const auto ulMinutes = static_cast<uint32_t>(ullTotal / 60 % 60);
+    const auto ulSeconds = static_cast<uint32_t>(ullTotal % 60);
+    char szText[64] = {};
+    if (ullHours != 0) {
+        (void)std::snprintf(szText, sizeof(szText), "%llu:%02u:%02u", ullHours, ulMinutes, ulSeconds);
     } else {
-        (void)std::snprintf(buffer.data(), buffer.size(), "%u:%02u", minutes, rest);
+        (void)std::snprintf(szText, sizeof(szText), "%u:%02u", ulMinutes, ulSeconds);
     }
-    return buffer.data();
+    return szText;
 }
 
-std::string ErrnoText(std::string_view path, int error) {
-    return EscapeName(path) + ": " + std::generic_category().message(error);
+std::string ErrnoText(std::string_view path, int iError) {
+    return EscapeName(path) + ": " + std::generic_category().message(iError);
 }
