@@ -16,6 +16,7 @@
 
 #include "agent/connection.h"
 #include "agent/find_progress.h"
+#include "agent/markers.h"
 #include "agent/start_gate.h"
 #include "agent/write_queue.h"
 #include "platform/nubcl_ev.h"
@@ -27,7 +28,6 @@
 
 #include <atomic>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -41,14 +41,8 @@ struct _DBStatistics {
 };
 static_assert(sizeof(_DBStatistics) == 20);
 
-using ENGID = int32_t;               // one engine
-using EngineSet = std::set<int16_t>; // engines as the cache table stores them
-
 // How the agent is started: the argument of AgentInit.
 enum class EMode : int { Full = TARN_MODE_FULL, Direct = TARN_MODE_DIRECT, Reader = TARN_MODE_READER };
-
-// Path of the enciphered digest list into path (size bytes). True when the file exists; else logged and false.
-TARN_API bool GetUpdateCacheFilePath(char *path, int32_t size);
 
 class TARN_API CDataBaseAgent {
   public:

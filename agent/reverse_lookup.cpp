@@ -3,7 +3,6 @@
 #include "agent/dbagent.h"
 
 #include "agent/stored_record.h"
-#include "interface/tarncache.h"
 #include "util/dbfileutil.h"
 #include "util/log.h"
 

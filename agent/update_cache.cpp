@@ -4,8 +4,6 @@
 
 #include "agent/update_list.h"
 #include "formats/installation.h"
-#include "interface/tarncache.h"
-#include "platform/nubbase.h"
 #include "util/log.h"
 
 #include <cerrno>
@@ -45,20 +43,6 @@ std::unique_ptr<std::FILE, _FileClose> OpenForReading(const char *pszPath) {
 
 } // namespace
 
-bool GetUpdateCacheFilePath(char *path, int32_t size) {
-    if (path == nullptr || size <= 0) {
-        return false;
-    }
-    std::vector<char> vecPattern(static_cast<size_t>(size));
-    str_snprintf(vecPattern.data(), vecPattern.size(), "%s", kUpdateCachePath);
-    dirutils_path_transform(vecPattern.data(), path, size);
-    if (access(path, F_OK) != 0) {
-        TARN_LOG_ERROR("[%s]access %s failed", path);
-        return false;
-    }
-    return true;
-}
-
 uint32_t CDataBaseAgent::CheckDeleteFrepCacheRecords() {
     int32_t lFlag = 0;
     if (!ReadCleanCacheFlag(kHashMarkerName, &lFlag)) {
@@ -66,9 +50,7 @@ uint32_t CDataBaseAgent::CheckDeleteFrepCacheRecords() {
     }
     if (const uint32_t ulResult = DeleteCacheRecordsByFileMD5(); ulResult != TARN_OK) {
         TARN_LOG_ERROR("[%s]DeleteCacheRecordsByFileMD5 failed with hr = 0x%08x", ulResult);
-        char szPath[TARN_PATH_SIZE] = {};
-        m_bListRefused =
-            dirutils_path_transform(kUpdateCachePath, szPath, sizeof szPath) != 0 && access(szPath, F_OK) == 0;
+        m_bListRefused = IsUpdateListThere();
         return TARN_E_FAIL; // marker and list stay for the next start
     }
     (void)ResetCleanCacheFlag(kHashMarkerName);

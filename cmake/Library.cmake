@@ -20,6 +20,7 @@ add_library(tarncache SHARED
   agent/engine_flags.cpp
   agent/explain.cpp
   agent/lookup_add.cpp
+  agent/markers.cpp
   agent/reverse_lookup.cpp
   agent/start_gate.cpp
   agent/statistics.cpp
