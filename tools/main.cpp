@@ -1,8 +1,8 @@
 // tarncache: scans files with libclamav behind the cache of libtarncache, and looks after that cache.
-#include "tools/commands.h"
+#include "tools/commands/commands.h"
 
-#include "tools/path_argument.h"
 #include "tools/text.h"
+#include "tools/text/path_argument.h"
 
 #include <CLI/CLI.hpp>
 

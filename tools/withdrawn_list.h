@@ -2,7 +2,7 @@
 #ifndef TARN_TOOLS_WITHDRAWN_LIST_H
 #define TARN_TOOLS_WITHDRAWN_LIST_H
 
-#include "tools/install_root.h"
+#include "tools/cache/install_root.h"
 
 #include <string>
 

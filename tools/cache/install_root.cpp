@@ -1,0 +1,141 @@
+#include "tools/cache/install_root.h"
+
+#include "default_config.h" // made from config/tarncfg.ini
+#include "tools/atomic_file.h"
+#include "tools/business_key.h"
+#include "tools/text.h"
+#include "tools/text/path_argument.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+struct _FolderRule {
+    const char *pszName;
+    mode_t mode;
+    mode_t forbidden; // permission bits that would let somebody else plant verdicts
+};
+
+constexpr std::array<_FolderRule, 6> kFolders{{
+    {"", 0755, S_IWOTH},
+    {kLibraryFolder, 0755, 0},
+    {kConfigFolder, 0755, S_IWOTH},
+    {kEngineFolder, 0755, S_IWGRP | S_IWOTH},
+    {kCacheFolder, 0700, S_IWGRP | S_IWOTH},
+    {kUpdateFolder, 0700, S_IWGRP | S_IWOTH},
+}};
+
+std::string Environment(const char *pszName) {
+    const char *pszValue = getenv(pszName);
+    return pszValue == nullptr ? std::string() : std::string(pszValue);
+}
+
+std::string UserFolder() {
+    const std::string strData = Environment("XDG_DATA_HOME");
+    if (!strData.empty() && strData.front() == '/')
+        return strData + "/tarncache";
+    std::string strHome = Environment("HOME");
+    if (strHome.empty()) {
+        const struct passwd *pUser = getpwuid(geteuid());
+        strHome = pUser == nullptr ? "/" : pUser->pw_dir;
+    }
+    return strHome + "/.local/share/tarncache";
+}
+
+bool IsUsablePrefix(const std::string &strPrefix) {
+    return !strPrefix.empty() && access((strPrefix + "/config/tarncfg.ini").c_str(), R_OK | W_OK) == 0 &&
+           access((strPrefix + "/config").c_str(), W_OK) == 0 && access((strPrefix + "/engine").c_str(), W_OK) == 0;
+}
+
+bool MakeFolder(const std::string &strPath, mode_t mode, std::string &strError) {
+    if (mkdir(strPath.c_str(), mode) == 0 || errno == EEXIST)
+        return true;
+    const size_t slash = strPath.rfind('/');
+    if (errno == ENOENT && slash != std::string::npos && slash != 0 &&
+        MakeFolder(strPath.substr(0, slash), 0755, strError) && mkdir(strPath.c_str(), mode) == 0)
+        return true;
+    strError = "cannot make the folder " + ErrnoText(strPath, errno);
+    return false;
+}
+
+// A folder that belongs to somebody else, or that others may write to, could be filled with false verdicts.
+bool IsTrusted(const std::string &strPath, mode_t forbidden, std::string &strError) {
+    struct stat status {};
+    if (stat(strPath.c_str(), &status) != 0) {
+        strError = "cannot use the folder " + ErrnoText(strPath, errno);
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        strError = EscapeName(strPath) + " is not a folder";
+    } else if (status.st_uid != geteuid() && status.st_uid != 0) {
+        strError = "the folder " + EscapeName(strPath) + " belongs to another user";
+    } else if ((status.st_mode & forbidden) != 0) {
+        strError = "the folder " + EscapeName(strPath) + " can be written to by other users";
+    } else {
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+std::string ProgramPrefix() {
+    std::array<char, PATH_MAX> buffer{};
+    const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+    if (length <= 0)
+        return {};
+    const std::string strProgram(buffer.data(), static_cast<size_t>(length));
+    const size_t folderEnd = strProgram.rfind('/');
+    const size_t prefixEnd = folderEnd == 0 ? std::string::npos : strProgram.rfind('/', folderEnd - 1);
+    return prefixEnd == std::string::npos ? std::string() : strProgram.substr(0, prefixEnd);
+}
+
+bool Exists(const std::string &strPath) {
+    struct stat status {};
+    return lstat(strPath.c_str(), &status) == 0;
+}
+
+CInstallRoot::CInstallRoot(const std::string &strOption) {
+    const std::string strInherited = Environment("TARN_INSTALL_DIR");
+    const std::string strPrefix = ProgramPrefix();
+    if (!strOption.empty()) {
+        m_strPath = AbsolutePath(strOption);
+    } else if (!strInherited.empty()) {
+        m_strPath = AbsolutePath(strInherited + "/..");
+        m_bFromEnvironment = true;
+    } else if (IsUsablePrefix(strPrefix)) {
+        m_strPath = strPrefix;
+    } else {
+        m_strPath = geteuid() == 0 ? "/var/lib/tarncache" : AbsolutePath(UserFolder());
+    }
+    if (m_strPath.empty())
+        m_strPath =
+            strOption.empty() ? "." : strOption; // no working folder to begin from: every use of it fails, and says so
+}
+
+void CInstallRoot::ExportToLibrary() const {
+    if (!m_bFromEnvironment)
+        (void)setenv("TARN_INSTALL_DIR", Below("lib").c_str(), 1);
+}
+
+bool CInstallRoot::Prepare(std::string &strError) const {
+    for (const _FolderRule &rule : kFolders) {
+        const std::string strFolder = *rule.pszName == '\0' ? m_strPath : Below(rule.pszName);
+        if (!MakeFolder(strFolder, rule.mode, strError) || !IsTrusted(strFolder, rule.forbidden, strError))
+            return false;
+    }
+    if (!Exists(ConfigFile()) && !WriteFileAtomically(ConfigFile(), kDefaultConfig, 0644, EExisting::Keep, strError))
+        return false;
+    // Trouble with a key that is there is for those who need it.
+    return Exists(KeyFile()) || EnsureBusinessKey(KeyFile(), strError);
+}
+
+bool CInstallRoot::IsSetUp() const {
+    return Exists(ConfigFile()) && Exists(Below("engine"));
+}

@@ -1,0 +1,73 @@
+// The use of the cache by one run of the program.
+#ifndef TARN_TOOLS_CACHE_SESSION_H
+#define TARN_TOOLS_CACHE_SESSION_H
+
+#include "tools/cache/added_records.h"
+#include "tools/cache/install_root.h"
+#include "tools/engine/file_verdict.h"
+#include "tools/file_lock.h"
+#include "tools/scan/report.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+// The full cache of a scan. Start and Stop belong to the main thread; the rest may be called from the workers.
+class CCacheSession {
+  public:
+    CCacheSession() = default;
+    CCacheSession(const CCacheSession &) = delete;
+    CCacheSession &operator=(const CCacheSession &) = delete;
+    ~CCacheSession() { Stop(); }
+
+    // Sets the installation folder up, marks the engine's records for dropping when the signatures are not those of
+    // the last scan, starts the cache and waits until it has dropped what it was told to, however long that takes.
+    // False when it cannot be used, another scan's use included, with the reason and what to check in *strWhy.
+    bool Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
+
+    // Waits for the writer when anything was added; returns how many records it could not store.
+    uint64_t CountLost() const { return m_bInUse ? m_added.CountLost(m_uTag) : 0; }
+
+    // Writes everything that is queued and closes the cache.
+    void Stop();
+
+    bool IsInUse() const { return m_bInUse; }
+
+    // True when the cache knows the file, unchanged, by a verdict of these very signatures.
+    bool Find(const std::string &strPath, _FileVerdict &verdict) const;
+
+    // False when the cache refuses the verdict.
+    bool Add(const std::string &strPath, const _FileVerdict &verdict);
+
+    // A record with this MD5 was added for a file that changed in that very moment; Stop deletes it.
+    void TakeBack(const std::string &strMD5);
+
+  private:
+    bool Open(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
+
+    bool m_bInUse = false; // constant while workers run, like the tag
+    uint32_t m_uTag = 0;
+    CFileLock m_scanLock;   // for as long as the cache is used
+    CFileLock m_updateLock; // until what was pending is dropped
+    CAddedRecords m_added;
+    std::mutex m_mutex; // guards the list
+    std::vector<std::string> m_vecTakenBack;
+};
+
+// The cache without its writer, for the commands that only ask or delete. Never sets an installation folder up.
+class CReadOnlyCache {
+  public:
+    CReadOnlyCache() = default;
+    CReadOnlyCache(const CReadOnlyCache &) = delete;
+    CReadOnlyCache &operator=(const CReadOnlyCache &) = delete;
+    ~CReadOnlyCache();
+    bool Start(const CInstallRoot &root, std::string &strError);
+
+  private:
+    bool m_bStarted = false;
+};
+
+// What has been left for the next scan to drop; empty when nothing was. Answers may rest on such records.
+std::string PendingText(const CInstallRoot &root);
+
+#endif

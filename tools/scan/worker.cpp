@@ -1,0 +1,212 @@
+#include "tools/scan/worker.h"
+
+#include "support/hex.h"
+#include "tools/text.h"
+#include "tools/text/path_argument.h"
+
+#include <nettle/md5.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <system_error>
+
+namespace {
+
+constexpr size_t kReadSize = 256u << 10; // bytes
+constexpr int64_t kSettleTime = 2;       // seconds
+
+bool IsSameTime(const timespec &first, const timespec &second) {
+    return first.tv_sec == second.tv_sec && first.tv_nsec == second.tv_nsec;
+}
+
+bool IsUnchanged(const struct stat &before, const struct stat &after) {
+    return before.st_dev == after.st_dev && before.st_ino == after.st_ino && before.st_size == after.st_size &&
+           IsSameTime(before.st_mtim, after.st_mtim) && IsSameTime(before.st_ctim, after.st_ctim);
+}
+
+// The cache keeps a change time in whole seconds: a file that changed just now can change again without the cache
+// being able to tell. A time in the future says that the clocks disagree, which is no better.
+bool IsTooNew(const struct stat &status, const timespec &now) {
+    const timespec &changed = status.st_ctim;
+    return changed.tv_sec > now.tv_sec - kSettleTime ||
+           (changed.tv_sec == now.tv_sec - kSettleTime && changed.tv_nsec > now.tv_nsec);
+}
+
+} // namespace
+
+CScanWorker::CScanWorker(std::unique_ptr<CScanEngine> pEngine, const _ScanShared &shared)
+    : m_pEngine(std::move(pEngine)), m_shared(shared), m_vecBuffer(kReadSize) {}
+
+void CScanWorker::Run() {
+    for (std::vector<_ScanJob> jobs = m_shared.queue.Pop(); !jobs.empty(); jobs = m_shared.queue.Pop()) {
+        for (const _ScanJob &job : jobs) {
+            if (m_shared.stop.load(std::memory_order_relaxed))
+                return;
+            LookAt(job);
+        }
+    }
+}
+
+void CScanWorker::LookAt(const _ScanJob &job) {
+    _FileReport file;
+    file.strPath = job.Path();
+    timespec now{}; // taken first: a change after it then shows as one in the future
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    _StatusBefore before{};
+    if (fstatat(job.FolderFd(), job.strName.c_str(), &before.status, AT_SYMLINK_NOFOLLOW) != 0) {
+        // Files come and go while a tree is walked; only one that was asked for by name is missed.
+        if (job.pFolder == nullptr || errno != ENOENT)
+            m_shared.report.Problem(file.strPath, errno);
+        return;
+    }
+    const bool bOwn = m_shared.ownFiles.IsOwnFile(file.strPath, before.status);
+    if (bOwn || !S_ISREG(before.status.st_mode)) {
+        m_shared.counters.CountSkipped(bOwn ? ESkipped::OwnFiles : ESkipped::NotAFile);
+        return;
+    }
+    before.bTooNew = IsTooNew(before.status, now);
+    file.uSize = static_cast<uint64_t>(before.status.st_size);
+    if (!AskCache(file))
+        ScanFile(job, before, file);
+    Count(file);
+    m_shared.report.File(file);
+}
+
+bool CScanWorker::AskCache(_FileReport &file) const {
+    if (!m_shared.cache.IsInUse() || file.strPath.size() >= kLongestCachedPath)
+        return false;
+    _FileVerdict verdict;
+    file.bFromCache = m_shared.cache.Find(file.strPath, verdict);
+    if (file.bFromCache)
+        file.verdict = verdict;
+    return file.bFromCache;
+}
+
+void CScanWorker::ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file) {
+    CDescriptor descriptor = OpenForReading(job.FolderFd(), job.strName.c_str(), ELastLink::Refuse);
+    struct stat opened {};
+    if (!descriptor.IsOpen() || fstat(descriptor.Get(), &opened) != 0) {
+        file.verdict.eVerdict = EVerdict::Error;
+        file.strError = std::generic_category().message(errno);
+        file.eNotCached = ENotCached::ScanError;
+    } else if (m_shared.ownFiles.IsOwnFile(file.strPath, opened)) {
+        (void)descriptor.Release(); // left open on purpose: closing it would drop this process's locks on the file
+        file.verdict.eVerdict = EVerdict::Error;
+        file.strError = "replaced by a file of the cache while it was opened";
+        file.eNotCached = ENotCached::ScanError;
+    } else if (!S_ISREG(opened.st_mode)) {
+        file.verdict.eVerdict = EVerdict::Error;
+        file.strError = "no longer a regular file";
+        file.eNotCached = ENotCached::ScanError;
+    } else {
+        ReadAndScan(descriptor.Get(), opened, file);
+        file.eNotCached = ReasonNotToAdd(job, descriptor.Get(), before, file);
+        if (file.eNotCached == ENotCached::Cached)
+            file.eNotCached = AddToCache(before.status, file);
+    }
+    if (!m_shared.cache.IsInUse())
+        file.eNotCached = ENotCached::Cached; // nothing to give a reason for
+}
+
+void CScanWorker::ReadAndScan(int fd, const struct stat &opened, _FileReport &file) {
+    file.uSize = static_cast<uint64_t>(opened.st_size);
+    if (file.uSize > m_pEngine->MaxFileSize()) {
+        file.verdict.eVerdict = EVerdict::LimitExceeded; // the engine would not look inside either
+        return;
+    }
+    std::string strMD5;
+    if ((m_shared.bWantDigest && !DigestFile(fd, file.uSize, strMD5)) || lseek(fd, 0, SEEK_SET) != 0) {
+        file.verdict.eVerdict = m_shared.stop.load() ? EVerdict::Interrupted : EVerdict::Error;
+        file.strError = std::generic_category().message(errno);
+        return;
+    }
+    file.verdict = m_pEngine->ScanDescriptor(fd, file.uSize, m_shared.stop, file.strError);
+    file.verdict.strMD5 = strMD5;
+}
+
+// The digest of the first uSize bytes; a file that grows or shrinks meanwhile is told by its status afterwards.
+bool CScanWorker::DigestFile(int fd, uint64_t uSize, std::string &strMD5) {
+    md5_ctx hash;
+    md5_init(&hash);
+    (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    for (uint64_t uDone = 0; uDone < uSize;) {
+        if (m_shared.stop.load(std::memory_order_relaxed))
+            return false;
+        const ssize_t count = read(fd, m_vecBuffer.data(), std::min<uint64_t>(m_vecBuffer.size(), uSize - uDone));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return false;
+        if (count == 0)
+            break;
+        md5_update(&hash, static_cast<size_t>(count), m_vecBuffer.data());
+        uDone += static_cast<uint64_t>(count);
+    }
+    std::string strBytes(MD5_DIGEST_SIZE, '\0');
+    md5_digest(&hash, strBytes.size(), reinterpret_cast<uint8_t *>(strBytes.data()));
+    strMD5 = HexText(strBytes);
+    return true;
+}
+
+ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _StatusBefore &before,
+                                       const _FileReport &file) const {
+    switch (file.verdict.eVerdict) {
+    case EVerdict::Error:
+        return ENotCached::ScanError;
+    case EVerdict::TimedOut:
+        return ENotCached::TimedOut;
+    case EVerdict::LimitExceeded:
+        return ENotCached::LimitExceeded;
+    case EVerdict::Interrupted:
+        return ENotCached::Interrupted;
+    case EVerdict::Clean:
+    case EVerdict::Infected:
+        break;
+    }
+    struct stat opened {};
+    struct stat named {};
+    if (fstat(fd, &opened) != 0 || !IsUnchanged(before.status, opened) ||
+        fstatat(job.FolderFd(), job.strName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !IsUnchanged(before.status, named))
+        return ENotCached::ChangedDuringScan;
+    if (file.strPath.size() >= kLongestCachedPath)
+        return ENotCached::PathTooLong;
+    return before.bTooNew ? ENotCached::TooNew : ENotCached::Cached;
+}
+
+// The cache takes the file's status itself, a moment after the last comparison. Should the file change in just that
+// moment, its new status would be stored with the old verdict; so the status is compared once more afterwards, and
+// the session takes such a record back before the program ends.
+ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport &file) {
+    if (!m_shared.cache.IsInUse())
+        return ENotCached::Cached;
+    if (!m_shared.cache.Add(file.strPath, file.verdict))
+        return ENotCached::Refused;
+    struct stat after {};
+    if (lstat(file.strPath.c_str(), &after) == 0 && IsUnchanged(before, after))
+        return ENotCached::Cached;
+    m_shared.cache.TakeBack(file.verdict.strMD5);
+    return ENotCached::ChangedDuringScan;
+}
+
+void CScanWorker::Count(const _FileReport &file) {
+    _ScanCounters &counters = m_shared.counters;
+    const EVerdict eVerdict = file.verdict.eVerdict;
+    if (file.eNotCached != ENotCached::Cached)
+        counters.CountNotCached(file.eNotCached);
+    if (eVerdict == EVerdict::Interrupted)
+        return;
+    ++counters.nFiles;
+    if (file.bFromCache) {
+        ++counters.nFromCache;
+        counters.uBytesNotRead += file.uSize;
+    } else if (eVerdict != EVerdict::Error) {
+        ++counters.nScanned;
+        counters.uBytesRead += file.uSize <= m_pEngine->MaxFileSize() ? file.uSize : 0;
+    }
+    counters.nInfected += eVerdict == EVerdict::Infected ? 1 : 0;
+    counters.nErrors += eVerdict == EVerdict::Error || eVerdict == EVerdict::TimedOut ? 1 : 0;
+    counters.nTimedOut += eVerdict == EVerdict::TimedOut ? 1 : 0;
+    counters.nLimitExceeded += eVerdict == EVerdict::LimitExceeded ? 1 : 0;
+}
