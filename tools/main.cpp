@@ -107,8 +107,9 @@ void AddWithdraw(CLI::App &app, _WithdrawOptions &options) {
 // A program started with one of these closed would give its number to the next file it opens, and write messages there.
 bool KeepStandardStreams() {
     for (int fd = open("/dev/null", O_RDWR); fd >= 0; fd = open("/dev/null", O_RDWR)) {
-        if (fd > STDERR_FILENO)
+        if (fd > STDERR_FILENO) {
             return close(fd) == 0;
+        }
     }
     return false;
 }
@@ -129,18 +130,23 @@ int Run(int argc, char **argv) {
         return app.exit(error) == 0 ? kExitClean : kExitTrouble;
     }
     if (app.got_subcommand("scan")) {
-        if (scan.vecPaths.empty() && scan.strFileList.empty())
+        if (scan.vecPaths.empty() && scan.strFileList.empty()) {
             return Trouble("scan: nothing to scan; give a PATH or --file-list");
-        for (std::string &strGlob : scan.vecExclude)
+        }
+        for (std::string &strGlob : scan.vecExclude) {
             strGlob = AbsoluteGlob(strGlob);
+        }
         return RunScan(scan);
     }
-    if (app.got_subcommand("withdraw"))
+    if (app.got_subcommand("withdraw")) {
         return RunWithdraw(withdraw);
-    if (app.got_subcommand("lookup"))
+    }
+    if (app.got_subcommand("lookup")) {
         return RunLookup(ask);
-    if (app.got_subcommand("stats"))
+    }
+    if (app.got_subcommand("stats")) {
         return RunStats(ask);
+    }
     return app.got_subcommand("forget") ? RunForget(ask) : RunFind(ask);
 }
 
@@ -153,14 +159,16 @@ int Trouble(const std::string &strText) {
 
 int Finish(const std::string &strOutput, int status) {
     const bool bWritten = std::fwrite(strOutput.data(), 1, strOutput.size(), stdout) == strOutput.size();
-    if (bWritten && std::fflush(stdout) == 0)
+    if (bWritten && std::fflush(stdout) == 0) {
         return status;
+    }
     return Trouble(ErrnoText("standard output", errno));
 }
 
 int main(int argc, char **argv) {
-    if (!KeepStandardStreams())
+    if (!KeepStandardStreams()) {
         return kExitTrouble;
+    }
     try {
         return Run(argc, argv);
     } catch (const std::exception &error) {

@@ -22,8 +22,9 @@ void CAddedRecords::Note(const std::string &strPath) {
     const std::lock_guard lock(m_mutex);
     ++m_nAdded;
     if (m_vecProbes.empty() || m_vecProbes.back().nRecords == kMostPerProbe ||
-        now - m_vecProbes.back().begin >= kLongestProbe)
+        now - m_vecProbes.back().begin >= kLongestProbe) {
         m_vecProbes.push_back({{}, 0, now});
+    }
     m_vecProbes.back().strPath = strPath;
     ++m_vecProbes.back().nRecords;
 }
@@ -36,10 +37,11 @@ uint64_t CAddedRecords::CountLost(uint32_t uTag) const {
         const uint32_t uBefore = statistic.ulAddedCount;
         const Clock::time_point asked = Clock::now();
         const bool bAnswered = LocalCacheGetStatistic(&statistic) == TARN_OK;
-        if (statistic.ulAddedCount != uBefore || (bAnswered && Clock::now() - asked > std::chrono::seconds(1)))
+        if (statistic.ulAddedCount != uBefore || (bAnswered && Clock::now() - asked > std::chrono::seconds(1))) {
             lastMove = Clock::now();
-        else
+        } else {
             (void)nanosleep(&kPollStep, nullptr);
+        }
     }
     const uint64_t nNotWritten = m_nAdded - std::min<uint64_t>(m_nAdded, statistic.ulAddedCount);
     return statistic.ulCacheSize < kTrimmedSize ? std::max(nNotWritten, CountMissing(uTag)) : nNotWritten;
@@ -53,10 +55,12 @@ uint64_t CAddedRecords::CountMissing(uint32_t uTag) const {
         _SCAN_FILE_RESULT record{};
         _FileVerdict verdict;
         uint32_t uState = TARN_PEEK_UNKNOWN;
-        if (LocalCachePeek(probe.strPath.c_str(), szMD5, &record, &uState) != TARN_OK)
+        if (LocalCachePeek(probe.strPath.c_str(), szMD5, &record, &uState) != TARN_OK) {
             break; // the database is out of reach, and each further question would wait for it
-        if (uState == TARN_PEEK_UNKNOWN || !FromRecord(record, szMD5, uTag, verdict))
+        }
+        if (uState == TARN_PEEK_UNKNOWN || !FromRecord(record, szMD5, uTag, verdict)) {
             nMissing += probe.nRecords;
+        }
     }
     return nMissing;
 }

@@ -38,8 +38,9 @@ std::string Environment(const char *pszName) {
 
 std::string UserFolder() {
     const std::string strData = Environment("XDG_DATA_HOME");
-    if (!strData.empty() && strData.front() == '/')
+    if (!strData.empty() && strData.front() == '/') {
         return strData + "/tarncache";
+    }
     std::string strHome = Environment("HOME");
     if (strHome.empty()) {
         const struct passwd *pUser = getpwuid(geteuid());
@@ -54,12 +55,14 @@ bool IsUsablePrefix(const std::string &strPrefix) {
 }
 
 bool MakeFolder(const std::string &strPath, mode_t mode, std::string &strError) {
-    if (mkdir(strPath.c_str(), mode) == 0 || errno == EEXIST)
+    if (mkdir(strPath.c_str(), mode) == 0 || errno == EEXIST) {
         return true;
+    }
     const size_t slash = strPath.rfind('/');
     if (errno == ENOENT && slash != std::string::npos && slash != 0 &&
-        MakeFolder(strPath.substr(0, slash), 0755, strError) && mkdir(strPath.c_str(), mode) == 0)
+        MakeFolder(strPath.substr(0, slash), 0755, strError) && mkdir(strPath.c_str(), mode) == 0) {
         return true;
+    }
     strError = "cannot make the folder " + ErrnoText(strPath, errno);
     return false;
 }
@@ -88,8 +91,9 @@ bool IsTrusted(const std::string &strPath, mode_t forbidden, std::string &strErr
 std::string ProgramPrefix() {
     std::array<char, PATH_MAX> buffer{};
     const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
-    if (length <= 0)
+    if (length <= 0) {
         return {};
+    }
     const std::string strProgram(buffer.data(), static_cast<size_t>(length));
     const size_t folderEnd = strProgram.rfind('/');
     const size_t prefixEnd = folderEnd == 0 ? std::string::npos : strProgram.rfind('/', folderEnd - 1);
@@ -114,24 +118,28 @@ CInstallRoot::CInstallRoot(const std::string &strOption) {
     } else {
         m_strPath = geteuid() == 0 ? "/var/lib/tarncache" : AbsolutePath(UserFolder());
     }
-    if (m_strPath.empty())
+    if (m_strPath.empty()) {
         m_strPath =
             strOption.empty() ? "." : strOption; // no working folder to begin from: every use of it fails, and says so
+    }
 }
 
 void CInstallRoot::ExportToLibrary() const {
-    if (!m_bFromEnvironment)
+    if (!m_bFromEnvironment) {
         (void)setenv("TARN_INSTALL_DIR", Below("lib").c_str(), 1);
+    }
 }
 
 bool CInstallRoot::Prepare(std::string &strError) const {
     for (const _FolderRule &rule : kFolders) {
         const std::string strFolder = *rule.pszName == '\0' ? m_strPath : Below(rule.pszName);
-        if (!MakeFolder(strFolder, rule.mode, strError) || !IsTrusted(strFolder, rule.forbidden, strError))
+        if (!MakeFolder(strFolder, rule.mode, strError) || !IsTrusted(strFolder, rule.forbidden, strError)) {
             return false;
+        }
     }
-    if (!Exists(ConfigFile()) && !WriteFileAtomically(ConfigFile(), kDefaultConfig, 0644, EExisting::Keep, strError))
+    if (!Exists(ConfigFile()) && !WriteFileAtomically(ConfigFile(), kDefaultConfig, 0644, EExisting::Keep, strError)) {
         return false;
+    }
     // Trouble with a key that is there is for those who need it.
     return Exists(KeyFile()) || EnsureBusinessKey(KeyFile(), strError);
 }

@@ -44,10 +44,13 @@ bool MarkChangedSignatures(const CInstallRoot &root, const std::string &strFinge
     constexpr uint64_t largestId = 4096;
     std::string strStored;
     bool bMissing = false;
-    if (ReadWholeFile(root.SignatureId(), largestId, strStored, bMissing, strWhy) && strStored == strFingerprint + "\n")
+    if (ReadWholeFile(root.SignatureId(), largestId, strStored, bMissing, strWhy) &&
+        strStored == strFingerprint + "\n") {
         return true;
-    if (HasRecords(root) && !WriteFileAtomically(root.EngineMarker(), "", 0600, EExisting::Replace, strWhy))
+    }
+    if (HasRecords(root) && !WriteFileAtomically(root.EngineMarker(), "", 0600, EExisting::Replace, strWhy)) {
         return false;
+    }
     return WriteFileAtomically(root.SignatureId(), strFingerprint + "\n", 0600, EExisting::Replace, strWhy);
 }
 
@@ -77,15 +80,18 @@ bool WaitForDropping(const CInstallRoot &root, const _Found &found, CScanReport 
     int nIdle = 0;
     for (int nSteps = 1; nIdle < kLongestWait * nStepsInSecond; ++nSteps) {
         const bool bPending = Exists(root.EngineMarker()) || (found.bList && Exists(root.HashMarker()));
-        if (!bPending || CInterrupt::StopFlag().load())
+        if (!bPending || CInterrupt::StopFlag().load()) {
             return true;
+        }
         const bool bAtWork =
             found.bList && Exists(root.WithdrawnList()) && ChangeTime(root.ConfigFile()) == found.configuration;
         nIdle = bAtWork ? 0 : nIdle + 1;
-        if (nSteps == kNoteAfter * nStepsInSecond)
+        if (nSteps == kNoteAfter * nStepsInSecond) {
             report.Note("the cache drops outdated verdicts first; the scan begins when that is done");
-        if (nSteps % nStepsInSecond == 0)
+        }
+        if (nSteps % nStepsInSecond == 0) {
             report.Progress("dropping outdated verdicts, " + DurationText(nSteps * kPollStep / 1000.0));
+        }
         (void)nanosleep(&step, nullptr);
     }
     return false;
@@ -96,11 +102,13 @@ bool WaitForDropping(const CInstallRoot &root, const _Found &found, CScanReport 
 bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report,
                           std::string &strWhy) {
     m_uTag = SignatureTag(strFingerprint);
-    if (!root.Prepare(strWhy))
+    if (!root.Prepare(strWhy)) {
         return false;
+    }
     strWhy = "another scan is using it";
-    if (m_scanLock.TryTake(root.ScanLock(), strWhy) != ELock::Taken)
+    if (m_scanLock.TryTake(root.ScanLock(), strWhy) != ELock::Taken) {
         return false;
+    }
     const auto note = [&report] { report.Note("waiting for digests that are being withdrawn"); };
     const std::atomic<bool> &bStop = CInterrupt::StopFlag();
     strWhy = "interrupted";
@@ -108,33 +116,39 @@ bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFinger
                        Open(root, strFingerprint, report, strWhy);
     report.Progress("");
     // After an interruption the writer may still be at work on the list, until the cache is closed.
-    if (!bDone || !bStop.load())
+    if (!bDone || !bStop.load()) {
         m_updateLock.Release();
-    if (!bDone)
+    }
+    if (!bDone) {
         m_scanLock.Release();
+    }
     return bDone;
 }
 
 bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report,
                          std::string &strWhy) {
-    if (!MarkChangedSignatures(root, strFingerprint, strWhy))
+    if (!MarkChangedSignatures(root, strFingerprint, strWhy)) {
         return false;
+    }
     std::string strDigests;
     bool bMissing = false;
     const _Found found{IsListPending(root), ChangeTime(root.ConfigFile())};
-    if (found.bList && !ReadPendingList(root, strDigests, bMissing, strWhy))
+    if (found.bList && !ReadPendingList(root, strDigests, bMissing, strWhy)) {
         return false;
+    }
     std::string().swap(strDigests); // it may be long
-    if (Exists(root.HashMarker()) && !found.bList)
+    if (Exists(root.HashMarker()) && !found.bList) {
         report.Note(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
+    }
     const uint32_t uCode = LocalCacheInit();
     if (uCode != TARN_OK) {
         strWhy = StartFailure(root, uCode);
         return false;
     }
     m_bInUse = true;
-    if (WaitForDropping(root, found, report))
+    if (WaitForDropping(root, found, report)) {
         return true;
+    }
     Stop();
     strWhy = "the cache did not drop outdated verdicts within " + std::to_string(kLongestWait) + " seconds; check " +
              EscapeName(root.EngineMarker()) + " and " + EscapeName(root.HashMarker());
@@ -142,14 +156,16 @@ bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerp
 }
 
 void CCacheSession::Stop() {
-    if (!m_bInUse)
+    if (!m_bInUse) {
         return;
+    }
     m_bInUse = false;
     (void)LocalCacheUnInit();
     // Only now are the records in the table, where they can be deleted.
     if (!m_vecTakenBack.empty() && LocalCacheInitEx() == TARN_OK) {
-        for (const std::string &strMD5 : m_vecTakenBack)
+        for (const std::string &strMD5 : m_vecTakenBack) {
             (void)LocalCacheDeleteByFileHash(strMD5.c_str());
+        }
         (void)LocalCacheUnInit();
     }
     m_updateLock.Release();
@@ -164,8 +180,9 @@ bool CCacheSession::Find(const std::string &strPath, _FileVerdict &verdict) cons
 
 bool CCacheSession::Add(const std::string &strPath, const _FileVerdict &verdict) {
     _SCAN_FILE_RESULT record = ToRecord(verdict, m_uTag);
-    if (LocalCacheAdd(strPath.c_str(), verdict.strMD5.c_str(), &record) != TARN_OK)
+    if (LocalCacheAdd(strPath.c_str(), verdict.strMD5.c_str(), &record) != TARN_OK) {
         return false;
+    }
     m_added.Note(strPath);
     return true;
 }
@@ -176,8 +193,9 @@ void CCacheSession::TakeBack(const std::string &strMD5) {
 }
 
 CReadOnlyCache::~CReadOnlyCache() {
-    if (m_bStarted)
+    if (m_bStarted) {
         (void)LocalCacheUnInit();
+    }
 }
 
 bool CReadOnlyCache::Start(const CInstallRoot &root, std::string &strError) {
@@ -187,15 +205,18 @@ bool CReadOnlyCache::Start(const CInstallRoot &root, std::string &strError) {
     }
     const uint32_t uCode = LocalCacheInitEx();
     m_bStarted = uCode == TARN_OK;
-    if (!m_bStarted)
+    if (!m_bStarted) {
         strError = StartFailure(root, uCode);
+    }
     return m_bStarted;
 }
 
 std::string PendingText(const CInstallRoot &root) {
-    if (Exists(root.EngineMarker()))
+    if (Exists(root.EngineMarker())) {
         return "an engine update is pending; the next scan drops this engine's verdicts";
-    if (IsListPending(root))
+    }
+    if (IsListPending(root)) {
         return "withdrawn digests are pending; the next scan drops their verdicts";
+    }
     return {};
 }

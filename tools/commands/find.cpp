@@ -54,13 +54,15 @@ std::vector<_FoundFile> SplitPaths(const std::string &strJoined, const std::stri
         for (size_t end = strJoined.find(';', start);
              end != std::string::npos && end - start < kLongestCachedPath && chosen == std::string::npos;
              end = strJoined.find(';', end + 1)) {
-            if (end + 1 != strJoined.size() && strJoined[end + 1] != '/')
+            if (end + 1 != strJoined.size() && strJoined[end + 1] != '/') {
                 continue;
+            }
             fallback = std::min(fallback, end);
             const std::string strPath = strJoined.substr(start, end - start);
             uState = taken.contains(strPath) ? TARN_PEEK_UNKNOWN : StateWith(strPath, strMD5);
-            if (uState != TARN_PEEK_UNKNOWN)
+            if (uState != TARN_PEEK_UNKNOWN) {
                 chosen = end;
+            }
         }
         const size_t end = chosen != std::string::npos ? chosen : fallback;
         files.push_back({strJoined.substr(start, end - start), uState != TARN_PEEK_KNOWN});
@@ -73,8 +75,9 @@ std::vector<_FoundFile> SplitPaths(const std::string &strJoined, const std::stri
 // The slots that the interface takes: 32 digits and a NUL each.
 std::string Slots(const std::vector<std::string> &vecMD5) {
     std::string strSlots;
-    for (const std::string &strMD5 : vecMD5)
+    for (const std::string &strMD5 : vecMD5) {
         strSlots.append(strMD5.c_str(), TARN_MD5_TEXT_SIZE);
+    }
     return strSlots;
 }
 
@@ -82,19 +85,22 @@ std::string Slots(const std::vector<std::string> &vecMD5) {
 bool FindPaths(const std::vector<std::string> &vecMD5, std::vector<_Found> &vecFound) {
     _CacheFileInfo *pRecords = nullptr;
     uint64_t uCount = 0;
-    if (LocalCacheFindFilesByHash(Slots(vecMD5).c_str(), vecMD5.size(), &pRecords, &uCount) != TARN_OK)
+    if (LocalCacheFindFilesByHash(Slots(vecMD5).c_str(), vecMD5.size(), &pRecords, &uCount) != TARN_OK) {
         return false;
+    }
     for (uint64_t index = 0; index < uCount; ++index) {
         _Found found;
         char *pszPaths = nullptr;
         std::memcpy(&pszPaths, &pRecords[index].pszFilePaths, sizeof pszPaths); // the field is not aligned
         found.strMD5 = pRecords[index].szMD5;
-        if (pszPaths != nullptr)
+        if (pszPaths != nullptr) {
             found.vecFiles = SplitPaths(pszPaths, found.strMD5);
+        }
         found.bKnown = pszPaths != nullptr;
         vecFound.push_back(std::move(found));
-        if (index == 0 || pszPaths == nullptr)
+        if (index == 0 || pszPaths == nullptr) {
             continue;
+        }
         free(pszPaths);
         pszPaths = nullptr;
         std::memcpy(&pRecords[index].pszFilePaths, &pszPaths, sizeof pszPaths);
@@ -107,16 +113,20 @@ bool FindPaths(const std::vector<std::string> &vecMD5, std::vector<_Found> &vecF
 bool TellKnown(std::vector<_Found> &vecFound) {
     std::vector<std::string> vecMissing;
     for (const _Found &found : vecFound) {
-        if (!found.bKnown)
+        if (!found.bKnown) {
             vecMissing.push_back(found.strMD5);
+        }
     }
     std::map<std::string, int32_t> flags;
-    if (vecMissing.empty())
+    if (vecMissing.empty()) {
         return true;
-    if (LocalCacheLookUpByHashes(Slots(vecMissing).c_str(), vecMissing.size(), flags) != TARN_OK)
+    }
+    if (LocalCacheLookUpByHashes(Slots(vecMissing).c_str(), vecMissing.size(), flags) != TARN_OK) {
         return false;
-    for (_Found &found : vecFound)
+    }
+    for (_Found &found : vecFound) {
         found.bKnown = found.bKnown || flags.contains(found.strMD5);
+    }
     return true;
 }
 
@@ -129,8 +139,9 @@ std::string WalkPosition() {
         std::error_code ignored;
         const std::string strTarget = std::filesystem::read_symlink(entry->path(), ignored).string();
         if (!strTarget.starts_with("/proc/") && strTarget.size() > strDeepest.size() &&
-            std::filesystem::is_directory(entry->path(), ignored))
+            std::filesystem::is_directory(entry->path(), ignored)) {
             strDeepest = strTarget;
+        }
     }
     return strDeepest;
 }
@@ -187,29 +198,35 @@ std::string TextLines(const _Found &found, bool bNullSeparated) {
 int RunFind(const _AskOptions &options) {
     std::string strError;
     std::vector<std::string> vecMD5;
-    if (!ReadMD5Arguments(options.vecArguments, vecMD5, strError))
+    if (!ReadMD5Arguments(options.vecArguments, vecMD5, strError)) {
         return Trouble(strError);
+    }
     std::sort(vecMD5.begin(), vecMD5.end());
     vecMD5.erase(std::unique(vecMD5.begin(), vecMD5.end()), vecMD5.end());
-    if (vecMD5.empty())
+    if (vecMD5.empty()) {
         return kExitClean;
+    }
     const CInstallRoot root(options.strRoot);
     root.ExportToLibrary();
     CReadOnlyCache cache;
-    if (!cache.Start(root, strError))
+    if (!cache.Start(root, strError)) {
         return Trouble(strError);
+    }
     std::vector<_Found> vecFound;
-    if (!FindWithProgress(vecMD5, vecFound))
+    if (!FindWithProgress(vecMD5, vecFound)) {
         return Trouble("the search failed");
+    }
     int status = kExitClean;
     std::string strOutput;
     for (const _Found &found : vecFound) {
         strOutput += options.bJson ? JsonText(found) : TextLines(found, options.bNullSeparated);
-        if (HasUnchanged(found))
+        if (HasUnchanged(found)) {
             continue;
+        }
         status = kExitFound;
-        if (!options.bJson && found.vecFiles.empty())
+        if (!options.bJson && found.vecFiles.empty()) {
             (void)Trouble(found.strMD5 + (found.bKnown ? ": known, but not found on disk" : ": unknown"));
+        }
     }
     return Finish(strOutput, status);
 }

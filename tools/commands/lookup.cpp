@@ -28,8 +28,9 @@ std::string TextLine(const std::string &strPath, const _Known &known) {
     std::string strLine = EscapeName(strPath) + ": " + known.StateText();
     if (known.uState != TARN_PEEK_UNKNOWN) {
         strLine += std::string(", ") + known.VerdictText();
-        if (!known.Name().empty())
+        if (!known.Name().empty()) {
             strLine += " (" + EscapeName(known.Name()) + ")";
+        }
         strLine += ", engine " + std::to_string(known.record.lEngineCode) + ", MD5 " + known.md5.data();
     }
     return strLine + "\n";
@@ -42,8 +43,9 @@ std::string JsonText(const std::string &strPath, const _Known &known) {
     object["state"] = known.StateText();
     if (known.uState != TARN_PEEK_UNKNOWN) {
         object["verdict"] = known.VerdictText();
-        if (!known.Name().empty())
+        if (!known.Name().empty()) {
             PutName(object, "name", known.Name());
+        }
         object["engine"] = int32_t{known.record.lEngineCode}; // by value: the field is not aligned
         object["file_type"] = TypeName(TypeOfFlags(known.record.ulFlags));
         object["md5"] = known.md5.data();
@@ -58,17 +60,20 @@ int RunLookup(const _AskOptions &options) {
     root.ExportToLibrary();
     std::string strError;
     CReadOnlyCache cache;
-    if (!cache.Start(root, strError))
+    if (!cache.Start(root, strError)) {
         return Trouble(strError);
+    }
     const std::string strPending = PendingText(root);
-    if (!strPending.empty())
+    if (!strPending.empty()) {
         (void)Trouble(strPending);
+    }
     int status = kExitClean;
     std::string strOutput;
     for (const std::string &strArgument : options.vecArguments) {
         _PathArgument argument;
-        if (!ResolveArgument(strArgument, argument))
+        if (!ResolveArgument(strArgument, argument)) {
             argument.strPath = AbsolutePath(strArgument);
+        }
         _Known known;
         const uint32_t uCode = LocalCachePeek(argument.strPath.c_str(), known.md5.data(), &known.record, &known.uState);
         if (uCode != TARN_OK) {
@@ -77,8 +82,9 @@ int RunLookup(const _AskOptions &options) {
             continue;
         }
         strOutput += options.bJson ? JsonText(argument.strPath, known) : TextLine(argument.strPath, known);
-        if (known.uState != TARN_PEEK_KNOWN && status == kExitClean)
+        if (known.uState != TARN_PEEK_KNOWN && status == kExitClean) {
             status = kExitFound;
+        }
     }
     return Finish(strOutput, status);
 }

@@ -28,8 +28,9 @@ double SecondsSince(Clock::time_point start) {
 unsigned ProcessorCount() {
     cpu_set_t processors;
     CPU_ZERO(&processors);
-    if (sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 0)
+    if (sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 0) {
         return static_cast<unsigned>(CPU_COUNT(&processors));
+    }
     return std::max(1u, std::thread::hardware_concurrency()); // more processors than the set holds
 }
 
@@ -48,8 +49,9 @@ std::string ProgressText(const _ScanCounters &counters, uint64_t nTotal, double 
     const double rate = seconds > 0 ? static_cast<double>(nDone) / seconds : 0;
     std::string strText = std::to_string(nDone) + " files, " + std::to_string(static_cast<uint64_t>(rate)) + "/s, " +
                           std::to_string(counters.nInfected.load()) + " infected";
-    if (rate > 0 && nTotal > nDone)
+    if (rate > 0 && nTotal > nDone) {
         strText += ", " + DurationText(static_cast<double>(nTotal - nDone) / rate) + " left";
+    }
     return strText;
 }
 
@@ -71,11 +73,13 @@ class CScanRun {
     bool Run() {
         std::vector<std::thread> threads;
         const bool bStarted = StartThreads(threads);
-        if (!bStarted)
+        if (!bStarted) {
             CInterrupt::RequestStop();
+        }
         Watch();
-        for (std::thread &thread : threads)
+        for (std::thread &thread : threads) {
             thread.join();
+        }
         m_report.Progress("");
         return bStarted;
     }
@@ -86,8 +90,9 @@ class CScanRun {
         try {
             for (unsigned index = 0; index < m_nThreads; ++index) {
                 std::unique_ptr<CScanEngine> pEngine = m_engine.Share();
-                if (pEngine == nullptr)
+                if (pEngine == nullptr) {
                     return false;
+                }
                 auto pWorker = std::make_shared<CScanWorker>(std::move(pEngine), m_shared);
                 Launch(threads, [pWorker] { pWorker->Run(); });
             }
@@ -115,10 +120,12 @@ class CScanRun {
     void Walk() {
         CTreeWalker walker(m_options.vecExclude, m_ownFiles, CInterrupt::StopFlag(), m_queue, m_report, m_counters);
         bool bGoOn = true;
-        for (size_t index = 0; bGoOn && index < m_options.vecPaths.size(); ++index)
+        for (size_t index = 0; bGoOn && index < m_options.vecPaths.size(); ++index) {
             bGoOn = walker.Walk(m_options.vecPaths[index]);
-        if (bGoOn && !m_options.strFileList.empty())
+        }
+        if (bGoOn && !m_options.strFileList.empty()) {
             walker.WalkList(m_options.strFileList, m_options.bNullSeparated ? '\0' : '\n');
+        }
         m_counters.bWalkDone.store(true);
         m_queue.Close();
     }
@@ -126,12 +133,14 @@ class CScanRun {
     // Redraws the progress, writes out the report and passes a stop on, until every thread has ended.
     void Watch() {
         std::optional<CFileEstimate> estimate;
-        if (m_report.ShowsProgress() && m_options.strFileList.empty())
+        if (m_report.ShowsProgress() && m_options.strFileList.empty()) {
             estimate.emplace(m_options.vecPaths, m_options.vecExclude, m_ownFiles);
+        }
         const Clock::time_point start = Clock::now();
         while (m_nRunning.load() > 0) {
-            if (CInterrupt::StopFlag().load())
+            if (CInterrupt::StopFlag().load()) {
                 m_queue.Abort();
+            }
             CInterrupt::WaitForEvent(kRedraw);
             m_report.Flush();
             const uint64_t nTotal = m_counters.bWalkDone ? m_counters.nFound.load() : estimate ? estimate->Total() : 0;
@@ -154,10 +163,12 @@ class CScanRun {
 std::string StartCache(const _ScanOptions &options, const CInstallRoot &root, const _SignatureSet &signatures,
                        CCacheSession &cache, CScanReport &report) {
     std::string strWhy;
-    if (options.bNoCache)
+    if (options.bNoCache) {
         return "--no-cache";
-    if (cache.Start(root, signatures.strFingerprint, report, strWhy))
+    }
+    if (cache.Start(root, signatures.strFingerprint, report, strWhy)) {
         return {};
+    }
     report.Warn("scanning without the cache: " + strWhy);
     return strWhy;
 }
@@ -165,19 +176,22 @@ std::string StartCache(const _ScanOptions &options, const CInstallRoot &root, co
 // Without a word a full disk would leave every scan as slow as the first.
 void StopCache(CCacheSession &cache, CScanReport &report, _ScanCounters &counters) {
     const uint64_t nLost = cache.CountLost();
-    if (nLost != 0)
+    if (nLost != 0) {
         report.Warn("about " + std::to_string(nLost) +
                     " verdicts could not be stored in the cache: its disk or the file size "
                     "limit (ulimit -f) is full, or another process uses its database");
+    }
     counters.notCached[static_cast<size_t>(ENotCached::NotStored)] += nLost;
     cache.Stop();
 }
 
 int ExitStatus(const _ScanCounters &counters, const CScanReport &report) {
-    if (CInterrupt::BySignal())
+    if (CInterrupt::BySignal()) {
         return kExitInterrupted;
-    if (counters.nInfected != 0)
+    }
+    if (counters.nInfected != 0) {
         return kExitFound;
+    }
     return counters.nErrors != 0 || report.IsIncomplete() ? kExitTrouble : kExitClean;
 }
 
@@ -186,8 +200,9 @@ int ExitStatus(const _ScanCounters &counters, const CScanReport &report) {
 int RunScan(const _ScanOptions &options) {
     const CInstallRoot root(options.strRoot);
     root.ExportToLibrary();
-    if (!CInterrupt::Install())
+    if (!CInterrupt::Install()) {
         return Trouble("cannot prepare for signals");
+    }
     AllowManyFiles();
 
     _ScanCounters counters;
@@ -197,24 +212,28 @@ int RunScan(const _ScanOptions &options) {
     _SignatureSet signatures;
     const unsigned nThreads = options.nThreads != 0 ? options.nThreads : ProcessorCount();
     const CTemporaryFolder temporary(nThreads * options.limits.uMaxScanSize);
-    if (temporary.Path().empty())
+    if (temporary.Path().empty()) {
         return Trouble(temporary.Error());
+    }
     report.Progress("loading the signatures");
     const Clock::time_point loadStart = Clock::now();
     // The fingerprint is taken before loading: signatures that are replaced meanwhile count as changed next time.
     std::unique_ptr<CScanEngine> pEngine;
-    if (ChooseSignatureSet(options.strDatabase, signatures, strError))
+    if (ChooseSignatureSet(options.strDatabase, signatures, strError)) {
         pEngine = CScanEngine::Load(signatures.strPath, options.limits, temporary, strError);
+    }
     report.Progress("");
-    if (pEngine == nullptr)
+    if (pEngine == nullptr) {
         return Trouble(strError);
+    }
     summary.loadSeconds = SecondsSince(loadStart);
     summary.nSignatures = pEngine->SignatureCount();
     summary.strSignatures = signatures.strPath;
     summary.bTestSignatures = signatures.bTestOnly;
-    if (signatures.bTestOnly)
+    if (signatures.bTestOnly) {
         report.Warn("no signatures are installed; only the test files of this program's own set are found. Get the "
                     "real ones, for instance with Debian's package clamav-freshclam, or name them with --database");
+    }
 
     CInterrupt::Arm();
     const Clock::time_point scanStart = Clock::now();
@@ -222,8 +241,9 @@ int RunScan(const _ScanOptions &options) {
     summary.strCacheOff = StartCache(options, root, signatures, cache, report);
     summary.strRoot = root.Path();
     const COwnFiles ownFiles({root.CacheFolder(), temporary.Path()});
-    if (!CScanRun(options, *pEngine, cache, ownFiles, report, counters, nThreads).Run())
+    if (!CScanRun(options, *pEngine, cache, ownFiles, report, counters, nThreads).Run()) {
         return Trouble("cannot start the worker threads");
+    }
     StopCache(cache, report, counters);
     summary.scanSeconds = SecondsSince(scanStart);
     summary.bInterrupted = CInterrupt::StopFlag().load();

@@ -24,11 +24,13 @@ int RunStats(const _AskOptions &options) {
     root.ExportToLibrary();
     std::string strError;
     CReadOnlyCache cache;
-    if (!cache.Start(root, strError))
+    if (!cache.Start(root, strError)) {
         return Trouble(strError);
+    }
     uint32_t uRecords = 0;
-    if (!CountRecords(uRecords))
+    if (!CountRecords(uRecords)) {
         return Trouble("cannot count the records");
+    }
     const std::string strPending = PendingText(root);
     if (options.bJson) {
         Json object;
@@ -39,21 +41,24 @@ int RunStats(const _AskOptions &options) {
     }
     std::string strOutput = "Records:             " + std::to_string(uRecords) + "\n";
     strOutput += "Installation folder: " + EscapeName(root.Path()) + "\n";
-    if (!strPending.empty())
+    if (!strPending.empty()) {
         strOutput += "Pending:             " + strPending + "\n";
+    }
     return Finish(strOutput, kExitClean);
 }
 
 int RunForget(const _AskOptions &options) {
     std::string strError;
     std::vector<std::string> vecMD5;
-    if (!ReadMD5Arguments(options.vecArguments, vecMD5, strError))
+    if (!ReadMD5Arguments(options.vecArguments, vecMD5, strError)) {
         return Trouble(strError);
+    }
     const CInstallRoot root(options.strRoot);
     root.ExportToLibrary();
     CReadOnlyCache cache;
-    if (!cache.Start(root, strError))
+    if (!cache.Start(root, strError)) {
         return Trouble(strError);
+    }
     uint32_t uBefore = 0;
     uint32_t uAfter = 0;
     bool bDone = CountRecords(uBefore);
@@ -64,7 +69,8 @@ int RunForget(const _AskOptions &options) {
         }
     }
     bDone = CountRecords(uAfter) && bDone;
-    if (!bDone)
+    if (!bDone) {
         return Trouble("not all records could be deleted");
+    }
     return Finish("Records deleted: " + std::to_string(uBefore - uAfter) + "\n", kExitClean);
 }

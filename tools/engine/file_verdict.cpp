@@ -52,8 +52,9 @@ std::string StoredName(std::string_view name) {
 
 EFileType TypeOf(std::string_view engineType) {
     constexpr std::string_view prefix = "CL_TYPE_";
-    if (engineType.starts_with(prefix))
+    if (engineType.starts_with(prefix)) {
         engineType.remove_prefix(prefix.size());
+    }
     const auto *const pRule = std::find_if(kTypeRules.begin(), kTypeRules.end(),
                                            [&](const _TypeRule &rule) { return engineType.starts_with(rule.prefix); });
     return pRule == kTypeRules.end() ? EFileType::Other : pRule->eType;

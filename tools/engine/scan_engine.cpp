@@ -39,8 +39,9 @@ thread_local _ScanContext *t_pScan = nullptr;
 cl_error_t BeforeLayer(int, const char *pszType, void *pContext) {
     auto *pScan = static_cast<_ScanContext *>(pContext);
     ++pScan->nLayers;
-    if (pScan->strType.empty() && pszType != nullptr)
+    if (pScan->strType.empty() && pszType != nullptr) {
         pScan->strType = pszType;
+    }
     pScan->bBroken = pScan->bBroken || pScan->stop.load(std::memory_order_relaxed);
     return pScan->bBroken ? CL_VIRUS : CL_CLEAN;
 }
@@ -51,8 +52,9 @@ cl_error_t BeforeLayer(int, const char *pszType, void *pContext) {
 cl_error_t AtLayerSize(int, const char *, const char **, size_t, const char *, size_t size, const char *,
                        uint32_t uDepth, uint32_t, void *pContext) {
     auto *pScan = static_cast<_ScanContext *>(pContext);
-    if (uDepth != 0)
+    if (uDepth != 0) {
         pScan->uLargestPart = std::max<uint64_t>(pScan->uLargestPart, size);
+    }
     pScan->uTotal += size;
     pScan->bFull = pScan->bFull || !pScan->temporary.HasRoom();
     return CL_CLEAN;
@@ -61,8 +63,9 @@ cl_error_t AtLayerSize(int, const char *, const char **, size_t, const char *, s
 // The engine's remarks on odd files (warnings) would fill the error output. Errors are what it could not do, such as
 // writing a temporary file, and its result code does not tell them.
 void OnMessage(cl_msg eSeverity, const char *, const char *pszText, void *) {
-    if (eSeverity == CL_MSG_ERROR && t_pScan != nullptr && t_pScan->strFailure.empty())
+    if (eSeverity == CL_MSG_ERROR && t_pScan != nullptr && t_pScan->strFailure.empty()) {
         t_pScan->strFailure = "engine: " + EscapeName(std::string_view(pszText, std::strcspn(pszText, "\n")));
+    }
 }
 
 // For what is unpacked. With less than a step, nothing of a member would be left to be seen.
@@ -117,8 +120,9 @@ void Doubt(const _ScanContext &scan, uint64_t uSize, _FileVerdict &verdict, std:
     } else if (scan.bFull || !scan.temporary.HasRoom()) {
         strError = "the temporary folder is full";
     }
-    if (!strError.empty())
+    if (!strError.empty()) {
         verdict.eVerdict = EVerdict::Error;
+    }
 }
 
 } // namespace
@@ -141,10 +145,12 @@ std::unique_ptr<CScanEngine> CScanEngine::Load(const std::string &strSignatures,
         return nullptr;
     }
     result = cl_load(strSignatures.c_str(), pEngine, &pLoaded->m_nSignatures, CL_DB_STDOPT);
-    if (result == CL_SUCCESS)
+    if (result == CL_SUCCESS) {
         result = cl_engine_compile(pEngine);
-    if (result == CL_SUCCESS && pLoaded->m_nSignatures != 0)
+    }
+    if (result == CL_SUCCESS && pLoaded->m_nSignatures != 0) {
         return pLoaded;
+    }
     strError = "cannot load the signatures in " + EscapeName(strSignatures) + ": " +
                (result == CL_SUCCESS ? "there are none" : cl_strerror(result));
     return nullptr;
@@ -155,8 +161,9 @@ CScanEngine::~CScanEngine() {
 }
 
 std::unique_ptr<CScanEngine> CScanEngine::Share() const {
-    if (cl_engine_addref(m_pEngine) != CL_SUCCESS)
+    if (cl_engine_addref(m_pEngine) != CL_SUCCESS) {
         return nullptr;
+    }
     std::unique_ptr<CScanEngine> pShared(new CScanEngine(m_pEngine, m_temporary, m_limits));
     pShared->m_nSignatures = m_nSignatures;
     return pShared;
@@ -177,12 +184,15 @@ _FileVerdict CScanEngine::ScanDescriptor(int fd, uint64_t uSize, const std::atom
     t_pScan = nullptr;
     _FileVerdict verdict;
     verdict.eVerdict = EVerdict::Interrupted;
-    if (!context.bBroken)
+    if (!context.bBroken) {
         verdict = VerdictOf(result, pszName, strError);
-    if (verdict.eVerdict == EVerdict::Clean && IsCutShort(context, m_limits))
+    }
+    if (verdict.eVerdict == EVerdict::Clean && IsCutShort(context, m_limits)) {
         verdict.eVerdict = EVerdict::LimitExceeded;
-    if (verdict.eVerdict == EVerdict::Clean || verdict.eVerdict == EVerdict::LimitExceeded)
+    }
+    if (verdict.eVerdict == EVerdict::Clean || verdict.eVerdict == EVerdict::LimitExceeded) {
         Doubt(context, uSize, verdict, strError);
+    }
     verdict.eType = TypeOf(context.strType);
     return verdict;
 }

@@ -44,8 +44,9 @@ std::vector<std::string> SignatureFiles(const std::string &strPath) {
     auto iterator = std::filesystem::directory_iterator(strPath, error);
     for (; !error && iterator != std::filesystem::directory_iterator(); iterator.increment(error)) {
         std::error_code ignored;
-        if (IsSignatureFile(iterator->path()) && iterator->is_regular_file(ignored))
+        if (IsSignatureFile(iterator->path()) && iterator->is_regular_file(ignored)) {
             files.push_back(iterator->path().string());
+        }
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -72,10 +73,12 @@ bool DigestFile(const std::string &strPath, std::string &strDigest) {
     sha256_init(&hash);
     while (file.IsOpen()) {
         const ssize_t count = read(file.Get(), buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count < 0)
+        }
+        if (count < 0) {
             return false;
+        }
         if (count == 0) {
             strDigest = Digest(hash);
             return true;
@@ -108,8 +111,9 @@ bool Fingerprint(const std::vector<std::string> &files, std::string &strFingerpr
 
 bool ChooseSignatureSet(const std::string &strOption, _SignatureSet &set, std::string &strError) {
     std::vector<std::string> candidates{cl_retdbdir(), ProgramPrefix() + "/share/tarncache/signatures"};
-    if (!strOption.empty())
+    if (!strOption.empty()) {
         candidates = {AbsolutePath(strOption)};
+    }
     for (const std::string &strCandidate : candidates) {
         if (access(strCandidate.c_str(), R_OK) != 0 && errno == EACCES) {
             strError = "cannot read the signatures in " + ErrnoText(strCandidate, EACCES);

@@ -33,8 +33,9 @@ uint64_t AvailableMemory() {
     uint64_t uKiB = 0;
     std::string strUnit;
     while (info >> strName >> uKiB && std::getline(info, strUnit)) {
-        if (strName == "MemAvailable:")
+        if (strName == "MemAvailable:") {
             return uKiB * 1024;
+        }
     }
     return 0;
 }
@@ -44,11 +45,13 @@ uint64_t SmallestLimit(const std::string &strBase, std::string strGroup, const c
     for (uint64_t uLimit = UINT64_MAX;;) {
         std::ifstream limit(strBase + strGroup + "/" + pszFile);
         uint64_t uValue = 0;
-        if (limit >> uValue)
+        if (limit >> uValue) {
             uLimit = std::min(uLimit, uValue);
+        }
         const size_t slash = strGroup.rfind('/');
-        if (slash == std::string::npos)
+        if (slash == std::string::npos) {
             return uLimit;
+        }
         strGroup.resize(slash);
     }
 }
@@ -71,8 +74,9 @@ uint64_t MemoryLimit() {
 
 bool FitsInMemory(uint64_t uMostBytes) {
     struct statfs info {};
-    if (statfs(kMemoryFolder, &info) != 0 || info.f_type != TMPFS_MAGIC || access(kMemoryFolder, W_OK) != 0)
+    if (statfs(kMemoryFolder, &info) != 0 || info.f_type != TMPFS_MAGIC || access(kMemoryFolder, W_OK) != 0) {
         return false;
+    }
     const uint64_t uFree = static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_bsize);
     return uMostBytes != 0 && std::min({uFree, AvailableMemory(), MemoryLimit()}) / kReserve >= uMostBytes;
 }
@@ -89,14 +93,16 @@ void RemoveAbandoned(const std::string &strParent) {
     std::error_code error;
     auto entry = std::filesystem::directory_iterator(strParent, error);
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        if (!IsOurName(entry->path().filename().string()))
+        if (!IsOurName(entry->path().filename().string())) {
             continue;
+        }
         const CDescriptor folder = OpenFolder(entry->path().string());
         struct stat status {};
         std::error_code ignored;
         if (folder.IsOpen() && fstat(folder.Get(), &status) == 0 && status.st_uid == geteuid() &&
-            flock(folder.Get(), LOCK_EX | LOCK_NB) == 0)
+            flock(folder.Get(), LOCK_EX | LOCK_NB) == 0) {
             (void)std::filesystem::remove_all(entry->path(), ignored);
+        }
     }
 }
 
@@ -114,8 +120,9 @@ CTemporaryFolder::CTemporaryFolder(uint64_t uMostBytes) {
     }
     for (int nLeft = kAttempts; nLeft > 0 && !Make(pszParent); --nLeft) {
     }
-    if (m_strPath.empty())
+    if (m_strPath.empty()) {
         m_strError = "cannot make a temporary folder in " + ErrnoText(pszParent, errno) + "; see TMPDIR";
+    }
 }
 
 // A scan that starts at the same time may take the new folder for an abandoned one until it is locked.
@@ -123,21 +130,25 @@ bool CTemporaryFolder::Make(const std::string &strParent) {
     std::string strPath = strParent + "/";
     strPath += kName;
     strPath += kRandomName;
-    if (mkdtemp(strPath.data()) == nullptr)
+    if (mkdtemp(strPath.data()) == nullptr) {
         return false;
+    }
     m_folder = OpenFolder(strPath);
-    if (!m_folder.IsOpen())
+    if (!m_folder.IsOpen()) {
         return false;
+    }
     (void)flock(m_folder.Get(), LOCK_EX); // where nothing can be locked, nothing is taken for abandoned either
-    if (access(strPath.c_str(), F_OK) == 0)
+    if (access(strPath.c_str(), F_OK) == 0) {
         m_strPath = strPath;
+    }
     return !m_strPath.empty();
 }
 
 bool CTemporaryFolder::HasRoom() const {
     struct statvfs info {};
-    if (fstatvfs(m_folder.Get(), &info) != 0)
+    if (fstatvfs(m_folder.Get(), &info) != 0) {
         return false;
+    }
     const bool bRoot = geteuid() == 0; // may use what is kept back from others
     const uint64_t uFree = static_cast<uint64_t>(bRoot ? info.f_bfree : info.f_bavail) * info.f_frsize;
     const uint64_t uFreeFiles = bRoot ? info.f_ffree : info.f_favail;
@@ -147,6 +158,7 @@ bool CTemporaryFolder::HasRoom() const {
 
 CTemporaryFolder::~CTemporaryFolder() {
     std::error_code ignored;
-    if (!m_strPath.empty())
+    if (!m_strPath.empty()) {
         (void)std::filesystem::remove_all(m_strPath, ignored);
+    }
 }

@@ -31,6 +31,7 @@ CFileEstimate::CFileEstimate(const std::vector<std::string> &vecPaths, const std
 
 CFileEstimate::~CFileEstimate() {
     m_bStop = true;
-    if (m_thread.joinable())
+    if (m_thread.joinable()) {
         m_thread.join();
+    }
 }

@@ -17,8 +17,9 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
               "the signal handler uses them");
 
 void CInterrupt::OnSignal(int) {
-    if (s_signals.fetch_add(1) > 0 || !s_bArmed.load())
+    if (s_signals.fetch_add(1) > 0 || !s_bArmed.load()) {
         _exit(130);
+    }
     const int savedErrno = errno;
     RequestStop();
     errno = savedErrno;
@@ -37,8 +38,9 @@ bool CInterrupt::Install() {
         struct sigaction inherited {};
         bDone = bDone && sigaction(number, nullptr, &inherited) == 0;
         // A program started with nohup or in the background of a plain shell keeps ignoring what it was told to.
-        if (bDone && inherited.sa_handler != SIG_IGN)
+        if (bDone && inherited.sa_handler != SIG_IGN) {
             bDone = sigaction(number, &handle, nullptr) == 0;
+        }
     }
     return bDone;
 }

@@ -16,16 +16,18 @@ bool IsStillThere(const std::string &strPath, const struct stat &status) {
 COwnFiles::COwnFiles(const std::vector<std::string> &vecFolders) {
     for (const std::string &strFolder : vecFolders) {
         struct stat status {};
-        if (strFolder.empty() || stat(strFolder.c_str(), &status) != 0)
+        if (strFolder.empty() || stat(strFolder.c_str(), &status) != 0) {
             continue;
+        }
         m_vecPrefixes.push_back(strFolder + "/");
         m_mapFolders.emplace(FileKey(status.st_dev, status.st_ino), strFolder);
         std::error_code error;
         auto entry = std::filesystem::recursive_directory_iterator(strFolder, error);
         for (; !error && entry != std::filesystem::recursive_directory_iterator(); entry.increment(error)) {
             const std::string strPath = entry->path().string();
-            if (lstat(strPath.c_str(), &status) == 0 && S_ISREG(status.st_mode))
+            if (lstat(strPath.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
                 m_mapFiles.emplace(FileKey(status.st_dev, status.st_ino), strPath);
+            }
         }
     }
 }

@@ -5,10 +5,12 @@
 
 bool CJobQueue::Push(std::vector<_ScanJob> &vecJobs) {
     std::unique_lock lock(m_mutex);
-    if (m_jobs.size() >= kCapacity)
+    if (m_jobs.size() >= kCapacity) {
         m_room.wait(lock, [this] { return m_bAborted || m_jobs.size() <= kLowWater; });
-    if (!m_bAborted && m_nWorkers != kDropJobs)
+    }
+    if (!m_bAborted && m_nWorkers != kDropJobs) {
         std::move(vecJobs.begin(), vecJobs.end(), std::back_inserter(m_jobs));
+    }
     vecJobs.clear();
     m_work.notify_all();
     return !m_bAborted;
@@ -22,8 +24,9 @@ std::vector<_ScanJob> CJobQueue::Pop() {
     const auto nTaken = static_cast<std::ptrdiff_t>(std::min(nShare, m_jobs.size()));
     std::move(m_jobs.begin(), m_jobs.begin() + nTaken, std::back_inserter(taken));
     m_jobs.erase(m_jobs.begin(), m_jobs.begin() + nTaken);
-    if (m_jobs.size() <= kLowWater)
+    if (m_jobs.size() <= kLowWater) {
         m_room.notify_one();
+    }
     return taken;
 }
 

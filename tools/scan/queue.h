@@ -27,8 +27,9 @@ struct _ScanJob {
 
     int FolderFd() const { return pFolder == nullptr ? AT_FDCWD : pFolder->descriptor.Get(); }
     std::string Path() const {
-        if (pFolder == nullptr)
+        if (pFolder == nullptr) {
             return strArgumentPath;
+        }
         return (pFolder->strPath == "/" ? "" : pFolder->strPath) + "/" + strName;
     }
 };

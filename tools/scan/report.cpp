@@ -31,17 +31,21 @@ Json JsonObject(const _FileReport &file) {
     object["type"] = "file";
     PutName(object, "path", file.strPath);
     object["verdict"] = VerdictName(file.verdict.eVerdict);
-    if (file.verdict.eVerdict == EVerdict::Infected)
+    if (file.verdict.eVerdict == EVerdict::Infected) {
         PutName(object, "name", file.verdict.strName);
-    if (file.verdict.eVerdict == EVerdict::Error)
+    }
+    if (file.verdict.eVerdict == EVerdict::Error) {
         object["error"] = file.strError;
-    if (!file.verdict.strMD5.empty())
+    }
+    if (!file.verdict.strMD5.empty()) {
         object["md5"] = file.verdict.strMD5;
+    }
     object["file_type"] = TypeName(file.verdict.eType);
     object["size"] = file.uSize;
     object["from_cache"] = file.bFromCache;
-    if (file.eNotCached != ENotCached::Cached)
+    if (file.eNotCached != ENotCached::Cached) {
         object["not_cached"] = kNotCachedTexts[static_cast<size_t>(file.eNotCached)].pszKey;
+    }
     return object;
 }
 
@@ -60,8 +64,9 @@ std::string ReasonLines(const std::string &strLabel, const std::array<_ReasonTex
     std::string strLines;
     for (size_t index = 0; index < nReasons; ++index) {
         nSum += counts[index];
-        if (counts[index] != 0)
+        if (counts[index] != 0) {
             strLines += SummaryLine(std::string("  ") + texts[index].pszText, std::to_string(counts[index].load()));
+        }
     }
     return SummaryLine(strLabel, std::to_string(nSum)) + strLines;
 }
@@ -71,8 +76,9 @@ Json ReasonObject(const std::array<_ReasonText, nReasons> &texts,
                   const std::array<std::atomic<uint64_t>, nReasons> &counts) {
     Json reasons = Json::object();
     for (size_t index = 0; index < nReasons; ++index) {
-        if (*texts[index].pszKey != '\0')
+        if (*texts[index].pszKey != '\0') {
             reasons[texts[index].pszKey] = counts[index].load();
+        }
     }
     return reasons;
 }
@@ -92,8 +98,9 @@ void CScanReport::File(const _FileReport &file) {
     const bool bInfected = eVerdict == EVerdict::Infected;
     const bool bProblem = !bInfected && eVerdict != EVerdict::Clean && eVerdict != EVerdict::Interrupted;
     const bool bWanted = bInfected || (!m_options.bInfectedOnly && (bProblem || m_options.bVerbose));
-    if (!bWanted)
+    if (!bWanted) {
         return;
+    }
     const std::string strLine = m_options.bJson ? JsonLine(JsonObject(file)) : TextLine(file);
     const std::lock_guard lock(m_mutex);
     if (bProblem && !m_options.bJson) {
@@ -105,8 +112,9 @@ void CScanReport::File(const _FileReport &file) {
 
 void CScanReport::Problem(const std::string &strPath, int error) {
     ++m_counters.nErrors;
-    if (m_options.bInfectedOnly)
+    if (m_options.bInfectedOnly) {
         return;
+    }
     const std::lock_guard lock(m_mutex);
     if (!m_options.bJson) {
         Err(ErrnoText(strPath, error) + "\n");
@@ -120,8 +128,9 @@ void CScanReport::Problem(const std::string &strPath, int error) {
 }
 
 void CScanReport::Note(const std::string &strText) {
-    if (!m_options.bQuiet)
+    if (!m_options.bQuiet) {
         Warn(strText);
+    }
 }
 
 void CScanReport::Warn(const std::string &strText) {
@@ -130,8 +139,9 @@ void CScanReport::Warn(const std::string &strText) {
 }
 
 void CScanReport::Progress(const std::string &strText) {
-    if (!m_bTerminal)
+    if (!m_bTerminal) {
         return;
+    }
     const std::lock_guard lock(m_mutex);
     (void)std::fputs(("\r\033[K" + strText).c_str(), stderr);
     (void)std::fflush(stderr);
@@ -139,8 +149,9 @@ void CScanReport::Progress(const std::string &strText) {
 }
 
 void CScanReport::ClearProgress() {
-    if (!m_bProgressShown)
+    if (!m_bProgressShown) {
         return;
+    }
     (void)std::fputs("\r\033[K", stderr);
     (void)std::fflush(stderr);
     m_bProgressShown = false;
@@ -148,17 +159,20 @@ void CScanReport::ClearProgress() {
 
 void CScanReport::Out(std::string_view text) {
     ClearProgress();
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
         Lose(errno);
+    }
 }
 
 void CScanReport::Lose(int error) {
-    if (m_bLost)
+    if (m_bLost) {
         return;
+    }
     m_bLost = true;
     Err("tarncache: the report cannot be written: " + std::generic_category().message(error) + "\n");
-    if (error == EPIPE)
+    if (error == EPIPE) {
         CInterrupt::RequestStop();
+    }
 }
 
 void CScanReport::Err(const std::string &strText) {
@@ -168,13 +182,15 @@ void CScanReport::Err(const std::string &strText) {
 
 void CScanReport::Flush() {
     const std::lock_guard lock(m_mutex);
-    if (std::fflush(stdout) != 0)
+    if (std::fflush(stdout) != 0) {
         Lose(errno);
+    }
 }
 
 void CScanReport::Summary(const _ScanSummary &summary) {
-    if (m_options.bQuiet)
+    if (m_options.bQuiet) {
         return;
+    }
     const std::lock_guard lock(m_mutex);
     if (m_options.bJson) {
         JsonSummary(summary);

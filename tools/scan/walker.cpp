@@ -55,12 +55,14 @@ bool CTreeWalker::IsExcluded(const std::string &strPath, std::string_view name) 
 
 // An argument is excluded by any component of its path, as it would be in a walk from the top.
 bool CTreeWalker::IsExcludedArgument(const std::string &strPath) const {
-    if (m_vecExclude.empty())
+    if (m_vecExclude.empty()) {
         return false;
+    }
     for (size_t start = 1; start < strPath.size();) {
         const size_t end = std::min(strPath.find('/', start), strPath.size());
-        if (IsExcluded(strPath.substr(0, end), std::string_view(strPath).substr(start, end - start)))
+        if (IsExcluded(strPath.substr(0, end), std::string_view(strPath).substr(start, end - start))) {
             return true;
+        }
         start = end + 1;
     }
     return false;
@@ -91,16 +93,19 @@ bool CTreeWalker::WalkArgument(const std::string &strArgument) {
         m_report.Problem(argument.strPath, errno);
         return true;
     }
-    if (argument.bLink)
+    if (argument.bLink) {
         m_report.Note(EscapeName(strArgument) + " is a link; scanning " + EscapeName(argument.strPath));
+    }
     if (IsExcludedArgument(argument.strPath)) {
         Skip(ESkipped::Excluded);
         return true;
     }
-    if (S_ISDIR(status.st_mode))
+    if (S_ISDIR(status.st_mode)) {
         return WalkTree({nullptr, argument.strOpen, argument.strPath, kNoDevice});
-    if (S_ISREG(status.st_mode) && !IsInKernelFileSystem(argument.strOpen))
+    }
+    if (S_ISREG(status.st_mode) && !IsInKernelFileSystem(argument.strOpen)) {
         return PushFile({nullptr, argument.strOpen, argument.strPath});
+    }
     m_report.Note(EscapeName(argument.strPath) + " is not an ordinary file; skipped");
     Skip(S_ISREG(status.st_mode) ? ESkipped::KernelFiles : ESkipped::NotAFile);
     return true;
@@ -110,11 +115,13 @@ void CTreeWalker::WalkList(const std::string &strList, char cSeparator) {
     CPathLines lines(strList, cSeparator, m_stop);
     std::string strPath;
     while (lines.Next(strPath)) {
-        if (!strPath.empty() && !Walk(strPath))
+        if (!strPath.empty() && !Walk(strPath)) {
             return;
+        }
     }
-    if (lines.Error() != 0)
+    if (lines.Error() != 0) {
         m_report.Problem(strList == "-" ? "standard input" : strList, lines.Error());
+    }
 }
 
 // Depth first with a stack of its own, so that a deep tree costs memory and not the thread's stack.
@@ -124,8 +131,9 @@ bool CTreeWalker::WalkTree(_PendingFolder root) {
     while (!stack.empty()) {
         const _PendingFolder next = std::move(stack.back());
         stack.pop_back();
-        if (m_stop.load(std::memory_order_relaxed) || !ReadFolder(next, stack))
+        if (m_stop.load(std::memory_order_relaxed) || !ReadFolder(next, stack)) {
             return false;
+        }
     }
     return true;
 }
@@ -139,16 +147,18 @@ bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_Pending
     if (!pFolder->descriptor.IsOpen() || fstat(pFolder->descriptor.Get(), &status) != 0) {
         // A folder that was removed, or replaced by something else, since its parent was read is no error.
         const bool bVanished = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
-        if (pending.pParent == nullptr || !bVanished)
+        if (pending.pParent == nullptr || !bVanished) {
             m_report.Problem(pending.strPath, errno);
+        }
         return true;
     }
     const bool bOwn = m_ownFiles.IsOwnFolder(status);
     const bool bKernel = IsKernelPath(pending.strPath) ||
                          (status.st_dev != pending.parentDevice && IsInKernelFileSystem(pFolder->descriptor.Get()));
     if (bOwn || bKernel) {
-        if (pending.pParent == nullptr)
+        if (pending.pParent == nullptr) {
             m_report.Note(EscapeName(pending.strPath) + " holds no files to scan; skipped");
+        }
         Skip(bOwn ? ESkipped::OwnFiles : ESkipped::KernelFiles);
         return true;
     }
@@ -161,24 +171,28 @@ bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_Pending
     }
     (void)listing.Release(); // the listing owns it now
     for (errno = 0; const dirent *pEntry = readdir(pEntries.get()); errno = 0) {
-        if (!TakeEntry(pFolder, status, pEntry->d_name, pEntry->d_type, stack))
+        if (!TakeEntry(pFolder, status, pEntry->d_name, pEntry->d_type, stack)) {
             return false;
+        }
     }
-    if (errno != 0)
+    if (errno != 0) {
         m_report.Problem(pending.strPath, errno);
+    }
     return true;
 }
 
 bool CTreeWalker::TakeEntry(const std::shared_ptr<const _OpenFolder> &pFolder, const struct stat &folderStatus,
                             const char *pszName, unsigned char type, std::vector<_PendingFolder> &stack) {
     const std::string_view name = pszName;
-    if (name == "." || name == "..")
+    if (name == "." || name == "..") {
         return true;
+    }
     _ScanJob job{pFolder, std::string(name), {}};
     if (type == DT_UNKNOWN) {
         struct stat status {};
-        if (fstatat(job.FolderFd(), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        if (fstatat(job.FolderFd(), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return true; // gone again
+        }
         type = static_cast<unsigned char>(IFTODT(status.st_mode));
     }
     const bool bExcluded = !m_vecExclude.empty() && IsExcluded(job.Path(), name);
@@ -186,8 +200,9 @@ bool CTreeWalker::TakeEntry(const std::shared_ptr<const _OpenFolder> &pFolder, c
         Skip(bExcluded ? ESkipped::Excluded : type == DT_LNK ? ESkipped::Link : ESkipped::NotAFile);
         return !m_stop.load(std::memory_order_relaxed);
     }
-    if (type == DT_REG)
+    if (type == DT_REG) {
         return PushFile(std::move(job));
+    }
     stack.push_back({pFolder, std::string(name), job.Path(), folderStatus.st_dev});
     return true;
 }

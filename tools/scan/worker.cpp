@@ -41,8 +41,9 @@ CScanWorker::CScanWorker(std::unique_ptr<CScanEngine> pEngine, const _ScanShared
 void CScanWorker::Run() {
     for (std::vector<_ScanJob> jobs = m_shared.queue.Pop(); !jobs.empty(); jobs = m_shared.queue.Pop()) {
         for (const _ScanJob &job : jobs) {
-            if (m_shared.stop.load(std::memory_order_relaxed))
+            if (m_shared.stop.load(std::memory_order_relaxed)) {
                 return;
+            }
             LookAt(job);
         }
     }
@@ -56,8 +57,9 @@ void CScanWorker::LookAt(const _ScanJob &job) {
     _StatusBefore before{};
     if (fstatat(job.FolderFd(), job.strName.c_str(), &before.status, AT_SYMLINK_NOFOLLOW) != 0) {
         // Files come and go while a tree is walked; only one that was asked for by name is missed.
-        if (job.pFolder == nullptr || errno != ENOENT)
+        if (job.pFolder == nullptr || errno != ENOENT) {
             m_shared.report.Problem(file.strPath, errno);
+        }
         return;
     }
     const bool bOwn = m_shared.ownFiles.IsOwnFile(file.strPath, before.status);
@@ -67,19 +69,22 @@ void CScanWorker::LookAt(const _ScanJob &job) {
     }
     before.bTooNew = IsTooNew(before.status, now);
     file.uSize = static_cast<uint64_t>(before.status.st_size);
-    if (!AskCache(file))
+    if (!AskCache(file)) {
         ScanFile(job, before, file);
+    }
     Count(file);
     m_shared.report.File(file);
 }
 
 bool CScanWorker::AskCache(_FileReport &file) const {
-    if (!m_shared.cache.IsInUse() || file.strPath.size() >= kLongestCachedPath)
+    if (!m_shared.cache.IsInUse() || file.strPath.size() >= kLongestCachedPath) {
         return false;
+    }
     _FileVerdict verdict;
     file.bFromCache = m_shared.cache.Find(file.strPath, verdict);
-    if (file.bFromCache)
+    if (file.bFromCache) {
         file.verdict = verdict;
+    }
     return file.bFromCache;
 }
 
@@ -102,11 +107,13 @@ void CScanWorker::ScanFile(const _ScanJob &job, const _StatusBefore &before, _Fi
     } else {
         ReadAndScan(descriptor.Get(), opened, file);
         file.eNotCached = ReasonNotToAdd(job, descriptor.Get(), before, file);
-        if (file.eNotCached == ENotCached::Cached)
+        if (file.eNotCached == ENotCached::Cached) {
             file.eNotCached = AddToCache(before.status, file);
+        }
     }
-    if (!m_shared.cache.IsInUse())
+    if (!m_shared.cache.IsInUse()) {
         file.eNotCached = ENotCached::Cached; // nothing to give a reason for
+    }
 }
 
 void CScanWorker::ReadAndScan(int fd, const struct stat &opened, _FileReport &file) {
@@ -131,15 +138,19 @@ bool CScanWorker::DigestFile(int fd, uint64_t uSize, std::string &strMD5) {
     md5_init(&hash);
     (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     for (uint64_t uDone = 0; uDone < uSize;) {
-        if (m_shared.stop.load(std::memory_order_relaxed))
+        if (m_shared.stop.load(std::memory_order_relaxed)) {
             return false;
+        }
         const ssize_t count = read(fd, m_vecBuffer.data(), std::min<uint64_t>(m_vecBuffer.size(), uSize - uDone));
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count < 0)
+        }
+        if (count < 0) {
             return false;
-        if (count == 0)
+        }
+        if (count == 0) {
             break;
+        }
         md5_update(&hash, static_cast<size_t>(count), m_vecBuffer.data());
         uDone += static_cast<uint64_t>(count);
     }
@@ -168,10 +179,12 @@ ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _Statu
     struct stat named {};
     if (fstat(fd, &opened) != 0 || !IsUnchanged(before.status, opened) ||
         fstatat(job.FolderFd(), job.strName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !IsUnchanged(before.status, named))
+        !IsUnchanged(before.status, named)) {
         return ENotCached::ChangedDuringScan;
-    if (file.strPath.size() >= kLongestCachedPath)
+    }
+    if (file.strPath.size() >= kLongestCachedPath) {
         return ENotCached::PathTooLong;
+    }
     return before.bTooNew ? ENotCached::TooNew : ENotCached::Cached;
 }
 
@@ -179,13 +192,16 @@ ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _Statu
 // moment, its new status would be stored with the old verdict; so the status is compared once more afterwards, and
 // the session takes such a record back before the program ends.
 ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport &file) {
-    if (!m_shared.cache.IsInUse())
+    if (!m_shared.cache.IsInUse()) {
         return ENotCached::Cached;
-    if (!m_shared.cache.Add(file.strPath, file.verdict))
+    }
+    if (!m_shared.cache.Add(file.strPath, file.verdict)) {
         return ENotCached::Refused;
+    }
     struct stat after {};
-    if (lstat(file.strPath.c_str(), &after) == 0 && IsUnchanged(before, after))
+    if (lstat(file.strPath.c_str(), &after) == 0 && IsUnchanged(before, after)) {
         return ENotCached::Cached;
+    }
     m_shared.cache.TakeBack(file.verdict.strMD5);
     return ENotCached::ChangedDuringScan;
 }
@@ -193,10 +209,12 @@ ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport 
 void CScanWorker::Count(const _FileReport &file) {
     _ScanCounters &counters = m_shared.counters;
     const EVerdict eVerdict = file.verdict.eVerdict;
-    if (file.eNotCached != ENotCached::Cached)
+    if (file.eNotCached != ENotCached::Cached) {
         counters.CountNotCached(file.eNotCached);
-    if (eVerdict == EVerdict::Interrupted)
+    }
+    if (eVerdict == EVerdict::Interrupted) {
         return;
+    }
     ++counters.nFiles;
     if (file.bFromCache) {
         ++counters.nFromCache;

@@ -16,8 +16,9 @@ using Json = nlohmann::ordered_json;
 // "_hex" added to its name carries the exact bytes in hexadecimal.
 inline void PutName(Json &object, const std::string &strField, std::string_view name) {
     object[strField] = std::string(name);
-    if (!IsValidUtf8(name))
+    if (!IsValidUtf8(name)) {
         object[strField + "_hex"] = HexText(name);
+    }
 }
 
 inline std::string JsonLine(const Json &object) {

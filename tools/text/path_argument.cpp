@@ -34,15 +34,17 @@ std::string Normalise(const std::string &strPath, bool &bWentUp) {
         start = slash + 1;
         if (strComponent == "..") {
             bWentUp = true;
-            if (!components.empty())
+            if (!components.empty()) {
                 components.pop_back();
+            }
         } else if (!strComponent.empty() && strComponent != ".") {
             components.push_back(std::move(strComponent));
         }
     }
     std::string strResult;
-    for (const std::string &strComponent : components)
+    for (const std::string &strComponent : components) {
         strResult += "/" + strComponent;
+    }
     return strResult.empty() ? "/" : strResult;
 }
 
@@ -63,16 +65,18 @@ std::string AbsolutePath(const std::string &strPath) {
     std::string strResult = Normalise(strWhole, bWentUp);
     if (bWentUp && !IsSameFile(strWhole, strResult)) {
         std::string strReal = RealPath(strWhole);
-        if (!strReal.empty())
+        if (!strReal.empty()) {
             return strReal;
+        }
     }
     return strResult;
 }
 
 std::string AbsoluteGlob(const std::string &strGlob) {
     std::string strResult = strGlob;
-    while (strResult.size() > 1 && strResult.back() == '/')
+    while (strResult.size() > 1 && strResult.back() == '/') {
         strResult.pop_back();
+    }
     const bool bByPath = strResult.find('/') != std::string::npos && strResult.front() != '*';
     return bByPath ? AbsolutePath(strResult) : strResult;
 }
@@ -80,8 +84,9 @@ std::string AbsoluteGlob(const std::string &strGlob) {
 bool ResolveArgument(const std::string &strArgument, _PathArgument &argument) {
     argument.strOpen = strArgument;
     argument.strPath = AbsolutePath(strArgument);
-    if (argument.strPath.empty())
+    if (argument.strPath.empty()) {
         return false;
+    }
     struct stat status {};
     argument.bLink = lstat(argument.strPath.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
     if (argument.bLink) {

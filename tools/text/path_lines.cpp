@@ -5,20 +5,23 @@
 
 CPathLines::CPathLines(const std::string &strList, char cSeparator, const std::atomic<bool> &stop)
     : m_cSeparator(cSeparator), m_stop(stop) {
-    if (strList == "-")
+    if (strList == "-") {
         return;
+    }
     m_file = CDescriptor(open(strList.c_str(), O_RDONLY | O_CLOEXEC));
     m_fd = m_file.Get();
-    if (m_fd < 0)
+    if (m_fd < 0) {
         m_error = errno;
+    }
 }
 
 bool CPathLines::Next(std::string &strPath) {
     size_t end = m_strBuffer.find(m_cSeparator, m_uPosition);
     while (end == std::string::npos && !m_bEnd) {
         const size_t searched = m_strBuffer.size() - m_uPosition;
-        if (!ReadMore())
+        if (!ReadMore()) {
             return false;
+        }
         end = m_strBuffer.find(m_cSeparator, m_uPosition + searched);
     }
     const bool bLast = end == std::string::npos;
@@ -37,16 +40,20 @@ bool CPathLines::ReadMore() {
         input.fd = m_fd;
         input.events = POLLIN;
         const int ready = poll(&input, 1, 100);
-        if (ready == 0 || (ready < 0 && errno == EINTR))
+        if (ready == 0 || (ready < 0 && errno == EINTR)) {
             continue;
+        }
         const ssize_t count = read(m_fd, piece.data(), piece.size());
-        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
             continue;
-        if (count < 0)
+        }
+        if (count < 0) {
             m_error = errno;
+        }
         m_bEnd = count == 0;
-        if (count > 0)
+        if (count > 0) {
             m_strBuffer.append(piece.data(), static_cast<size_t>(count));
+        }
         return count >= 0;
     }
     return false;
