@@ -50,18 +50,18 @@ void AddScan(CLI::App &app, _ScanOptions &options) {
     pScan->add_flag("--quiet,-q", options.report.bQuiet, "No summary, no progress, no remarks");
     pScan->add_flag("--json", options.report.bJson, "One JSON object a line: reported files, then the summary");
     pScan
-        ->add_option("--max-filesize", options.limits.uMaxFileSize,
+        ->add_option("--max-filesize", options.limits.ullMaxFileSize,
                      "Do not scan files larger than this (0: only the engine's own limit of 2 GiB)")
         ->transform(SizeText())
         ->type_name("SIZE")
         ->default_str("100M");
     pScan
-        ->add_option("--max-scansize", options.limits.uMaxScanSize,
+        ->add_option("--max-scansize", options.limits.ullMaxScanSize,
                      "Unpack at most this much from one file (0: no limit)")
         ->transform(SizeText())
         ->type_name("SIZE")
         ->default_str("400M");
-    pScan->add_option("--max-scantime", options.limits.uMaxScanTime, "Seconds for one file, 0 for no limit")
+    pScan->add_option("--max-scantime", options.limits.ulMaxScanTime, "Seconds for one file, 0 for no limit")
         ->check(CLI::Range(0u, 86400u).description(""))
         ->type_name("SECONDS")
         ->default_str("120");

@@ -17,8 +17,8 @@ class CAddedRecords {
     void Note(const std::string &strPath);
 
     // Waits until the writer has dealt with everything and returns how many records it did not store. Returns at once
-    // when nothing was added. uTag: of the signatures that the records were made with.
-    uint64_t CountLost(uint32_t uTag) const;
+    // when nothing was added. ulTag: of the signatures that the records were made with.
+    uint64_t CountLost(uint32_t ulTag) const;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -30,7 +30,7 @@ class CAddedRecords {
         Clock::time_point begin;
     };
 
-    uint64_t CountMissing(uint32_t uTag) const;
+    uint64_t CountMissing(uint32_t ulTag) const;
 
     mutable std::mutex m_mutex; // guards everything below; CountLost comes after the last Note
     uint64_t m_nAdded = 0;

@@ -22,7 +22,7 @@ struct _FolderRule {
     mode_t forbidden; // permission bits that would let somebody else plant verdicts
 };
 
-constexpr std::array<_FolderRule, 6> kFolders{{
+constexpr std::array<_FolderRule, 6> kFolders = {{
     {"", 0755, S_IWOTH},
     {kLibraryFolder, 0755, 0},
     {kConfigFolder, 0755, S_IWOTH},
@@ -69,7 +69,7 @@ bool MakeFolder(const std::string &strPath, mode_t mode, std::string &strError) 
 
 // A folder that belongs to somebody else, or that others may write to, could be filled with false verdicts.
 bool IsTrusted(const std::string &strPath, mode_t forbidden, std::string &strError) {
-    struct stat status {};
+    struct stat status = {};
     if (stat(strPath.c_str(), &status) != 0) {
         strError = "cannot use the folder " + ErrnoText(strPath, errno);
         return false;
@@ -89,7 +89,7 @@ bool IsTrusted(const std::string &strPath, mode_t forbidden, std::string &strErr
 } // namespace
 
 std::string ProgramPrefix() {
-    std::array<char, PATH_MAX> buffer{};
+    std::array<char, PATH_MAX> buffer = {};
     const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
     if (length <= 0) {
         return {};
@@ -101,7 +101,7 @@ std::string ProgramPrefix() {
 }
 
 bool Exists(const std::string &strPath) {
-    struct stat status {};
+    struct stat status = {};
     return lstat(strPath.c_str(), &status) == 0;
 }
 

@@ -18,15 +18,15 @@ constexpr int kLongestWait = 60; // seconds for a marker to go
 constexpr int kPollStep = 5;     // milliseconds
 constexpr int kNoteAfter = 3;    // seconds
 
-std::string CodeText(uint32_t uCode) {
-    std::array<char, 16> buffer{};
-    (void)std::snprintf(buffer.data(), buffer.size(), "0x%08x", uCode);
+std::string CodeText(uint32_t ulCode) {
+    std::array<char, 16> buffer = {};
+    (void)std::snprintf(buffer.data(), buffer.size(), "0x%08x", ulCode);
     return buffer.data();
 }
 
-std::string StartFailure(const CInstallRoot &root, uint32_t uCode) {
+std::string StartFailure(const CInstallRoot &root, uint32_t ulCode) {
     const std::string strFolder = EscapeName(root.CacheFolder());
-    return "the cache does not start (" + CodeText(uCode) + "): " + strFolder +
+    return "the cache does not start (" + CodeText(ulCode) + "): " + strFolder +
            " cannot be written to, its disk is nearly full (diskthreshold in " + EscapeName(root.ConfigFile()) +
            "), its database is in use by another process, or it is damaged: then delete " + strFolder +
            "/morcache.db while nothing uses it, the files are scanned once more; TARN_LOG_LEVEL=debug tells which";
@@ -76,7 +76,7 @@ struct _Found {
 // list, and only then may an updater leave the next one.
 bool WaitForDropping(const CInstallRoot &root, const _Found &found, CScanReport &report) {
     constexpr int nStepsInSecond = 1000 / kPollStep;
-    constexpr timespec step{0, kPollStep * 1000000L};
+    constexpr timespec step = {0, kPollStep * 1000000L};
     int nIdle = 0;
     for (int nSteps = 1; nIdle < kLongestWait * nStepsInSecond; ++nSteps) {
         const bool bPending = Exists(root.EngineMarker()) || (found.bList && Exists(root.HashMarker()));
@@ -101,7 +101,7 @@ bool WaitForDropping(const CInstallRoot &root, const _Found &found, CScanReport 
 
 bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report,
                           std::string &strWhy) {
-    m_uTag = SignatureTag(strFingerprint);
+    m_ulTag = SignatureTag(strFingerprint);
     if (!root.Prepare(strWhy)) {
         return false;
     }
@@ -132,7 +132,7 @@ bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerp
     }
     std::string strDigests;
     bool bMissing = false;
-    const _Found found{IsListPending(root), ChangeTime(root.ConfigFile())};
+    const _Found found = {IsListPending(root), ChangeTime(root.ConfigFile())};
     if (found.bList && !ReadPendingList(root, strDigests, bMissing, strWhy)) {
         return false;
     }
@@ -140,9 +140,9 @@ bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerp
     if (Exists(root.HashMarker()) && !found.bList) {
         report.Note(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
     }
-    const uint32_t uCode = LocalCacheInit();
-    if (uCode != TARN_OK) {
-        strWhy = StartFailure(root, uCode);
+    const uint32_t ulCode = LocalCacheInit();
+    if (ulCode != TARN_OK) {
+        strWhy = StartFailure(root, ulCode);
         return false;
     }
     m_bInUse = true;
@@ -174,12 +174,12 @@ void CCacheSession::Stop() {
 
 bool CCacheSession::Find(const std::string &strPath, _FileVerdict &verdict) const {
     char szMD5[TARN_MD5_TEXT_SIZE] = {};
-    _SCAN_FILE_RESULT record{};
-    return LocalCacheLookup(strPath.c_str(), szMD5, &record) == TARN_OK && FromRecord(record, szMD5, m_uTag, verdict);
+    _SCAN_FILE_RESULT record = {};
+    return LocalCacheLookup(strPath.c_str(), szMD5, &record) == TARN_OK && FromRecord(record, szMD5, m_ulTag, verdict);
 }
 
 bool CCacheSession::Add(const std::string &strPath, const _FileVerdict &verdict) {
-    _SCAN_FILE_RESULT record = ToRecord(verdict, m_uTag);
+    _SCAN_FILE_RESULT record = ToRecord(verdict, m_ulTag);
     if (LocalCacheAdd(strPath.c_str(), verdict.strMD5.c_str(), &record) != TARN_OK) {
         return false;
     }
@@ -203,10 +203,10 @@ bool CReadOnlyCache::Start(const CInstallRoot &root, std::string &strError) {
         strError = "there is no cache in " + EscapeName(root.Path()) + " yet; the first scan makes one";
         return false;
     }
-    const uint32_t uCode = LocalCacheInitEx();
-    m_bStarted = uCode == TARN_OK;
+    const uint32_t ulCode = LocalCacheInitEx();
+    m_bStarted = ulCode == TARN_OK;
     if (!m_bStarted) {
-        strError = StartFailure(root, uCode);
+        strError = StartFailure(root, ulCode);
     }
     return m_bStarted;
 }

@@ -26,7 +26,7 @@ class CCacheSession {
     bool Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
 
     // Waits for the writer when anything was added; returns how many records it could not store.
-    uint64_t CountLost() const { return m_bInUse ? m_added.CountLost(m_uTag) : 0; }
+    uint64_t CountLost() const { return m_bInUse ? m_added.CountLost(m_ulTag) : 0; }
 
     // Writes everything that is queued and closes the cache.
     void Stop();
@@ -46,7 +46,7 @@ class CCacheSession {
     bool Open(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
 
     bool m_bInUse = false; // constant while workers run, like the tag
-    uint32_t m_uTag = 0;
+    uint32_t m_ulTag = 0;
     CFileLock m_scanLock;   // for as long as the cache is used
     CFileLock m_updateLock; // until what was pending is dropped
     CAddedRecords m_added;

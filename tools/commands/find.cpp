@@ -34,11 +34,11 @@ struct _Found {
 
 // What the cache knows of the path, if that is this MD5.
 uint32_t StateWith(const std::string &strPath, const std::string &strMD5) {
-    std::array<char, TARN_MD5_TEXT_SIZE> md5{};
-    _SCAN_FILE_RESULT record{};
-    uint32_t uState = TARN_PEEK_UNKNOWN;
-    const bool bDone = LocalCachePeek(strPath.c_str(), md5.data(), &record, &uState) == TARN_OK;
-    return bDone && strMD5 == md5.data() ? uState : TARN_PEEK_UNKNOWN;
+    std::array<char, TARN_MD5_TEXT_SIZE> md5 = {};
+    _SCAN_FILE_RESULT record = {};
+    uint32_t ulState = TARN_PEEK_UNKNOWN;
+    const bool bDone = LocalCachePeek(strPath.c_str(), md5.data(), &record, &ulState) == TARN_OK;
+    return bDone && strMD5 == md5.data() ? ulState : TARN_PEEK_UNKNOWN;
 }
 
 // The joined text ends every path with ";", which is also a fair character in a name. A path is taken where another
@@ -50,7 +50,7 @@ std::vector<_FoundFile> SplitPaths(const std::string &strJoined, const std::stri
     for (size_t start = 0; start < strJoined.size();) {
         size_t chosen = std::string::npos;
         size_t fallback = strJoined.size();
-        uint32_t uState = TARN_PEEK_UNKNOWN;
+        uint32_t ulState = TARN_PEEK_UNKNOWN;
         for (size_t end = strJoined.find(';', start);
              end != std::string::npos && end - start < kLongestCachedPath && chosen == std::string::npos;
              end = strJoined.find(';', end + 1)) {
@@ -59,13 +59,13 @@ std::vector<_FoundFile> SplitPaths(const std::string &strJoined, const std::stri
             }
             fallback = std::min(fallback, end);
             const std::string strPath = strJoined.substr(start, end - start);
-            uState = taken.contains(strPath) ? TARN_PEEK_UNKNOWN : StateWith(strPath, strMD5);
-            if (uState != TARN_PEEK_UNKNOWN) {
+            ulState = taken.contains(strPath) ? TARN_PEEK_UNKNOWN : StateWith(strPath, strMD5);
+            if (ulState != TARN_PEEK_UNKNOWN) {
                 chosen = end;
             }
         }
         const size_t end = chosen != std::string::npos ? chosen : fallback;
-        files.push_back({strJoined.substr(start, end - start), uState != TARN_PEEK_KNOWN});
+        files.push_back({strJoined.substr(start, end - start), ulState != TARN_PEEK_KNOWN});
         taken.insert(files.back().strPath);
         start = end + 1;
     }
@@ -84,11 +84,11 @@ std::string Slots(const std::vector<std::string> &vecMD5) {
 // Walks the file system. Every path text but the first is the caller's to free, see LocalCacheFree.
 bool FindPaths(const std::vector<std::string> &vecMD5, std::vector<_Found> &vecFound) {
     _CacheFileInfo *pRecords = nullptr;
-    uint64_t uCount = 0;
-    if (LocalCacheFindFilesByHash(Slots(vecMD5).c_str(), vecMD5.size(), &pRecords, &uCount) != TARN_OK) {
+    uint64_t ullCount = 0;
+    if (LocalCacheFindFilesByHash(Slots(vecMD5).c_str(), vecMD5.size(), &pRecords, &ullCount) != TARN_OK) {
         return false;
     }
-    for (uint64_t index = 0; index < uCount; ++index) {
+    for (uint64_t index = 0; index < ullCount; ++index) {
         _Found found;
         char *pszPaths = nullptr;
         std::memcpy(&pszPaths, &pRecords[index].pszFilePaths, sizeof pszPaths); // the field is not aligned
@@ -105,7 +105,7 @@ bool FindPaths(const std::vector<std::string> &vecMD5, std::vector<_Found> &vecF
         pszPaths = nullptr;
         std::memcpy(&pRecords[index].pszFilePaths, &pszPaths, sizeof pszPaths);
     }
-    LocalCacheFree(pRecords, uCount);
+    LocalCacheFree(pRecords, ullCount);
     return true;
 }
 

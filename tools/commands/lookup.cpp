@@ -12,13 +12,13 @@
 namespace {
 
 struct _Known {
-    uint32_t uState = TARN_PEEK_UNKNOWN;
-    std::array<char, TARN_MD5_TEXT_SIZE> md5{};
-    _SCAN_FILE_RESULT record{};
+    uint32_t ulState = TARN_PEEK_UNKNOWN;
+    std::array<char, TARN_MD5_TEXT_SIZE> md5 = {};
+    _SCAN_FILE_RESULT record = {};
 
     std::string Name() const { return {record.szVirusDesc, strnlen(record.szVirusDesc, TARN_VIRUS_DESC_SIZE)}; }
     const char *StateText() const {
-        return uState == TARN_PEEK_KNOWN ? "known" : uState == TARN_PEEK_CHANGED ? "changed" : "unknown";
+        return ulState == TARN_PEEK_KNOWN ? "known" : ulState == TARN_PEEK_CHANGED ? "changed" : "unknown";
     }
     // Other engines give their result states meanings of their own; a description always says infected.
     const char *VerdictText() const { return VerdictName(Name().empty() ? EVerdict::Clean : EVerdict::Infected); }
@@ -26,7 +26,7 @@ struct _Known {
 
 std::string TextLine(const std::string &strPath, const _Known &known) {
     std::string strLine = EscapeName(strPath) + ": " + known.StateText();
-    if (known.uState != TARN_PEEK_UNKNOWN) {
+    if (known.ulState != TARN_PEEK_UNKNOWN) {
         strLine += std::string(", ") + known.VerdictText();
         if (!known.Name().empty()) {
             strLine += " (" + EscapeName(known.Name()) + ")";
@@ -41,7 +41,7 @@ std::string JsonText(const std::string &strPath, const _Known &known) {
     object["type"] = "file";
     PutName(object, "path", strPath);
     object["state"] = known.StateText();
-    if (known.uState != TARN_PEEK_UNKNOWN) {
+    if (known.ulState != TARN_PEEK_UNKNOWN) {
         object["verdict"] = known.VerdictText();
         if (!known.Name().empty()) {
             PutName(object, "name", known.Name());
@@ -75,14 +75,15 @@ int RunLookup(const _AskOptions &options) {
             argument.strPath = AbsolutePath(strArgument);
         }
         _Known known;
-        const uint32_t uCode = LocalCachePeek(argument.strPath.c_str(), known.md5.data(), &known.record, &known.uState);
-        if (uCode != TARN_OK) {
+        const uint32_t ulCode =
+            LocalCachePeek(argument.strPath.c_str(), known.md5.data(), &known.record, &known.ulState);
+        if (ulCode != TARN_OK) {
             (void)Trouble("cannot look up " + EscapeName(argument.strPath));
             status = kExitTrouble;
             continue;
         }
         strOutput += options.bJson ? JsonText(argument.strPath, known) : TextLine(argument.strPath, known);
-        if (known.uState != TARN_PEEK_KNOWN && status == kExitClean) {
+        if (known.ulState != TARN_PEEK_KNOWN && status == kExitClean) {
             status = kExitFound;
         }
     }

@@ -36,7 +36,7 @@ unsigned ProcessorCount() {
 
 // Every level of a deep tree keeps a folder open.
 void AllowManyFiles() {
-    struct rlimit limit {};
+    struct rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kManyFiles) {
         limit.rlim_cur = std::min(limit.rlim_max, kManyFiles);
         (void)setrlimit(RLIMIT_NOFILE, &limit);
@@ -156,7 +156,7 @@ class CScanRun {
     const unsigned m_nThreads;
     CJobQueue m_queue;
     const _ScanShared m_shared;
-    std::atomic<int> m_nRunning{0};
+    std::atomic<int> m_nRunning = 0;
 };
 
 // Starts the cache; a scan goes on without one.
@@ -211,7 +211,7 @@ int RunScan(const _ScanOptions &options) {
     std::string strError;
     _SignatureSet signatures;
     const unsigned nThreads = options.nThreads != 0 ? options.nThreads : ProcessorCount();
-    const CTemporaryFolder temporary(nThreads * options.limits.uMaxScanSize);
+    const CTemporaryFolder temporary(nThreads * options.limits.ullMaxScanSize);
     if (temporary.Path().empty()) {
         return Trouble(temporary.Error());
     }

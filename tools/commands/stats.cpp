@@ -10,10 +10,10 @@
 
 namespace {
 
-bool CountRecords(uint32_t &uCount) {
-    _LOCAL_CACHE_STATISTIC statistic{};
+bool CountRecords(uint32_t &ulCount) {
+    _LOCAL_CACHE_STATISTIC statistic = {};
     const bool bDone = LocalCacheGetStatistic(&statistic) == TARN_OK;
-    uCount = statistic.ulCacheSize;
+    ulCount = statistic.ulCacheSize;
     return bDone;
 }
 
@@ -27,19 +27,19 @@ int RunStats(const _AskOptions &options) {
     if (!cache.Start(root, strError)) {
         return Trouble(strError);
     }
-    uint32_t uRecords = 0;
-    if (!CountRecords(uRecords)) {
+    uint32_t ulRecords = 0;
+    if (!CountRecords(ulRecords)) {
         return Trouble("cannot count the records");
     }
     const std::string strPending = PendingText(root);
     if (options.bJson) {
         Json object;
-        object["records"] = uRecords;
+        object["records"] = ulRecords;
         PutName(object, "root", root.Path());
         object["pending"] = strPending;
         return Finish(JsonLine(object), kExitClean);
     }
-    std::string strOutput = "Records:             " + std::to_string(uRecords) + "\n";
+    std::string strOutput = "Records:             " + std::to_string(ulRecords) + "\n";
     strOutput += "Installation folder: " + EscapeName(root.Path()) + "\n";
     if (!strPending.empty()) {
         strOutput += "Pending:             " + strPending + "\n";
@@ -59,18 +59,18 @@ int RunForget(const _AskOptions &options) {
     if (!cache.Start(root, strError)) {
         return Trouble(strError);
     }
-    uint32_t uBefore = 0;
-    uint32_t uAfter = 0;
-    bool bDone = CountRecords(uBefore);
+    uint32_t ulBefore = 0;
+    uint32_t ulAfter = 0;
+    bool bDone = CountRecords(ulBefore);
     for (const std::string &strMD5 : vecMD5) {
         if (LocalCacheDeleteByFileHash(strMD5.c_str()) != TARN_OK) {
             (void)Trouble("cannot delete the records of " + strMD5);
             bDone = false;
         }
     }
-    bDone = CountRecords(uAfter) && bDone;
+    bDone = CountRecords(ulAfter) && bDone;
     if (!bDone) {
         return Trouble("not all records could be deleted");
     }
-    return Finish("Records deleted: " + std::to_string(uBefore - uAfter) + "\n", kExitClean);
+    return Finish("Records deleted: " + std::to_string(ulBefore - ulAfter) + "\n", kExitClean);
 }

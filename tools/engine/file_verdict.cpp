@@ -22,7 +22,7 @@ struct _TypeRule {
 };
 
 // First match wins; types that are not listed are EFileType::Other.
-constexpr std::array<_TypeRule, 50> kTypeRules{{
+constexpr std::array<_TypeRule, 50> kTypeRules = {{
     {"ELF", EFileType::Elf},           {"MACHO", EFileType::Executable},  {"MSEXE", EFileType::Executable},
     {"MSCOFF", EFileType::Executable}, {"TEXT", EFileType::Text},         {"SCRIPT", EFileType::Text},
     {"PYTHON", EFileType::Text},       {"HTML", EFileType::Html},         {"XML", EFileType::Html},
@@ -60,34 +60,34 @@ EFileType TypeOf(std::string_view engineType) {
     return pRule == kTypeRules.end() ? EFileType::Other : pRule->eType;
 }
 
-EFileType TypeOfFlags(uint32_t uFlags) {
-    return static_cast<EFileType>(uFlags & 0xFFu);
+EFileType TypeOfFlags(uint32_t ulFlags) {
+    return static_cast<EFileType>(ulFlags & 0xFFu);
 }
 
 const char *TypeName(EFileType eType) {
-    constexpr std::array<const char *, 10> names{"other",   "other",    "elf",  "executable", "text",
-                                                 "archive", "document", "html", "mail",       "media"};
+    constexpr std::array<const char *, 10> names = {"other",   "other",    "elf",  "executable", "text",
+                                                    "archive", "document", "html", "mail",       "media"};
     const auto index = static_cast<size_t>(eType);
     return index < names.size() ? names[index] : "other";
 }
 
 const char *VerdictName(EVerdict eVerdict) {
-    constexpr std::array<const char *, 6> names{"clean",     "infected", "limit exceeded",
-                                                "timed out", "error",    "interrupted"};
+    constexpr std::array<const char *, 6> names = {"clean",     "infected", "limit exceeded",
+                                                   "timed out", "error",    "interrupted"};
     return names[static_cast<size_t>(eVerdict)];
 }
 
 uint32_t SignatureTag(std::string_view fingerprint) {
-    uint32_t uNumber = 0;
-    (void)std::from_chars(fingerprint.data(), fingerprint.data() + std::min<size_t>(fingerprint.size(), 8), uNumber,
+    uint32_t ulNumber = 0;
+    (void)std::from_chars(fingerprint.data(), fingerprint.data() + std::min<size_t>(fingerprint.size(), 8), ulNumber,
                           16);
-    return (uNumber & kLowTagBits) << kLowTagShift | (uNumber & ~kLowTagBits) << kHighTagShift;
+    return (ulNumber & kLowTagBits) << kLowTagShift | (ulNumber & ~kLowTagBits) << kHighTagShift;
 }
 
-_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict, uint32_t uTag) {
-    _SCAN_FILE_RESULT record{};
+_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict, uint32_t ulTag) {
+    _SCAN_FILE_RESULT record = {};
     record.lEngineCode = kEngineCode;
-    record.ulFlags = static_cast<uint32_t>(verdict.eType) | uTag;
+    record.ulFlags = static_cast<uint32_t>(verdict.eType) | ulTag;
     if (verdict.eVerdict == EVerdict::Infected) {
         record.ulFlags |= kInfectedBit | (kStateInfected << TARN_RESULT_STATE_SHIFT);
         const std::string strName = StoredName(verdict.strName);
@@ -96,15 +96,15 @@ _SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict, uint32_t uTag) {
     return record;
 }
 
-bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, uint32_t uTag, _FileVerdict &verdict) {
-    const uint32_t uFlags = record.ulFlags;
-    const uint32_t uState = (uFlags >> TARN_RESULT_STATE_SHIFT) & kStateMask;
-    const bool bInfected = uState == kStateInfected;
+bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, uint32_t ulTag, _FileVerdict &verdict) {
+    const uint32_t ulFlags = record.ulFlags;
+    const uint32_t ulState = (ulFlags >> TARN_RESULT_STATE_SHIFT) & kStateMask;
+    const bool bInfected = ulState == kStateInfected;
     verdict.eVerdict = bInfected ? EVerdict::Infected : EVerdict::Clean;
     verdict.strName.assign(record.szVirusDesc, strnlen(record.szVirusDesc, TARN_VIRUS_DESC_SIZE));
-    verdict.eType = TypeOfFlags(uFlags);
+    verdict.eType = TypeOfFlags(ulFlags);
     verdict.strMD5 = pszMD5;
-    return record.lEngineCode == kEngineCode && (uFlags & kTagBits) == uTag &&
-           bInfected == ((uFlags & kInfectedBit) != 0) && bInfected == !verdict.strName.empty() &&
-           (bInfected || uState == 0);
+    return record.lEngineCode == kEngineCode && (ulFlags & kTagBits) == ulTag &&
+           bInfected == ((ulFlags & kInfectedBit) != 0) && bInfected == !verdict.strName.empty() &&
+           (bInfected || ulState == 0);
 }

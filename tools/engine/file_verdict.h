@@ -39,7 +39,7 @@ std::string StoredName(std::string_view name);
 EFileType TypeOf(std::string_view engineType);
 
 // From the low byte of a flag word.
-EFileType TypeOfFlags(uint32_t uFlags);
+EFileType TypeOfFlags(uint32_t ulFlags);
 
 const char *TypeName(EFileType eType);
 const char *VerdictName(EVerdict eVerdict);
@@ -53,11 +53,11 @@ uint32_t SignatureTag(std::string_view fingerprint);
 //   bits 13-17         result state: 0 clean, 1 infected
 //   bit 18             set when infected
 //   bits 8-12, 19-31   the tag of the signatures that gave the verdict
-_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict, uint32_t uTag);
+_SCAN_FILE_RESULT ToRecord(const _FileVerdict &verdict, uint32_t ulTag);
 
 // The verdict in a record that the cache gave. False when another engine or other signatures made it, or when it does
 // not hold together; the file has to be scanned then. Outdated records are normally deleted, but that may fail or come
 // before the last of them is written.
-bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, uint32_t uTag, _FileVerdict &verdict);
+bool FromRecord(const _SCAN_FILE_RESULT &record, const char *pszMD5, uint32_t ulTag, _FileVerdict &verdict);
 
 #endif

@@ -23,12 +23,12 @@ struct _ScanContext {
     const std::atomic<bool> &stop;
     const CTemporaryFolder &temporary;
     bool bBroken = false;
-    bool bFull = false;        // the temporary folder was
-    uint64_t nLayers = 0;      // the file, and everything unpacked from it
-    std::string strType;       // of the outermost layer
-    uint64_t uLargestPart = 0; // bytes, of all layers but the outermost
-    uint64_t uTotal = 0;       // bytes, of all layers
-    std::string strFailure;    // the first error that the engine told
+    bool bFull = false;          // the temporary folder was
+    uint64_t nLayers = 0;        // the file, and everything unpacked from it
+    std::string strType;         // of the outermost layer
+    uint64_t ullLargestPart = 0; // bytes, of all layers but the outermost
+    uint64_t ullTotal = 0;       // bytes, of all layers
+    std::string strFailure;      // the first error that the engine told
 };
 
 // The scan that this thread is in. The engine's messages come without it as long as its own folder is not made.
@@ -50,12 +50,12 @@ cl_error_t BeforeLayer(int, const char *pszType, void *pContext) {
 // where the layer is a piece of another. Some unpackers do not tell that they could not write; the layer is then what
 // did fit, and still there.
 cl_error_t AtLayerSize(int, const char *, const char **, size_t, const char *, size_t size, const char *,
-                       uint32_t uDepth, uint32_t, void *pContext) {
+                       uint32_t ulDepth, uint32_t, void *pContext) {
     auto *pScan = static_cast<_ScanContext *>(pContext);
-    if (uDepth != 0) {
-        pScan->uLargestPart = std::max<uint64_t>(pScan->uLargestPart, size);
+    if (ulDepth != 0) {
+        pScan->ullLargestPart = std::max<uint64_t>(pScan->ullLargestPart, size);
     }
-    pScan->uTotal += size;
+    pScan->ullTotal += size;
     pScan->bFull = pScan->bFull || !pScan->temporary.HasRoom();
     return CL_CLEAN;
 }
@@ -70,13 +70,14 @@ void OnMessage(cl_msg eSeverity, const char *, const char *pszText, void *) {
 
 // For what is unpacked. With less than a step, nothing of a member would be left to be seen.
 uint64_t PartLimit(const _ScanLimits &limits) {
-    return std::max(limits.uMaxFileSize, 2 * kUnpackStep);
+    return std::max(limits.ullMaxFileSize, 2 * kUnpackStep);
 }
 
 // Members above a limit are cut off, and the rest is not scanned, without a word.
 bool IsCutShort(const _ScanContext &scan, const _ScanLimits &limits) {
-    return scan.uLargestPart + kUnpackStep > PartLimit(limits) ||
-           (scan.uLargestPart != 0 && limits.uMaxScanSize != 0 && scan.uTotal + kUnpackStep > limits.uMaxScanSize);
+    return scan.ullLargestPart + kUnpackStep > PartLimit(limits) ||
+           (scan.ullLargestPart != 0 && limits.ullMaxScanSize != 0 &&
+            scan.ullTotal + kUnpackStep > limits.ullMaxScanSize);
 }
 
 bool SetUp(cl_engine *pEngine, const _ScanLimits &limits, const std::string &strTemporaryFolder) {
@@ -86,8 +87,8 @@ bool SetUp(cl_engine *pEngine, const _ScanLimits &limits, const std::string &str
     cl_engine_set_clcb_pre_cache(pEngine, BeforeLayer);
     cl_engine_set_clcb_file_inspection(pEngine, AtLayerSize);
     return setNumber(CL_ENGINE_DISABLE_CACHE, 1) && setNumber(CL_ENGINE_MAX_FILESIZE, PartLimit(limits)) &&
-           setNumber(CL_ENGINE_MAX_SCANSIZE, limits.uMaxScanSize) &&
-           setNumber(CL_ENGINE_MAX_SCANTIME, uint64_t{limits.uMaxScanTime} * 1000) &&
+           setNumber(CL_ENGINE_MAX_SCANSIZE, limits.ullMaxScanSize) &&
+           setNumber(CL_ENGINE_MAX_SCANTIME, uint64_t{limits.ulMaxScanTime} * 1000) &&
            cl_engine_set_str(pEngine, CL_ENGINE_TMPDIR, strTemporaryFolder.c_str()) == CL_SUCCESS;
 }
 
@@ -112,10 +113,10 @@ _FileVerdict VerdictOf(cl_error_t result, const char *pszName, std::string &strE
 }
 
 // Takes back a verdict of the engine that does not rest on the whole file.
-void Doubt(const _ScanContext &scan, uint64_t uSize, _FileVerdict &verdict, std::string &strError) {
+void Doubt(const _ScanContext &scan, uint64_t ullSize, _FileVerdict &verdict, std::string &strError) {
     if (!scan.strFailure.empty()) {
         strError = scan.strFailure;
-    } else if (scan.nLayers == 0 && uSize >= kSmallestScanned && verdict.eVerdict == EVerdict::Clean) {
+    } else if (scan.nLayers == 0 && ullSize >= kSmallestScanned && verdict.eVerdict == EVerdict::Clean) {
         strError = "the engine did not look at the file";
     } else if (scan.bFull || !scan.temporary.HasRoom()) {
         strError = "the temporary folder is full";
@@ -137,8 +138,8 @@ std::unique_ptr<CScanEngine> CScanEngine::Load(const std::string &strSignatures,
         return nullptr;
     }
     _ScanLimits effective = limits;
-    effective.uMaxFileSize =
-        limits.uMaxFileSize == 0 ? kEngineLargestFile : std::min(limits.uMaxFileSize, kEngineLargestFile);
+    effective.ullMaxFileSize =
+        limits.ullMaxFileSize == 0 ? kEngineLargestFile : std::min(limits.ullMaxFileSize, kEngineLargestFile);
     std::unique_ptr<CScanEngine> pLoaded(new CScanEngine(pEngine, temporary, effective));
     if (!SetUp(pEngine, effective, temporary.Path())) {
         strError = "the scan engine refuses its settings";
@@ -169,10 +170,10 @@ std::unique_ptr<CScanEngine> CScanEngine::Share() const {
     return pShared;
 }
 
-_FileVerdict CScanEngine::ScanDescriptor(int fd, uint64_t uSize, const std::atomic<bool> &stop,
+_FileVerdict CScanEngine::ScanDescriptor(int fd, uint64_t ullSize, const std::atomic<bool> &stop,
                                          std::string &strError) const {
     _ScanContext context(stop, m_temporary);
-    cl_scan_options options{};
+    cl_scan_options options = {};
     options.general = CL_SCAN_GENERAL_HEURISTICS;
     options.parse = ~0u;
     options.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;
@@ -191,7 +192,7 @@ _FileVerdict CScanEngine::ScanDescriptor(int fd, uint64_t uSize, const std::atom
         verdict.eVerdict = EVerdict::LimitExceeded;
     }
     if (verdict.eVerdict == EVerdict::Clean || verdict.eVerdict == EVerdict::LimitExceeded) {
-        Doubt(context, uSize, verdict, strError);
+        Doubt(context, ullSize, verdict, strError);
     }
     verdict.eType = TypeOf(context.strType);
     return verdict;

@@ -13,9 +13,9 @@
 struct cl_engine;
 
 struct _ScanLimits {
-    uint64_t uMaxFileSize = 100u << 20; // bytes
-    uint64_t uMaxScanSize = 400u << 20; // bytes, everything unpacked from one file together
-    uint32_t uMaxScanTime = 120;        // seconds for one file, 0 for no limit
+    uint64_t ullMaxFileSize = 100u << 20; // bytes
+    uint64_t ullMaxScanSize = 400u << 20; // bytes, everything unpacked from one file together
+    uint32_t ulMaxScanTime = 120;         // seconds for one file, 0 for no limit
 };
 
 // One counted reference to the compiled engine.
@@ -32,12 +32,12 @@ class CScanEngine {
     // A further reference for another thread; null when the engine gives none.
     std::unique_ptr<CScanEngine> Share() const;
 
-    // Scans an open file of uSize bytes from its beginning. Ends early, with EVerdict::Interrupted, once stop is set.
+    // Scans an open file of ullSize bytes from its beginning. Ends early, with EVerdict::Interrupted, once stop is set.
     // Clean is only what the engine has seen to its end. *strError tells more about EVerdict::Error.
-    _FileVerdict ScanDescriptor(int fd, uint64_t uSize, const std::atomic<bool> &stop, std::string &strError) const;
+    _FileVerdict ScanDescriptor(int fd, uint64_t ullSize, const std::atomic<bool> &stop, std::string &strError) const;
 
     unsigned SignatureCount() const { return m_nSignatures; }
-    uint64_t MaxFileSize() const { return m_limits.uMaxFileSize; }
+    uint64_t MaxFileSize() const { return m_limits.ullMaxFileSize; }
 
   private:
     CScanEngine(cl_engine *pEngine, const CTemporaryFolder &temporary, const _ScanLimits &limits)

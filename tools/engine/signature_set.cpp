@@ -22,7 +22,7 @@ namespace {
 constexpr std::string_view kScanPolicy = "policy 3";
 
 // The extensions that the engine loads from a folder.
-constexpr std::array<std::string_view, 41> kExtensions{
+constexpr std::array<std::string_view, 41> kExtensions = {
     "cat", "cbc", "cdb", "cfg", "cld", "crb",  "crtdb", "cud", "cvd",  "db",  "fp",  "ftm",  "gdb", "hdb",
     "hdu", "hsb", "hsu", "hw",  "idb", "ign",  "ign2",  "imp", "info", "ioc", "ldb", "ldu",  "mdb", "mdu",
     "msb", "msu", "ndb", "ndu", "pdb", "pwdb", "rmd",   "sdb", "sfp",  "wdb", "yar", "yara", "zmd"};
@@ -110,7 +110,7 @@ bool Fingerprint(const std::vector<std::string> &files, std::string &strFingerpr
 } // namespace
 
 bool ChooseSignatureSet(const std::string &strOption, _SignatureSet &set, std::string &strError) {
-    std::vector<std::string> candidates{cl_retdbdir(), ProgramPrefix() + "/share/tarncache/signatures"};
+    std::vector<std::string> candidates = {cl_retdbdir(), ProgramPrefix() + "/share/tarncache/signatures"};
     if (!strOption.empty()) {
         candidates = {AbsolutePath(strOption)};
     }

@@ -30,11 +30,11 @@ constexpr int kAttempts = 8;
 uint64_t AvailableMemory() {
     std::ifstream info("/proc/meminfo");
     std::string strName;
-    uint64_t uKiB = 0;
+    uint64_t ullKiB = 0;
     std::string strUnit;
-    while (info >> strName >> uKiB && std::getline(info, strUnit)) {
+    while (info >> strName >> ullKiB && std::getline(info, strUnit)) {
         if (strName == "MemAvailable:") {
-            return uKiB * 1024;
+            return ullKiB * 1024;
         }
     }
     return 0;
@@ -42,15 +42,15 @@ uint64_t AvailableMemory() {
 
 // The smallest limit of a control group and of all groups above it.
 uint64_t SmallestLimit(const std::string &strBase, std::string strGroup, const char *pszFile) {
-    for (uint64_t uLimit = UINT64_MAX;;) {
+    for (uint64_t ullLimit = UINT64_MAX;;) {
         std::ifstream limit(strBase + strGroup + "/" + pszFile);
-        uint64_t uValue = 0;
-        if (limit >> uValue) {
-            uLimit = std::min(uLimit, uValue);
+        uint64_t ullValue = 0;
+        if (limit >> ullValue) {
+            ullLimit = std::min(ullLimit, ullValue);
         }
         const size_t slash = strGroup.rfind('/');
         if (slash == std::string::npos) {
-            return uLimit;
+            return ullLimit;
         }
         strGroup.resize(slash);
     }
@@ -58,27 +58,27 @@ uint64_t SmallestLimit(const std::string &strBase, std::string strGroup, const c
 
 // What the control groups allow this process; a file in memory counts against it.
 uint64_t MemoryLimit() {
-    uint64_t uLimit = UINT64_MAX;
+    uint64_t ullLimit = UINT64_MAX;
     std::ifstream groups("/proc/self/cgroup");
     for (std::string strLine; std::getline(groups, strLine);) {
         const size_t slash = strLine.find(":/");
         const std::string strGroup = slash == std::string::npos ? "" : strLine.substr(slash + 1);
         if (strLine.starts_with("0::")) {
-            uLimit = std::min(uLimit, SmallestLimit("/sys/fs/cgroup", strGroup, "memory.max"));
+            ullLimit = std::min(ullLimit, SmallestLimit("/sys/fs/cgroup", strGroup, "memory.max"));
         } else if (strLine.find("memory") < slash) {
-            uLimit = std::min(uLimit, SmallestLimit("/sys/fs/cgroup/memory", strGroup, "memory.limit_in_bytes"));
+            ullLimit = std::min(ullLimit, SmallestLimit("/sys/fs/cgroup/memory", strGroup, "memory.limit_in_bytes"));
         }
     }
-    return uLimit;
+    return ullLimit;
 }
 
-bool FitsInMemory(uint64_t uMostBytes) {
-    struct statfs info {};
+bool FitsInMemory(uint64_t ullMostBytes) {
+    struct statfs info = {};
     if (statfs(kMemoryFolder, &info) != 0 || info.f_type != TMPFS_MAGIC || access(kMemoryFolder, W_OK) != 0) {
         return false;
     }
-    const uint64_t uFree = static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_bsize);
-    return uMostBytes != 0 && std::min({uFree, AvailableMemory(), MemoryLimit()}) / kReserve >= uMostBytes;
+    const uint64_t ullFree = static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_bsize);
+    return ullMostBytes != 0 && std::min({ullFree, AvailableMemory(), MemoryLimit()}) / kReserve >= ullMostBytes;
 }
 
 CDescriptor OpenFolder(const std::string &strPath) {
@@ -97,7 +97,7 @@ void RemoveAbandoned(const std::string &strParent) {
             continue;
         }
         const CDescriptor folder = OpenFolder(entry->path().string());
-        struct stat status {};
+        struct stat status = {};
         std::error_code ignored;
         if (folder.IsOpen() && fstat(folder.Get(), &status) == 0 && status.st_uid == geteuid() &&
             flock(folder.Get(), LOCK_EX | LOCK_NB) == 0) {
@@ -108,13 +108,13 @@ void RemoveAbandoned(const std::string &strParent) {
 
 } // namespace
 
-CTemporaryFolder::CTemporaryFolder(uint64_t uMostBytes) {
+CTemporaryFolder::CTemporaryFolder(uint64_t ullMostBytes) {
     const char *pszParent = getenv("TMPDIR");
     if (pszParent == nullptr || *pszParent != '/') {
         // Both, and first: what a killed scan left in memory takes the room there.
         RemoveAbandoned(kMemoryFolder);
         RemoveAbandoned(kDiskFolder);
-        pszParent = FitsInMemory(uMostBytes) ? kMemoryFolder : kDiskFolder;
+        pszParent = FitsInMemory(ullMostBytes) ? kMemoryFolder : kDiskFolder;
     } else {
         RemoveAbandoned(pszParent);
     }
@@ -145,15 +145,15 @@ bool CTemporaryFolder::Make(const std::string &strParent) {
 }
 
 bool CTemporaryFolder::HasRoom() const {
-    struct statvfs info {};
+    struct statvfs info = {};
     if (fstatvfs(m_folder.Get(), &info) != 0) {
         return false;
     }
     const bool bRoot = geteuid() == 0; // may use what is kept back from others
-    const uint64_t uFree = static_cast<uint64_t>(bRoot ? info.f_bfree : info.f_bavail) * info.f_frsize;
-    const uint64_t uFreeFiles = bRoot ? info.f_ffree : info.f_favail;
+    const uint64_t ullFree = static_cast<uint64_t>(bRoot ? info.f_bfree : info.f_bavail) * info.f_frsize;
+    const uint64_t ullFreeFiles = bRoot ? info.f_ffree : info.f_favail;
     // A total of 0 stands for no limit.
-    return (info.f_blocks == 0 || uFree >= kLeastFreeBytes) && (info.f_files == 0 || uFreeFiles >= kLeastFreeFiles);
+    return (info.f_blocks == 0 || ullFree >= kLeastFreeBytes) && (info.f_files == 0 || ullFreeFiles >= kLeastFreeFiles);
 }
 
 CTemporaryFolder::~CTemporaryFolder() {

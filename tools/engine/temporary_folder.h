@@ -7,13 +7,13 @@
 #include <cstdint>
 #include <string>
 
-// Made below TMPDIR when that is set. Else in memory when uMostBytes fit there several times over: the engine makes
+// Made below TMPDIR when that is set. Else in memory when ullMostBytes fit there several times over: the engine makes
 // and removes a folder for every single file, which takes a disk ten times as long as the scan of a small file. Else
 // below /tmp. Removed with everything in it at the end. One that a killed scan left there is removed by the next: a
 // folder in use is locked, and the lock goes with its process.
 class CTemporaryFolder {
   public:
-    explicit CTemporaryFolder(uint64_t uMostBytes);
+    explicit CTemporaryFolder(uint64_t ullMostBytes);
     CTemporaryFolder(const CTemporaryFolder &) = delete;
     CTemporaryFolder &operator=(const CTemporaryFolder &) = delete;
     ~CTemporaryFolder();

@@ -28,7 +28,7 @@ struct _ReasonText {
     const char *pszKey;  // for programs
 };
 
-constexpr std::array<_ReasonText, 5> kSkippedTexts{{
+constexpr std::array<_ReasonText, 5> kSkippedTexts = {{
     {"links", "links"},
     {"devices, pipes and sockets", "not_a_file"},
     {"excluded", "excluded"},
@@ -36,7 +36,7 @@ constexpr std::array<_ReasonText, 5> kSkippedTexts{{
     {"the cache's own files", "own_files"},
 }};
 
-constexpr std::array<_ReasonText, 10> kNotCachedTexts{{
+constexpr std::array<_ReasonText, 10> kNotCachedTexts = {{
     {"", ""},
     {"changed within 2 seconds", "too_new"},
     {"changed during the scan", "changed_during_scan"},
@@ -50,20 +50,20 @@ constexpr std::array<_ReasonText, 10> kNotCachedTexts{{
 }};
 
 struct _ScanCounters {
-    std::atomic<uint64_t> nFound{0}; // files met by the walk so far
-    std::atomic<bool> bWalkDone{false};
+    std::atomic<uint64_t> nFound = 0; // files met by the walk so far
+    std::atomic<bool> bWalkDone = false;
 
-    std::atomic<uint64_t> nFiles{0}; // files with a verdict, an error included
-    std::atomic<uint64_t> nFromCache{0};
-    std::atomic<uint64_t> nScanned{0};
-    std::atomic<uint64_t> nInfected{0};
-    std::atomic<uint64_t> nErrors{0}; // files, folders and arguments
-    std::atomic<uint64_t> nLimitExceeded{0};
-    std::atomic<uint64_t> nTimedOut{0};
-    std::atomic<uint64_t> uBytesRead{0};
-    std::atomic<uint64_t> uBytesNotRead{0};
-    std::array<std::atomic<uint64_t>, kSkippedTexts.size()> skipped{};
-    std::array<std::atomic<uint64_t>, kNotCachedTexts.size()> notCached{};
+    std::atomic<uint64_t> nFiles = 0; // files with a verdict, an error included
+    std::atomic<uint64_t> nFromCache = 0;
+    std::atomic<uint64_t> nScanned = 0;
+    std::atomic<uint64_t> nInfected = 0;
+    std::atomic<uint64_t> nErrors = 0; // files, folders and arguments
+    std::atomic<uint64_t> nLimitExceeded = 0;
+    std::atomic<uint64_t> nTimedOut = 0;
+    std::atomic<uint64_t> ullBytesRead = 0;
+    std::atomic<uint64_t> ullBytesNotRead = 0;
+    std::array<std::atomic<uint64_t>, kSkippedTexts.size()> skipped = {};
+    std::array<std::atomic<uint64_t>, kNotCachedTexts.size()> notCached = {};
 
     void CountSkipped(ESkipped eReason) { ++skipped[static_cast<size_t>(eReason)]; }
     void CountNotCached(ENotCached eReason) { ++notCached[static_cast<size_t>(eReason)]; }

@@ -29,8 +29,8 @@ class CFileEstimate {
     _ScanCounters m_counters;
     CScanReport m_report; // says nothing: the scan itself reports what cannot be read
     CJobQueue m_queue;
-    std::atomic<bool> m_bStop{false};
-    std::atomic<bool> m_bDone{false};
+    std::atomic<bool> m_bStop = false;
+    std::atomic<bool> m_bDone = false;
     std::thread m_thread;
 };
 

@@ -8,9 +8,9 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-std::atomic<int> CInterrupt::s_signals{0};
-std::atomic<bool> CInterrupt::s_bArmed{false};
-std::atomic<bool> CInterrupt::s_bStop{false};
+std::atomic<int> CInterrupt::s_signals = 0;
+std::atomic<bool> CInterrupt::s_bArmed = false;
+std::atomic<bool> CInterrupt::s_bStop = false;
 int CInterrupt::s_fdEvent = -1;
 
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
@@ -27,15 +27,15 @@ void CInterrupt::OnSignal(int) {
 
 bool CInterrupt::Install() {
     s_fdEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    struct sigaction ignore {};
+    struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
-    struct sigaction handle {};
+    struct sigaction handle = {};
     handle.sa_handler = OnSignal;
     handle.sa_flags = SA_RESTART;
     bool bDone =
         s_fdEvent >= 0 && sigaction(SIGPIPE, &ignore, nullptr) == 0 && sigaction(SIGXFSZ, &ignore, nullptr) == 0;
     for (const int number : std::array<int, 3>{SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction inherited {};
+        struct sigaction inherited = {};
         bDone = bDone && sigaction(number, nullptr, &inherited) == 0;
         // A program started with nohup or in the background of a plain shell keeps ignoring what it was told to.
         if (bDone && inherited.sa_handler != SIG_IGN) {
@@ -61,7 +61,7 @@ void CInterrupt::Wake() {
 }
 
 void CInterrupt::WaitForEvent(int milliseconds) {
-    struct pollfd event {};
+    struct pollfd event = {};
     event.fd = s_fdEvent;
     event.events = POLLIN;
     uint64_t count = 0;

@@ -7,7 +7,7 @@ namespace {
 
 // A file that is gone may have left its inode to a stranger; only one that is still there counts.
 bool IsStillThere(const std::string &strPath, const struct stat &status) {
-    struct stat now {};
+    struct stat now = {};
     return lstat(strPath.c_str(), &now) == 0 && now.st_dev == status.st_dev && now.st_ino == status.st_ino;
 }
 
@@ -15,7 +15,7 @@ bool IsStillThere(const std::string &strPath, const struct stat &status) {
 
 COwnFiles::COwnFiles(const std::vector<std::string> &vecFolders) {
     for (const std::string &strFolder : vecFolders) {
-        struct stat status {};
+        struct stat status = {};
         if (strFolder.empty() || stat(strFolder.c_str(), &status) != 0) {
             continue;
         }

@@ -41,7 +41,7 @@ Json JsonObject(const _FileReport &file) {
         object["md5"] = file.verdict.strMD5;
     }
     object["file_type"] = TypeName(file.verdict.eType);
-    object["size"] = file.uSize;
+    object["size"] = file.ullSize;
     object["from_cache"] = file.bFromCache;
     if (file.eNotCached != ENotCached::Cached) {
         object["not_cached"] = kNotCachedTexts[static_cast<size_t>(file.eNotCached)].pszKey;
@@ -213,8 +213,8 @@ void CScanReport::TextSummary(const _ScanSummary &summary) {
     strText += SummaryLine("Limit exceeded", count(m_counters.nLimitExceeded));
     strText += ReasonLines("Skipped", kSkippedTexts, m_counters.skipped);
     strText += ReasonLines("Not cached", kNotCachedTexts, m_counters.notCached);
-    strText += SummaryLine("Bytes read", BytesText(m_counters.uBytesRead));
-    strText += SummaryLine("Bytes not read", BytesText(m_counters.uBytesNotRead));
+    strText += SummaryLine("Bytes read", BytesText(m_counters.ullBytesRead));
+    strText += SummaryLine("Bytes not read", BytesText(m_counters.ullBytesNotRead));
     strText += SummaryLine("Time", SecondsText(summary.scanSeconds));
     strText += SummaryLine("Cache", bCached ? EscapeName(summary.strRoot) : "not used: " + summary.strCacheOff);
     strText +=
@@ -235,8 +235,8 @@ void CScanReport::JsonSummary(const _ScanSummary &summary) {
     object["limit_exceeded"] = m_counters.nLimitExceeded.load();
     object["skipped"] = ReasonObject(kSkippedTexts, m_counters.skipped);
     object["not_cached"] = ReasonObject(kNotCachedTexts, m_counters.notCached);
-    object["bytes_read"] = m_counters.uBytesRead.load();
-    object["bytes_not_read"] = m_counters.uBytesNotRead.load();
+    object["bytes_read"] = m_counters.ullBytesRead.load();
+    object["bytes_not_read"] = m_counters.ullBytesNotRead.load();
     object["seconds"] = summary.scanSeconds;
     object["interrupted"] = summary.bInterrupted;
     object["cache_used"] = summary.strCacheOff.empty();

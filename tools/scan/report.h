@@ -20,7 +20,7 @@ struct _ReportOptions {
 struct _FileReport {
     std::string strPath;
     _FileVerdict verdict;
-    uint64_t uSize = 0; // bytes
+    uint64_t ullSize = 0; // bytes
     bool bFromCache = false;
     ENotCached eNotCached = ENotCached::Cached;
     std::string strError; // for EVerdict::Error

@@ -23,7 +23,7 @@ struct _CloseFolder {
 
 // File systems that show the kernel's state as files: reading there can block, have side effects or never end.
 bool IsKernelFileSystem(const struct statfs &info) {
-    constexpr std::array<uint64_t, 13> magics{
+    constexpr std::array<uint64_t, 13> magics = {
         PROC_SUPER_MAGIC,    SYSFS_MAGIC,      DEBUGFS_MAGIC, TRACEFS_MAGIC,  CGROUP_SUPER_MAGIC,
         CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC, BPF_FS_MAGIC,  PSTOREFS_MAGIC, EFIVARFS_MAGIC,
         DEVPTS_SUPER_MAGIC,  SELINUX_MAGIC,    BINFMTFS_MAGIC};
@@ -31,12 +31,12 @@ bool IsKernelFileSystem(const struct statfs &info) {
 }
 
 bool IsInKernelFileSystem(int fd) {
-    struct statfs info {};
+    struct statfs info = {};
     return fstatfs(fd, &info) == 0 && IsKernelFileSystem(info);
 }
 
 bool IsInKernelFileSystem(const std::string &strPath) {
-    struct statfs info {};
+    struct statfs info = {};
     return statfs(strPath.c_str(), &info) == 0 && IsKernelFileSystem(info);
 }
 
@@ -88,7 +88,7 @@ bool CTreeWalker::WalkArgument(const std::string &strArgument) {
         m_report.Problem(strArgument, errno);
         return true;
     }
-    struct stat status {};
+    struct stat status = {};
     if (lstat(argument.strOpen.c_str(), &status) != 0) {
         m_report.Problem(argument.strPath, errno);
         return true;
@@ -143,7 +143,7 @@ bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_Pending
     auto pFolder = std::make_shared<_OpenFolder>();
     pFolder->descriptor = OpenForReading(parentFd, pending.strName.c_str(), ELastLink::Refuse, O_DIRECTORY);
     pFolder->strPath = pending.strPath;
-    struct stat status {};
+    struct stat status = {};
     if (!pFolder->descriptor.IsOpen() || fstat(pFolder->descriptor.Get(), &status) != 0) {
         // A folder that was removed, or replaced by something else, since its parent was read is no error.
         const bool bVanished = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
@@ -189,7 +189,7 @@ bool CTreeWalker::TakeEntry(const std::shared_ptr<const _OpenFolder> &pFolder, c
     }
     _ScanJob job{pFolder, std::string(name), {}};
     if (type == DT_UNKNOWN) {
-        struct stat status {};
+        struct stat status = {};
         if (fstatat(job.FolderFd(), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return true; // gone again
         }

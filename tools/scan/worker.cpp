@@ -52,9 +52,9 @@ void CScanWorker::Run() {
 void CScanWorker::LookAt(const _ScanJob &job) {
     _FileReport file;
     file.strPath = job.Path();
-    timespec now{}; // taken first: a change after it then shows as one in the future
+    timespec now = {}; // taken first: a change after it then shows as one in the future
     (void)clock_gettime(CLOCK_REALTIME, &now);
-    _StatusBefore before{};
+    _StatusBefore before = {};
     if (fstatat(job.FolderFd(), job.strName.c_str(), &before.status, AT_SYMLINK_NOFOLLOW) != 0) {
         // Files come and go while a tree is walked; only one that was asked for by name is missed.
         if (job.pFolder == nullptr || errno != ENOENT) {
@@ -68,7 +68,7 @@ void CScanWorker::LookAt(const _ScanJob &job) {
         return;
     }
     before.bTooNew = IsTooNew(before.status, now);
-    file.uSize = static_cast<uint64_t>(before.status.st_size);
+    file.ullSize = static_cast<uint64_t>(before.status.st_size);
     if (!AskCache(file)) {
         ScanFile(job, before, file);
     }
@@ -90,7 +90,7 @@ bool CScanWorker::AskCache(_FileReport &file) const {
 
 void CScanWorker::ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file) {
     CDescriptor descriptor = OpenForReading(job.FolderFd(), job.strName.c_str(), ELastLink::Refuse);
-    struct stat opened {};
+    struct stat opened = {};
     if (!descriptor.IsOpen() || fstat(descriptor.Get(), &opened) != 0) {
         file.verdict.eVerdict = EVerdict::Error;
         file.strError = std::generic_category().message(errno);
@@ -117,31 +117,31 @@ void CScanWorker::ScanFile(const _ScanJob &job, const _StatusBefore &before, _Fi
 }
 
 void CScanWorker::ReadAndScan(int fd, const struct stat &opened, _FileReport &file) {
-    file.uSize = static_cast<uint64_t>(opened.st_size);
-    if (file.uSize > m_pEngine->MaxFileSize()) {
+    file.ullSize = static_cast<uint64_t>(opened.st_size);
+    if (file.ullSize > m_pEngine->MaxFileSize()) {
         file.verdict.eVerdict = EVerdict::LimitExceeded; // the engine would not look inside either
         return;
     }
     std::string strMD5;
-    if ((m_shared.bWantDigest && !DigestFile(fd, file.uSize, strMD5)) || lseek(fd, 0, SEEK_SET) != 0) {
+    if ((m_shared.bWantDigest && !DigestFile(fd, file.ullSize, strMD5)) || lseek(fd, 0, SEEK_SET) != 0) {
         file.verdict.eVerdict = m_shared.stop.load() ? EVerdict::Interrupted : EVerdict::Error;
         file.strError = std::generic_category().message(errno);
         return;
     }
-    file.verdict = m_pEngine->ScanDescriptor(fd, file.uSize, m_shared.stop, file.strError);
+    file.verdict = m_pEngine->ScanDescriptor(fd, file.ullSize, m_shared.stop, file.strError);
     file.verdict.strMD5 = strMD5;
 }
 
-// The digest of the first uSize bytes; a file that grows or shrinks meanwhile is told by its status afterwards.
-bool CScanWorker::DigestFile(int fd, uint64_t uSize, std::string &strMD5) {
+// The digest of the first ullSize bytes; a file that grows or shrinks meanwhile is told by its status afterwards.
+bool CScanWorker::DigestFile(int fd, uint64_t ullSize, std::string &strMD5) {
     md5_ctx hash;
     md5_init(&hash);
     (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    for (uint64_t uDone = 0; uDone < uSize;) {
+    for (uint64_t ullDone = 0; ullDone < ullSize;) {
         if (m_shared.stop.load(std::memory_order_relaxed)) {
             return false;
         }
-        const ssize_t count = read(fd, m_vecBuffer.data(), std::min<uint64_t>(m_vecBuffer.size(), uSize - uDone));
+        const ssize_t count = read(fd, m_vecBuffer.data(), std::min<uint64_t>(m_vecBuffer.size(), ullSize - ullDone));
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -152,7 +152,7 @@ bool CScanWorker::DigestFile(int fd, uint64_t uSize, std::string &strMD5) {
             break;
         }
         md5_update(&hash, static_cast<size_t>(count), m_vecBuffer.data());
-        uDone += static_cast<uint64_t>(count);
+        ullDone += static_cast<uint64_t>(count);
     }
     std::string strBytes(MD5_DIGEST_SIZE, '\0');
     md5_digest(&hash, strBytes.size(), reinterpret_cast<uint8_t *>(strBytes.data()));
@@ -175,8 +175,8 @@ ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _Statu
     case EVerdict::Infected:
         break;
     }
-    struct stat opened {};
-    struct stat named {};
+    struct stat opened = {};
+    struct stat named = {};
     if (fstat(fd, &opened) != 0 || !IsUnchanged(before.status, opened) ||
         fstatat(job.FolderFd(), job.strName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
         !IsUnchanged(before.status, named)) {
@@ -198,7 +198,7 @@ ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport 
     if (!m_shared.cache.Add(file.strPath, file.verdict)) {
         return ENotCached::Refused;
     }
-    struct stat after {};
+    struct stat after = {};
     if (lstat(file.strPath.c_str(), &after) == 0 && IsUnchanged(before, after)) {
         return ENotCached::Cached;
     }
@@ -218,10 +218,10 @@ void CScanWorker::Count(const _FileReport &file) {
     ++counters.nFiles;
     if (file.bFromCache) {
         ++counters.nFromCache;
-        counters.uBytesNotRead += file.uSize;
+        counters.ullBytesNotRead += file.ullSize;
     } else if (eVerdict != EVerdict::Error) {
         ++counters.nScanned;
-        counters.uBytesRead += file.uSize <= m_pEngine->MaxFileSize() ? file.uSize : 0;
+        counters.ullBytesRead += file.ullSize <= m_pEngine->MaxFileSize() ? file.ullSize : 0;
     }
     counters.nInfected += eVerdict == EVerdict::Infected ? 1 : 0;
     counters.nErrors += eVerdict == EVerdict::Error || eVerdict == EVerdict::TimedOut ? 1 : 0;

@@ -44,7 +44,7 @@ class CScanWorker {
     bool AskCache(_FileReport &file) const;
     void ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file);
     void ReadAndScan(int fd, const struct stat &opened, _FileReport &file);
-    bool DigestFile(int fd, uint64_t uSize, std::string &strMD5);
+    bool DigestFile(int fd, uint64_t ullSize, std::string &strMD5);
     ENotCached ReasonNotToAdd(const _ScanJob &job, int fd, const _StatusBefore &before, const _FileReport &file) const;
     ENotCached AddToCache(const struct stat &before, const _FileReport &file);
     void Count(const _FileReport &file);

@@ -19,8 +19,8 @@ std::string RealPath(const std::string &strPath) {
 }
 
 bool IsSameFile(const std::string &strFirst, const std::string &strSecond) {
-    struct stat first {};
-    struct stat second {};
+    struct stat first = {};
+    struct stat second = {};
     return stat(strFirst.c_str(), &first) == 0 && stat(strSecond.c_str(), &second) == 0 &&
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
@@ -87,7 +87,7 @@ bool ResolveArgument(const std::string &strArgument, _PathArgument &argument) {
     if (argument.strPath.empty()) {
         return false;
     }
-    struct stat status {};
+    struct stat status = {};
     argument.bLink = lstat(argument.strPath.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
     if (argument.bLink) {
         argument.strPath = RealPath(argument.strPath);

@@ -16,27 +16,27 @@ CPathLines::CPathLines(const std::string &strList, char cSeparator, const std::a
 }
 
 bool CPathLines::Next(std::string &strPath) {
-    size_t end = m_strBuffer.find(m_cSeparator, m_uPosition);
+    size_t end = m_strBuffer.find(m_cSeparator, m_nPosition);
     while (end == std::string::npos && !m_bEnd) {
-        const size_t searched = m_strBuffer.size() - m_uPosition;
+        const size_t searched = m_strBuffer.size() - m_nPosition;
         if (!ReadMore()) {
             return false;
         }
-        end = m_strBuffer.find(m_cSeparator, m_uPosition + searched);
+        end = m_strBuffer.find(m_cSeparator, m_nPosition + searched);
     }
     const bool bLast = end == std::string::npos;
-    strPath = m_strBuffer.substr(m_uPosition, bLast ? end : end - m_uPosition);
-    m_uPosition = bLast ? m_strBuffer.size() : end + 1;
+    strPath = m_strBuffer.substr(m_nPosition, bLast ? end : end - m_nPosition);
+    m_nPosition = bLast ? m_strBuffer.size() : end + 1;
     return !bLast || !strPath.empty();
 }
 
 // Waits in short steps, so that a pipe nobody writes to cannot keep the program from ending.
 bool CPathLines::ReadMore() {
-    m_strBuffer.erase(0, m_uPosition);
-    m_uPosition = 0;
-    std::array<char, 65536> piece{};
+    m_strBuffer.erase(0, m_nPosition);
+    m_nPosition = 0;
+    std::array<char, 65536> piece = {};
     while (m_error == 0 && !m_stop.load()) {
-        struct pollfd input {};
+        struct pollfd input = {};
         input.fd = m_fd;
         input.events = POLLIN;
         const int ready = poll(&input, 1, 100);

@@ -25,7 +25,7 @@ class CPathLines {
     const char m_cSeparator;
     const std::atomic<bool> &m_stop;
     std::string m_strBuffer;
-    size_t m_uPosition = 0;
+    size_t m_nPosition = 0;
     bool m_bEnd = false;
     int m_error = 0;
 };
