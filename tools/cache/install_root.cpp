@@ -147,3 +147,7 @@ bool CInstallRoot::Prepare(std::string &strError) const {
 bool CInstallRoot::IsSetUp() const {
     return Exists(ConfigFile()) && Exists(Below("engine"));
 }
+
+bool CInstallRoot::IsListPending() const {
+    return Exists(HashMarker()) && Exists(WithdrawnList());
+}

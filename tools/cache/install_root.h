@@ -32,6 +32,10 @@ class CInstallRoot {
     std::string EngineMarker() const { return Below(FromRoot(kEngineMarkerPath)); }
     std::string HashMarker() const { return Below(FromRoot(kHashMarkerPath)); }
     std::string WithdrawnList() const { return Below(FromRoot(kUpdateCachePath)); }
+
+    // True when digests wait to be withdrawn. A marker without its list is never consumed, so it does not count.
+    bool IsListPending() const;
+
     std::string SignatureId() const { return Below("engine/signatures.id"); }
     std::string ScanLock() const { return Below("engine/scan.lock"); }     // held by the scan that uses the cache
     std::string UpdateLock() const { return Below("engine/update.lock"); } // held while markers are left or consumed

@@ -1,14 +1,12 @@
 #include "tools/cache/session.h"
 
 #include "tools/atomic_file.h"
-#include "tools/scan/interrupt.h"
+#include "tools/cache/cache_use.h"
 #include "tools/text.h"
 #include "tools/withdrawn_list.h"
 
 #include <tarncache.h>
 
-#include <array>
-#include <cstdio>
 #include <ctime>
 #include <filesystem>
 
@@ -18,20 +16,6 @@ constexpr int kLongestWait = 60; // seconds for a marker to go
 constexpr int kPollStep = 5;     // milliseconds
 constexpr int kNoteAfter = 3;    // seconds
 
-std::string CodeText(uint32_t ulCode) {
-    std::array<char, 16> buffer = {};
-    (void)std::snprintf(buffer.data(), buffer.size(), "0x%08x", ulCode);
-    return buffer.data();
-}
-
-std::string StartFailure(const CInstallRoot &root, uint32_t ulCode) {
-    const std::string strFolder = EscapeName(root.CacheFolder());
-    return "the cache does not start (" + CodeText(ulCode) + "): " + strFolder +
-           " cannot be written to, its disk is nearly full (diskthreshold in " + EscapeName(root.ConfigFile()) +
-           "), its database is in use by another process, or it is damaged: then delete " + strFolder +
-           "/morcache.db while nothing uses it, the files are scanned once more; TARN_LOG_LEVEL=debug tells which";
-}
-
 bool HasRecords(const CInstallRoot &root) {
     std::error_code error;
     const bool bEmpty = std::filesystem::is_empty(root.CacheFolder(), error);
@@ -40,23 +24,18 @@ bool HasRecords(const CInstallRoot &root) {
 
 // Does what an updater does: with other signatures than last time, every verdict of the engine is dropped. The marker
 // comes first; were the new identity stored before it, a crash in between would keep the old verdicts.
-bool MarkChangedSignatures(const CInstallRoot &root, const std::string &strFingerprint, std::string &strWhy) {
-    constexpr uint64_t largestId = 4096;
+bool MarkChangedSignatures(const CInstallRoot &root, const std::string &strFingerprint, std::string &strError) {
+    constexpr uint64_t ullLargestId = 4096; // bytes
     std::string strStored;
     bool bMissing = false;
-    if (ReadWholeFile(root.SignatureId(), largestId, strStored, bMissing, strWhy) &&
+    if (ReadWholeFile(root.SignatureId(), ullLargestId, strStored, bMissing, strError) &&
         strStored == strFingerprint + "\n") {
         return true;
     }
-    if (HasRecords(root) && !WriteFileAtomically(root.EngineMarker(), "", 0600, EExisting::Replace, strWhy)) {
+    if (HasRecords(root) && !WriteFileAtomically(root.EngineMarker(), "", 0600, EExisting::Replace, strError)) {
         return false;
     }
-    return WriteFileAtomically(root.SignatureId(), strFingerprint + "\n", 0600, EExisting::Replace, strWhy);
-}
-
-// A marker without its list is never consumed; there is nothing to wait for then.
-bool IsListPending(const CInstallRoot &root) {
-    return Exists(root.HashMarker()) && Exists(root.WithdrawnList());
+    return WriteFileAtomically(root.SignatureId(), strFingerprint + "\n", 0600, EExisting::Replace, strError);
 }
 
 std::filesystem::file_time_type ChangeTime(const std::string &strPath) {
@@ -66,31 +45,32 @@ std::filesystem::file_time_type ChangeTime(const std::string &strPath) {
 
 // What the cache finds at its start.
 struct _Found {
-    bool bList;                                    // a pending one
-    std::filesystem::file_time_type configuration; // when it was written last
+    bool bList = false;                                 // a pending one
+    std::filesystem::file_time_type configuration = {}; // when it was written last
 };
 
 // The cache drops records on its writer thread after the start. A look-up before that could still answer from them. A
 // list takes as long as it takes: one that is given up would be begun anew by every scan. Only when the writer has gone
 // on to rewrite its configuration, and the list is still there, has it refused the list. The marker goes after its
 // list, and only then may an updater leave the next one.
-bool WaitForDropping(const CInstallRoot &root, const _Found &found, CScanReport &report) {
+bool WaitForDropping(const CInstallRoot &root, const _Found &found, const std::atomic<bool> &bStop,
+                     const _CacheListener &listener) {
     constexpr int nStepsInSecond = 1000 / kPollStep;
     constexpr timespec step = {0, kPollStep * 1000000L};
     int nIdle = 0;
     for (int nSteps = 1; nIdle < kLongestWait * nStepsInSecond; ++nSteps) {
         const bool bPending = Exists(root.EngineMarker()) || (found.bList && Exists(root.HashMarker()));
-        if (!bPending || CInterrupt::StopFlag().load()) {
+        if (!bPending || bStop.load()) {
             return true;
         }
         const bool bAtWork =
             found.bList && Exists(root.WithdrawnList()) && ChangeTime(root.ConfigFile()) == found.configuration;
         nIdle = bAtWork ? 0 : nIdle + 1;
         if (nSteps == kNoteAfter * nStepsInSecond) {
-            report.Note("the cache drops outdated verdicts first; the scan begins when that is done");
+            listener.onNote("the cache drops outdated verdicts first; the scan begins when that is done");
         }
         if (nSteps % nStepsInSecond == 0) {
-            report.Progress("dropping outdated verdicts, " + DurationText(nSteps * kPollStep / 1000.0));
+            listener.onProgress("dropping outdated verdicts, " + DurationText(nSteps * kPollStep / 1000.0));
         }
         (void)nanosleep(&step, nullptr);
     }
@@ -99,22 +79,21 @@ bool WaitForDropping(const CInstallRoot &root, const _Found &found, CScanReport 
 
 } // namespace
 
-bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report,
-                          std::string &strWhy) {
+bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
+                          const _CacheListener &listener, std::string &strError) {
     m_ulTag = SignatureTag(strFingerprint);
-    if (!root.Prepare(strWhy)) {
+    if (!root.Prepare(strError)) {
         return false;
     }
-    strWhy = "another scan is using it";
-    if (m_scanLock.TryTake(root.ScanLock(), strWhy) != ELock::Taken) {
+    strError = "another scan is using it";
+    if (m_scanLock.TryTake(root.ScanLock(), strError) != ELock::Taken) {
         return false;
     }
-    const auto note = [&report] { report.Note("waiting for digests that are being withdrawn"); };
-    const std::atomic<bool> &bStop = CInterrupt::StopFlag();
-    strWhy = "interrupted";
-    const bool bDone = m_updateLock.Take(root.UpdateLock(), bStop, note, strWhy) == ELock::Taken &&
-                       Open(root, strFingerprint, report, strWhy);
-    report.Progress("");
+    const auto note = [&listener] { listener.onNote("waiting for digests that are being withdrawn"); };
+    strError = "interrupted";
+    const bool bDone = m_updateLock.Take(root.UpdateLock(), bStop, note, strError) == ELock::Taken &&
+                       Open(root, strFingerprint, bStop, listener, strError);
+    listener.onProgress("");
     // After an interruption the writer may still be at work on the list, until the cache is closed.
     if (!bDone || !bStop.load()) {
         m_updateLock.Release();
@@ -125,33 +104,33 @@ bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFinger
     return bDone;
 }
 
-bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report,
-                         std::string &strWhy) {
-    if (!MarkChangedSignatures(root, strFingerprint, strWhy)) {
+bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
+                         const _CacheListener &listener, std::string &strError) {
+    if (!MarkChangedSignatures(root, strFingerprint, strError)) {
         return false;
     }
     std::string strDigests;
     bool bMissing = false;
-    const _Found found = {IsListPending(root), ChangeTime(root.ConfigFile())};
-    if (found.bList && !ReadPendingList(root, strDigests, bMissing, strWhy)) {
+    const _Found found = {root.IsListPending(), ChangeTime(root.ConfigFile())};
+    if (found.bList && !ReadPendingList(root, strDigests, bMissing, strError)) {
         return false;
     }
     std::string().swap(strDigests); // it may be long
     if (Exists(root.HashMarker()) && !found.bList) {
-        report.Note(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
+        listener.onNote(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
     }
     const uint32_t ulCode = LocalCacheInit();
     if (ulCode != TARN_OK) {
-        strWhy = StartFailure(root, ulCode);
+        strError = StartFailureText(root, ulCode);
         return false;
     }
     m_bInUse = true;
-    if (WaitForDropping(root, found, report)) {
+    if (WaitForDropping(root, found, bStop, listener)) {
         return true;
     }
     Stop();
-    strWhy = "the cache did not drop outdated verdicts within " + std::to_string(kLongestWait) + " seconds; check " +
-             EscapeName(root.EngineMarker()) + " and " + EscapeName(root.HashMarker());
+    strError = "the cache did not drop outdated verdicts within " + std::to_string(kLongestWait) + " seconds; check " +
+               EscapeName(root.EngineMarker()) + " and " + EscapeName(root.HashMarker());
     return false;
 }
 
@@ -190,33 +169,4 @@ bool CCacheSession::Add(const std::string &strPath, const _FileVerdict &verdict)
 void CCacheSession::TakeBack(const std::string &strMD5) {
     const std::lock_guard lock(m_mutex);
     m_vecTakenBack.push_back(strMD5);
-}
-
-CReadOnlyCache::~CReadOnlyCache() {
-    if (m_bStarted) {
-        (void)LocalCacheUnInit();
-    }
-}
-
-bool CReadOnlyCache::Start(const CInstallRoot &root, std::string &strError) {
-    if (!root.IsSetUp()) {
-        strError = "there is no cache in " + EscapeName(root.Path()) + " yet; the first scan makes one";
-        return false;
-    }
-    const uint32_t ulCode = LocalCacheInitEx();
-    m_bStarted = ulCode == TARN_OK;
-    if (!m_bStarted) {
-        strError = StartFailure(root, ulCode);
-    }
-    return m_bStarted;
-}
-
-std::string PendingText(const CInstallRoot &root) {
-    if (Exists(root.EngineMarker())) {
-        return "an engine update is pending; the next scan drops this engine's verdicts";
-    }
-    if (IsListPending(root)) {
-        return "withdrawn digests are pending; the next scan drops their verdicts";
-    }
-    return {};
 }

@@ -1,4 +1,4 @@
-// The use of the cache by one run of the program.
+// The use of the cache by one scan.
 #ifndef TARN_TOOLS_CACHE_SESSION_H
 #define TARN_TOOLS_CACHE_SESSION_H
 
@@ -6,11 +6,18 @@
 #include "tools/cache/install_root.h"
 #include "tools/engine/file_verdict.h"
 #include "tools/file_lock.h"
-#include "tools/scan/report.h"
 
+#include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
+
+// What the start of the cache tells while it goes on.
+struct _CacheListener {
+    std::function<void(const std::string &strText)> onNote;     // a remark, once
+    std::function<void(const std::string &strText)> onProgress; // about once a second; empty when there is no more
+};
 
 // The full cache of a scan. Start and Stop belong to the main thread; the rest may be called from the workers.
 class CCacheSession {
@@ -21,9 +28,11 @@ class CCacheSession {
     ~CCacheSession() { Stop(); }
 
     // Sets the installation folder up, marks the engine's records for dropping when the signatures are not those of
-    // the last scan, starts the cache and waits until it has dropped what it was told to, however long that takes.
-    // False when it cannot be used, another scan's use included, with the reason and what to check in *strWhy.
-    bool Start(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
+    // the last scan, starts the cache and waits until it has dropped what it was told to, however long that takes; the
+    // wait ends early, and well, once bStop is set. False when the cache cannot be used, another scan's use included,
+    // with the reason and what to check in strError.
+    bool Start(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
+               const _CacheListener &listener, std::string &strError);
 
     // Waits for the writer when anything was added; returns how many records it could not store.
     uint64_t CountLost() const { return m_bInUse ? m_added.CountLost(m_ulTag) : 0; }
@@ -43,7 +52,8 @@ class CCacheSession {
     void TakeBack(const std::string &strMD5);
 
   private:
-    bool Open(const CInstallRoot &root, const std::string &strFingerprint, CScanReport &report, std::string &strWhy);
+    bool Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
+              const _CacheListener &listener, std::string &strError);
 
     bool m_bInUse = false; // constant while workers run, like the tag
     uint32_t m_ulTag = 0;
@@ -53,21 +63,5 @@ class CCacheSession {
     std::mutex m_mutex; // guards the list
     std::vector<std::string> m_vecTakenBack;
 };
-
-// The cache without its writer, for the commands that only ask or delete. Never sets an installation folder up.
-class CReadOnlyCache {
-  public:
-    CReadOnlyCache() = default;
-    CReadOnlyCache(const CReadOnlyCache &) = delete;
-    CReadOnlyCache &operator=(const CReadOnlyCache &) = delete;
-    ~CReadOnlyCache();
-    bool Start(const CInstallRoot &root, std::string &strError);
-
-  private:
-    bool m_bStarted = false;
-};
-
-// What has been left for the next scan to drop; empty when nothing was. Answers may rest on such records.
-std::string PendingText(const CInstallRoot &root);
 
 #endif

@@ -1,6 +1,6 @@
-#include "tools/commands/commands.h"
+#include "tools/commands/lookup.h"
 
-#include "tools/cache/session.h"
+#include "tools/cache/cache_use.h"
 #include "tools/engine/file_verdict.h"
 #include "tools/text.h"
 #include "tools/text/json_output.h"
@@ -53,39 +53,41 @@ std::string JsonText(const std::string &strPath, const _Known &known) {
     return JsonLine(object);
 }
 
+// False when the cache gives no answer.
+bool LookUp(const std::string &strPath, _Known &known) {
+    return LocalCachePeek(strPath.c_str(), known.md5.data(), &known.record, &known.ulState) == TARN_OK;
+}
+
 } // namespace
 
-int RunLookup(const _AskOptions &options) {
+EExitStatus RunLookup(const _LookupOptions &options) {
     const CInstallRoot root(options.strRoot);
     root.ExportToLibrary();
     std::string strError;
-    CReadOnlyCache cache;
+    CCacheUse cache;
     if (!cache.Start(root, strError)) {
-        return Trouble(strError);
+        return Fail(strError);
     }
     const std::string strPending = PendingText(root);
     if (!strPending.empty()) {
-        (void)Trouble(strPending);
+        PrintMessage(strPending);
     }
-    int status = kExitClean;
+    EExitStatus eStatus = EExitStatus::Success;
     std::string strOutput;
-    for (const std::string &strArgument : options.vecArguments) {
-        _PathArgument argument;
+    for (const std::string &strArgument : options.vecPaths) {
+        _PathArgument argument = {};
         if (!ResolveArgument(strArgument, argument)) {
             argument.strPath = AbsolutePath(strArgument);
         }
-        _Known known;
-        const uint32_t ulCode =
-            LocalCachePeek(argument.strPath.c_str(), known.md5.data(), &known.record, &known.ulState);
-        if (ulCode != TARN_OK) {
-            (void)Trouble("cannot look up " + EscapeName(argument.strPath));
-            status = kExitTrouble;
+        _Known known = {};
+        if (!LookUp(argument.strPath, known)) {
+            eStatus = Fail("cannot look up " + EscapeName(argument.strPath));
             continue;
         }
         strOutput += options.bJson ? JsonText(argument.strPath, known) : TextLine(argument.strPath, known);
-        if (known.ulState != TARN_PEEK_KNOWN && status == kExitClean) {
-            status = kExitFound;
+        if (known.ulState != TARN_PEEK_KNOWN && eStatus == EExitStatus::Success) {
+            eStatus = EExitStatus::Attention;
         }
     }
-    return Finish(strOutput, status);
+    return FinishWith(strOutput, eStatus);
 }

@@ -1,253 +1,150 @@
-#include "tools/commands/commands.h"
+#include "tools/commands/scan.h"
 
+#include "tools/cache/install_root.h"
+#include "tools/cache/session.h"
 #include "tools/engine/signature_set.h"
 #include "tools/engine/temporary_folder.h"
-#include "tools/scan/estimate.h"
 #include "tools/scan/interrupt.h"
-#include "tools/scan/walker.h"
-#include "tools/scan/worker.h"
-#include "tools/text.h"
+#include "tools/scan/stopwatch.h"
 
-#include <chrono>
-#include <optional>
+#include <algorithm>
+#include <memory>
 #include <sched.h>
-#include <sys/resource.h>
 #include <thread>
 
 namespace {
 
-constexpr int kRedraw = 200; // milliseconds between two looks of the monitor
-constexpr rlim_t kManyFiles = 65536;
-
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 unsigned ProcessorCount() {
-    cpu_set_t processors;
-    CPU_ZERO(&processors);
+    cpu_set_t processors = {};
     if (sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 0) {
         return static_cast<unsigned>(CPU_COUNT(&processors));
     }
     return std::max(1u, std::thread::hardware_concurrency()); // more processors than the set holds
 }
 
-// Every level of a deep tree keeps a folder open.
-void AllowManyFiles() {
-    struct rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kManyFiles) {
-        limit.rlim_cur = std::min(limit.rlim_max, kManyFiles);
-        (void)setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
-
-// nTotal: the files to come in all, 0 while nobody knows.
-std::string ProgressText(const _ScanCounters &counters, uint64_t nTotal, double seconds) {
-    const uint64_t nDone = counters.nFiles.load();
-    const double rate = seconds > 0 ? static_cast<double>(nDone) / seconds : 0;
-    std::string strText = std::to_string(nDone) + " files, " + std::to_string(static_cast<uint64_t>(rate)) + "/s, " +
-                          std::to_string(counters.nInfected.load()) + " infected";
-    if (rate > 0 && nTotal > nDone) {
-        strText += ", " + DurationText(static_cast<double>(nTotal - nDone) / rate) + " left";
-    }
-    return strText;
-}
-
-// One scan with everything it needs, from the walk to the last worker.
-class CScanRun {
+class CScanCommand {
   public:
-    CScanRun(const _ScanOptions &options, const CScanEngine &engine, CCacheSession &cache, const COwnFiles &ownFiles,
-             CScanReport &report, _ScanCounters &counters, unsigned nThreads)
-        : m_options(options), m_engine(engine), m_ownFiles(ownFiles), m_report(report), m_counters(counters),
-          m_nThreads(nThreads), m_queue(nThreads), m_shared{cache,
-                                                            ownFiles,
-                                                            CInterrupt::StopFlag(),
-                                                            m_queue,
-                                                            report,
-                                                            counters,
-                                                            cache.IsInUse() || options.report.bJson} {}
+    explicit CScanCommand(const _ScanOptions &options)
+        : m_options(options), m_nThreads(options.nThreads != 0 ? options.nThreads : ProcessorCount()),
+          m_root(options.strRoot), m_report(options.report, m_counters) {}
 
-    // False when the threads cannot be started.
-    bool Run() {
-        std::vector<std::thread> threads;
-        const bool bStarted = StartThreads(threads);
-        if (!bStarted) {
-            CInterrupt::RequestStop();
-        }
-        Watch();
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
-        m_report.Progress("");
-        return bStarted;
-    }
+    EExitStatus Run();
 
   private:
-    bool StartThreads(std::vector<std::thread> &threads) {
-        threads.reserve(m_nThreads + 1);
-        try {
-            for (unsigned index = 0; index < m_nThreads; ++index) {
-                std::unique_ptr<CScanEngine> pEngine = m_engine.Share();
-                if (pEngine == nullptr) {
-                    return false;
-                }
-                auto pWorker = std::make_shared<CScanWorker>(std::move(pEngine), m_shared);
-                Launch(threads, [pWorker] { pWorker->Run(); });
-            }
-            Launch(threads, [this] { Walk(); });
-        } catch (const std::system_error &) {
-            return false;
-        }
-        return true;
-    }
-
-    template <typename Work> void Launch(std::vector<std::thread> &threads, Work work) {
-        ++m_nRunning;
-        try {
-            threads.emplace_back([this, work] {
-                work();
-                --m_nRunning;
-                CInterrupt::Wake();
-            });
-        } catch (...) {
-            --m_nRunning;
-            throw;
-        }
-    }
-
-    void Walk() {
-        CTreeWalker walker(m_options.vecExclude, m_ownFiles, CInterrupt::StopFlag(), m_queue, m_report, m_counters);
-        bool bGoOn = true;
-        for (size_t index = 0; bGoOn && index < m_options.vecPaths.size(); ++index) {
-            bGoOn = walker.Walk(m_options.vecPaths[index]);
-        }
-        if (bGoOn && !m_options.strFileList.empty()) {
-            walker.WalkList(m_options.strFileList, m_options.bNullSeparated ? '\0' : '\n');
-        }
-        m_counters.bWalkDone.store(true);
-        m_queue.Close();
-    }
-
-    // Redraws the progress, writes out the report and passes a stop on, until every thread has ended.
-    void Watch() {
-        std::optional<CFileEstimate> estimate;
-        if (m_report.ShowsProgress() && m_options.strFileList.empty()) {
-            estimate.emplace(m_options.vecPaths, m_options.vecExclude, m_ownFiles);
-        }
-        const Clock::time_point start = Clock::now();
-        while (m_nRunning.load() > 0) {
-            if (CInterrupt::StopFlag().load()) {
-                m_queue.Abort();
-            }
-            CInterrupt::WaitForEvent(kRedraw);
-            m_report.Flush();
-            const uint64_t nTotal = m_counters.bWalkDone ? m_counters.nFound.load() : estimate ? estimate->Total() : 0;
-            m_report.Progress(ProgressText(m_counters, nTotal, SecondsSince(start)));
-        }
-    }
+    bool LoadEngine(std::string &strError);
+    bool Scan(std::string &strError);
+    void StartCache();
+    void StopCache();
+    EExitStatus Status() const;
 
     const _ScanOptions &m_options;
-    const CScanEngine &m_engine;
-    const COwnFiles &m_ownFiles;
-    CScanReport &m_report;
-    _ScanCounters &m_counters;
     const unsigned m_nThreads;
-    CJobQueue m_queue;
-    const _ScanShared m_shared;
-    std::atomic<int> m_nRunning = 0;
+    const CInstallRoot m_root;
+    _ScanCounters m_counters = {};
+    CScanReport m_report;
+    _ScanSummary m_summary = {};
+    CTemporaryFolder m_temporary;
+    _SignatureSet m_signatures = {};
+    std::unique_ptr<CScanEngine> m_pEngine;
+    CCacheSession m_cache;
 };
 
-// Starts the cache; a scan goes on without one.
-std::string StartCache(const _ScanOptions &options, const CInstallRoot &root, const _SignatureSet &signatures,
-                       CCacheSession &cache, CScanReport &report) {
-    std::string strWhy;
-    if (options.bNoCache) {
-        return "--no-cache";
+EExitStatus CScanCommand::Run() {
+    m_root.ExportToLibrary();
+    if (!CInterrupt::Install()) {
+        return Fail("cannot prepare for signals");
     }
-    if (cache.Start(root, signatures.strFingerprint, report, strWhy)) {
-        return {};
+    std::string strError;
+    if (!m_temporary.Make(m_nThreads * m_options.limits.ullMaxScanSize, strError) || !LoadEngine(strError)) {
+        return Fail(strError);
     }
-    report.Warn("scanning without the cache: " + strWhy);
-    return strWhy;
+    CInterrupt::Arm();
+    if (!Scan(strError)) {
+        return Fail(strError);
+    }
+    m_report.Summary(m_summary);
+    m_report.Flush();
+    return Status();
 }
 
-// Without a word a full disk would leave every scan as slow as the first.
-void StopCache(CCacheSession &cache, CScanReport &report, _ScanCounters &counters) {
-    const uint64_t nLost = cache.CountLost();
+// The fingerprint is taken before loading: signatures that are replaced meanwhile count as changed next time.
+bool CScanCommand::LoadEngine(std::string &strError) {
+    m_report.Progress("loading the signatures");
+    const CStopwatch stopwatch;
+    const std::string strOwnFolder = ProgramPrefix() + "/share/tarncache/signatures";
+    if (ChooseSignatureSet(m_options.strDatabase, strOwnFolder, m_signatures, strError)) {
+        m_pEngine = CScanEngine::Load(m_signatures.strPath, m_options.limits, m_temporary, strError);
+    }
+    m_report.Progress("");
+    if (m_pEngine == nullptr) {
+        return false;
+    }
+    m_summary.loadSeconds = stopwatch.Seconds();
+    m_summary.nSignatures = m_pEngine->SignatureCount();
+    m_summary.strSignatures = m_signatures.strPath;
+    m_summary.bTestSignatures = m_signatures.bTestOnly;
+    if (m_signatures.bTestOnly) {
+        m_report.Warn("no signatures are installed; only the test files of this program's own set are found. Get the "
+                      "real ones, for instance with Debian's package clamav-freshclam, or name them with --database");
+    }
+    return true;
+}
+
+bool CScanCommand::Scan(std::string &strError) {
+    const CStopwatch stopwatch;
+    StartCache();
+    const COwnFiles ownFiles({m_root.CacheFolder(), m_temporary.Path()});
+    const bool bWantDigest = m_cache.IsInUse() || m_options.report.bJson;
+    const _ScanShared shared = {m_cache, ownFiles, CInterrupt::StopFlag(), m_report, m_counters, bWantDigest};
+    if (!CScanRun(m_options.targets, shared, m_nThreads).Run(*m_pEngine, strError)) {
+        return false;
+    }
+    StopCache();
+    m_summary.scanSeconds = stopwatch.Seconds();
+    m_summary.bInterrupted = CInterrupt::StopFlag().load();
+    return true;
+}
+
+// A scan goes on without a cache that does not start.
+void CScanCommand::StartCache() {
+    m_summary.strRoot = m_root.Path();
+    if (m_options.bNoCache) {
+        m_summary.strCacheOff = "--no-cache";
+        return;
+    }
+    const _CacheListener listener = {[this](const std::string &strText) { m_report.Note(strText); },
+                                     [this](const std::string &strText) { m_report.Progress(strText); }};
+    std::string strError;
+    if (!m_cache.Start(m_root, m_signatures.strFingerprint, CInterrupt::StopFlag(), listener, strError)) {
+        m_report.Warn("scanning without the cache: " + strError);
+        m_summary.strCacheOff = strError;
+    }
+}
+
+// Tells what was lost: without a word a full disk would leave every scan as slow as the first.
+void CScanCommand::StopCache() {
+    const uint64_t nLost = m_cache.CountLost();
     if (nLost != 0) {
-        report.Warn("about " + std::to_string(nLost) +
-                    " verdicts could not be stored in the cache: its disk or the file size "
-                    "limit (ulimit -f) is full, or another process uses its database");
+        m_report.Warn("about " + std::to_string(nLost) +
+                      " verdicts could not be stored in the cache: its disk or the file size "
+                      "limit (ulimit -f) is full, or another process uses its database");
     }
-    counters.notCached[static_cast<size_t>(ENotCached::NotStored)] += nLost;
-    cache.Stop();
+    m_counters.notCached[static_cast<size_t>(ENotCached::NotStored)] += nLost;
+    m_cache.Stop();
 }
 
-int ExitStatus(const _ScanCounters &counters, const CScanReport &report) {
+EExitStatus CScanCommand::Status() const {
     if (CInterrupt::BySignal()) {
-        return kExitInterrupted;
+        return EExitStatus::Interrupted;
     }
-    if (counters.nInfected != 0) {
-        return kExitFound;
+    if (m_counters.nInfected != 0) {
+        return EExitStatus::Attention;
     }
-    return counters.nErrors != 0 || report.IsIncomplete() ? kExitTrouble : kExitClean;
+    return m_counters.nErrors != 0 || m_report.IsIncomplete() ? EExitStatus::Failure : EExitStatus::Success;
 }
 
 } // namespace
 
-int RunScan(const _ScanOptions &options) {
-    const CInstallRoot root(options.strRoot);
-    root.ExportToLibrary();
-    if (!CInterrupt::Install()) {
-        return Trouble("cannot prepare for signals");
-    }
-    AllowManyFiles();
-
-    _ScanCounters counters;
-    CScanReport report(options.report, counters);
-    _ScanSummary summary;
-    std::string strError;
-    _SignatureSet signatures;
-    const unsigned nThreads = options.nThreads != 0 ? options.nThreads : ProcessorCount();
-    const CTemporaryFolder temporary(nThreads * options.limits.ullMaxScanSize);
-    if (temporary.Path().empty()) {
-        return Trouble(temporary.Error());
-    }
-    report.Progress("loading the signatures");
-    const Clock::time_point loadStart = Clock::now();
-    // The fingerprint is taken before loading: signatures that are replaced meanwhile count as changed next time.
-    std::unique_ptr<CScanEngine> pEngine;
-    if (ChooseSignatureSet(options.strDatabase, signatures, strError)) {
-        pEngine = CScanEngine::Load(signatures.strPath, options.limits, temporary, strError);
-    }
-    report.Progress("");
-    if (pEngine == nullptr) {
-        return Trouble(strError);
-    }
-    summary.loadSeconds = SecondsSince(loadStart);
-    summary.nSignatures = pEngine->SignatureCount();
-    summary.strSignatures = signatures.strPath;
-    summary.bTestSignatures = signatures.bTestOnly;
-    if (signatures.bTestOnly) {
-        report.Warn("no signatures are installed; only the test files of this program's own set are found. Get the "
-                    "real ones, for instance with Debian's package clamav-freshclam, or name them with --database");
-    }
-
-    CInterrupt::Arm();
-    const Clock::time_point scanStart = Clock::now();
-    CCacheSession cache;
-    summary.strCacheOff = StartCache(options, root, signatures, cache, report);
-    summary.strRoot = root.Path();
-    const COwnFiles ownFiles({root.CacheFolder(), temporary.Path()});
-    if (!CScanRun(options, *pEngine, cache, ownFiles, report, counters, nThreads).Run()) {
-        return Trouble("cannot start the worker threads");
-    }
-    StopCache(cache, report, counters);
-    summary.scanSeconds = SecondsSince(scanStart);
-    summary.bInterrupted = CInterrupt::StopFlag().load();
-    report.Summary(summary);
-    report.Flush();
-    return ExitStatus(counters, report);
+EExitStatus RunScan(const _ScanOptions &options) {
+    return CScanCommand(options).Run();
 }

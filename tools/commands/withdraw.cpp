@@ -1,6 +1,4 @@
-// withdraw: what an updater does to take verdicts on single files back. Leaves the enciphered list and its marker for
-// the next start of the cache.
-#include "tools/commands/commands.h"
+#include "tools/commands/withdraw.h"
 
 #include "formats/update_list.h"
 #include "tools/atomic_file.h"
@@ -8,11 +6,11 @@
 #include "tools/cache/install_root.h"
 #include "tools/file_lock.h"
 #include "tools/md5_list.h"
-#include "tools/scan/interrupt.h"
 #include "tools/text.h"
 #include "tools/withdrawn_list.h"
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -22,9 +20,9 @@ namespace {
 constexpr size_t kLongestVersion = kVersionIdSize - 1; // bytes; the cache cuts more
 constexpr std::string_view kVersionName = "tarncache:";
 
-// A list that the cache has not taken yet must not be lost: its digests join the new ones. False when there is one
-// that does not open or is not of this program's making; nobody but the operator can tell then what it is.
-bool TakePending(const CInstallRoot &root, std::vector<std::string> &vecMD5, std::string &strError) {
+// A list that the cache has not taken yet must not be lost, so its digests join the new ones. False when there is one
+// that does not open or is not of this program's making: only the operator can tell then what it is.
+bool AddPending(const CInstallRoot &root, std::vector<std::string> &vecMD5, std::string &strError) {
     std::string strDigests;
     bool bMissing = false;
     if (!ReadPendingList(root, strDigests, bMissing, strError)) {
@@ -59,45 +57,55 @@ std::string ListText(const std::string &strVersion, const std::vector<std::strin
     return strText;
 }
 
+bool LeaveList(const CInstallRoot &root, const std::string &strVersion, const std::vector<std::string> &vecMD5,
+               std::string &strError) {
+    std::string strKey;
+    if (!ReadBusinessKey(root.KeyFile(), strKey, strError)) {
+        return false;
+    }
+    std::string strText = ListText(strVersion, vecMD5);
+    if (strText.size() > kMaxUpdateListSize) {
+        strError = "the list is too long; withdraw it in parts, with a scan between them";
+        return false;
+    }
+    EncipherList(strKey, strText);
+    // The list comes first: whoever sees the marker has to find the list.
+    return WriteFileAtomically(root.WithdrawnList(), strText, 0600, EExisting::Replace, strError) &&
+           WriteFileAtomically(root.HashMarker(), "", 0600, EExisting::Replace, strError);
+}
+
 } // namespace
 
-int RunWithdraw(const _WithdrawOptions &options) {
+EExitStatus RunWithdraw(const _WithdrawOptions &options) {
     if (options.strVersion.empty() || options.strVersion.size() > kLongestVersion ||
         options.strVersion.find_first_of("\r\n") != std::string::npos) {
-        return Trouble("--engine-version takes 1 to 99 bytes without a line end");
+        return Fail("--engine-version takes 1 to 99 bytes without a line end");
     }
     std::string strError;
-    std::string strKey;
     std::vector<std::string> vecMD5;
     if (!ReadList(options.strList, vecMD5, strError)) {
-        return Trouble(strError);
+        return Fail(strError);
     }
     if (vecMD5.empty()) {
-        return Finish("Nothing to withdraw.\n", kExitClean);
+        return FinishWith("Nothing to withdraw.\n", EExitStatus::Success);
     }
     const CInstallRoot root(options.strRoot);
-    if (!root.Prepare(strError) || !EnsureBusinessKey(root.KeyFile(), strError) ||
-        !ReadBusinessKey(root.KeyFile(), strKey, strError)) {
-        return Trouble(strError);
+    if (!root.Prepare(strError) || !EnsureBusinessKey(root.KeyFile(), strError)) {
+        return Fail(strError);
     }
     // A scan that takes an earlier list removes what lies in its place afterwards.
     CFileLock lock;
-    const auto note = [] { (void)Trouble("waiting for a scan that takes an earlier list"); };
-    if (lock.Take(root.UpdateLock(), CInterrupt::StopFlag(), note, strError) != ELock::Taken ||
-        !TakePending(root, vecMD5, strError)) {
-        return Trouble(strError);
+    const std::atomic<bool> bNeverStop = false; // a signal ends this command at once
+    const auto note = [] { PrintMessage("waiting for a scan that takes an earlier list"); };
+    if (lock.Take(root.UpdateLock(), bNeverStop, note, strError) != ELock::Taken ||
+        !AddPending(root, vecMD5, strError)) {
+        return Fail(strError);
     }
     std::sort(vecMD5.begin(), vecMD5.end());
     vecMD5.erase(std::unique(vecMD5.begin(), vecMD5.end()), vecMD5.end());
-    std::string strText = ListText(options.strVersion, vecMD5);
-    if (strText.size() > kMaxUpdateListSize) {
-        return Trouble("the list is too long; withdraw it in parts, with a scan between them");
+    if (!LeaveList(root, options.strVersion, vecMD5, strError)) {
+        return Fail(strError);
     }
-    EncipherList(strKey, strText);
-    // The list first: whoever sees the marker has to find the list.
-    if (!WriteFileAtomically(root.WithdrawnList(), strText, 0600, EExisting::Replace, strError) ||
-        !WriteFileAtomically(root.HashMarker(), "", 0600, EExisting::Replace, strError)) {
-        return Trouble(strError);
-    }
-    return Finish("Digests to withdraw at the next scan: " + std::to_string(vecMD5.size()) + "\n", kExitClean);
+    return FinishWith("Digests to withdraw at the next scan: " + std::to_string(vecMD5.size()) + "\n",
+                      EExitStatus::Success);
 }

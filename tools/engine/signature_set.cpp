@@ -2,7 +2,6 @@
 
 #include "support/descriptor.h"
 #include "support/hex.h"
-#include "tools/cache/install_root.h"
 #include "tools/text.h"
 #include "tools/text/path_argument.h"
 
@@ -36,20 +35,20 @@ bool IsSignatureFile(const std::filesystem::path &path) {
 // The set's files in a fixed order; a set that is one file has that file.
 std::vector<std::string> SignatureFiles(const std::string &strPath) {
     std::error_code error;
-    std::vector<std::string> files;
+    std::vector<std::string> vecFiles;
     if (std::filesystem::is_regular_file(strPath, error)) {
-        files.push_back(strPath);
-        return files;
+        vecFiles.push_back(strPath);
+        return vecFiles;
     }
     auto iterator = std::filesystem::directory_iterator(strPath, error);
     for (; !error && iterator != std::filesystem::directory_iterator(); iterator.increment(error)) {
         std::error_code ignored;
         if (IsSignatureFile(iterator->path()) && iterator->is_regular_file(ignored)) {
-            files.push_back(iterator->path().string());
+            vecFiles.push_back(iterator->path().string());
         }
     }
-    std::sort(files.begin(), files.end());
-    return files;
+    std::sort(vecFiles.begin(), vecFiles.end());
+    return vecFiles;
 }
 
 void UpdateText(sha256_ctx &hash, std::string_view text) {
@@ -68,33 +67,33 @@ std::string Digest(sha256_ctx &hash) {
 
 bool DigestFile(const std::string &strPath, std::string &strDigest) {
     const CDescriptor file(open(strPath.c_str(), O_RDONLY | O_CLOEXEC));
-    std::vector<uint8_t> buffer(1u << 18);
-    sha256_ctx hash;
+    std::vector<uint8_t> vecBuffer(1u << 18);
+    sha256_ctx hash = {};
     sha256_init(&hash);
     while (file.IsOpen()) {
-        const ssize_t count = read(file.Get(), buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR) {
+        const ssize_t nRead = read(file.Get(), vecBuffer.data(), vecBuffer.size());
+        if (nRead < 0 && errno == EINTR) {
             continue;
         }
-        if (count < 0) {
+        if (nRead < 0) {
             return false;
         }
-        if (count == 0) {
+        if (nRead == 0) {
             strDigest = Digest(hash);
             return true;
         }
-        sha256_update(&hash, static_cast<size_t>(count), buffer.data());
+        sha256_update(&hash, static_cast<size_t>(nRead), vecBuffer.data());
     }
     return false;
 }
 
-bool Fingerprint(const std::vector<std::string> &files, std::string &strFingerprint, std::string &strError) {
-    sha256_ctx hash;
+bool Fingerprint(const std::vector<std::string> &vecFiles, std::string &strFingerprint, std::string &strError) {
+    sha256_ctx hash = {};
     sha256_init(&hash);
     UpdateText(hash, kScanPolicy);
     UpdateText(hash, cl_retver());
     UpdateText(hash, std::to_string(cl_retflevel()));
-    for (const std::string &strFile : files) {
+    for (const std::string &strFile : vecFiles) {
         std::string strDigest;
         if (!DigestFile(strFile, strDigest)) {
             strError = "cannot read the signatures in " + ErrnoText(strFile, errno);
@@ -109,25 +108,26 @@ bool Fingerprint(const std::vector<std::string> &files, std::string &strFingerpr
 
 } // namespace
 
-bool ChooseSignatureSet(const std::string &strOption, _SignatureSet &set, std::string &strError) {
-    std::vector<std::string> candidates = {cl_retdbdir(), ProgramPrefix() + "/share/tarncache/signatures"};
+bool ChooseSignatureSet(const std::string &strOption, const std::string &strOwnFolder, _SignatureSet &set,
+                        std::string &strError) {
+    std::vector<std::string> vecCandidates = {cl_retdbdir(), strOwnFolder};
     if (!strOption.empty()) {
-        candidates = {AbsolutePath(strOption)};
+        vecCandidates = {AbsolutePath(strOption)};
     }
-    for (const std::string &strCandidate : candidates) {
+    for (const std::string &strCandidate : vecCandidates) {
         if (access(strCandidate.c_str(), R_OK) != 0 && errno == EACCES) {
             strError = "cannot read the signatures in " + ErrnoText(strCandidate, EACCES);
             return false; // falling back on a smaller set would hide what is there
         }
-        const std::vector<std::string> files = SignatureFiles(strCandidate);
-        if (!files.empty()) {
+        const std::vector<std::string> vecFiles = SignatureFiles(strCandidate);
+        if (!vecFiles.empty()) {
             set.strPath = strCandidate;
-            set.bTestOnly = strOption.empty() && strCandidate == candidates.back();
-            return Fingerprint(files, set.strFingerprint, strError);
+            set.bTestOnly = strOption.empty() && strCandidate == strOwnFolder;
+            return Fingerprint(vecFiles, set.strFingerprint, strError);
         }
     }
     strError = "no signature files in";
-    for (const std::string &strCandidate : candidates) {
+    for (const std::string &strCandidate : vecCandidates) {
         strError += ' ';
         strError += EscapeName(strCandidate);
     }

@@ -10,8 +10,10 @@ struct _SignatureSet {
     std::string strFingerprint; // changes with any file's name or content, with the engine and with the scan policy
 };
 
-// The first that holds signatures: the --database path, the system's ClamAV folder, the small set that comes with
-// this program. Reads every signature file once. False with the reason in *strError.
-bool ChooseSignatureSet(const std::string &strOption, _SignatureSet &set, std::string &strError);
+// The first that holds signatures: the --database path (strOption, when not empty), else the system's ClamAV folder,
+// else strOwnFolder with the small set that comes with this program. Reads every signature file once. False with the
+// reason in strError.
+bool ChooseSignatureSet(const std::string &strOption, const std::string &strOwnFolder, _SignatureSet &set,
+                        std::string &strError);
 
 #endif

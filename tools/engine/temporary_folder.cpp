@@ -48,11 +48,11 @@ uint64_t SmallestLimit(const std::string &strBase, std::string strGroup, const c
         if (limit >> ullValue) {
             ullLimit = std::min(ullLimit, ullValue);
         }
-        const size_t slash = strGroup.rfind('/');
-        if (slash == std::string::npos) {
+        const size_t nSlash = strGroup.rfind('/');
+        if (nSlash == std::string::npos) {
             return ullLimit;
         }
-        strGroup.resize(slash);
+        strGroup.resize(nSlash);
     }
 }
 
@@ -61,11 +61,11 @@ uint64_t MemoryLimit() {
     uint64_t ullLimit = UINT64_MAX;
     std::ifstream groups("/proc/self/cgroup");
     for (std::string strLine; std::getline(groups, strLine);) {
-        const size_t slash = strLine.find(":/");
-        const std::string strGroup = slash == std::string::npos ? "" : strLine.substr(slash + 1);
+        const size_t nSlash = strLine.find(":/");
+        const std::string strGroup = nSlash == std::string::npos ? "" : strLine.substr(nSlash + 1);
         if (strLine.starts_with("0::")) {
             ullLimit = std::min(ullLimit, SmallestLimit("/sys/fs/cgroup", strGroup, "memory.max"));
-        } else if (strLine.find("memory") < slash) {
+        } else if (strLine.find("memory") < nSlash) {
             ullLimit = std::min(ullLimit, SmallestLimit("/sys/fs/cgroup/memory", strGroup, "memory.limit_in_bytes"));
         }
     }
@@ -108,7 +108,7 @@ void RemoveAbandoned(const std::string &strParent) {
 
 } // namespace
 
-CTemporaryFolder::CTemporaryFolder(uint64_t ullMostBytes) {
+bool CTemporaryFolder::Make(uint64_t ullMostBytes, std::string &strError) {
     const char *pszParent = getenv("TMPDIR");
     if (pszParent == nullptr || *pszParent != '/') {
         // Both, and first: what a killed scan left in memory takes the room there.
@@ -118,15 +118,18 @@ CTemporaryFolder::CTemporaryFolder(uint64_t ullMostBytes) {
     } else {
         RemoveAbandoned(pszParent);
     }
-    for (int nLeft = kAttempts; nLeft > 0 && !Make(pszParent); --nLeft) {
+    bool bMade = false;
+    for (int nLeft = kAttempts; nLeft > 0 && !bMade; --nLeft) {
+        bMade = MakeBelow(pszParent);
     }
-    if (m_strPath.empty()) {
-        m_strError = "cannot make a temporary folder in " + ErrnoText(pszParent, errno) + "; see TMPDIR";
+    if (!bMade) {
+        strError = "cannot make a temporary folder in " + ErrnoText(pszParent, errno) + "; see TMPDIR";
     }
+    return bMade;
 }
 
 // A scan that starts at the same time may take the new folder for an abandoned one until it is locked.
-bool CTemporaryFolder::Make(const std::string &strParent) {
+bool CTemporaryFolder::MakeBelow(const std::string &strParent) {
     std::string strPath = strParent + "/";
     strPath += kName;
     strPath += kRandomName;

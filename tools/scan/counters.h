@@ -8,7 +8,7 @@
 
 // Why a scanned file was not added to the cache.
 enum class ENotCached {
-    Cached, // it was added, or the cache is not in use
+    None, // it was added, or the cache is not in use
     TooNew,
     ChangedDuringScan,
     ScanError,

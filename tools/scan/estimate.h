@@ -2,12 +2,10 @@
 #ifndef TARN_TOOLS_SCAN_ESTIMATE_H
 #define TARN_TOOLS_SCAN_ESTIMATE_H
 
-#include "tools/scan/counters.h"
 #include "tools/scan/own_files.h"
-#include "tools/scan/queue.h"
-#include "tools/scan/report.h"
 
 #include <atomic>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,12 +21,13 @@ class CFileEstimate {
     CFileEstimate &operator=(const CFileEstimate &) = delete;
 
     // 0 while they are being counted.
-    uint64_t Total() const { return m_bDone.load() ? m_counters.nFound.load() : 0; }
+    uint64_t Total() const { return m_bDone.load() ? m_nFound.load() : 0; }
 
   private:
-    _ScanCounters m_counters;
-    CScanReport m_report; // says nothing: the scan itself reports what cannot be read
-    CJobQueue m_queue;
+    void Count(const std::vector<std::string> &vecPaths, const std::vector<std::string> &vecExclude,
+               const COwnFiles &ownFiles);
+
+    std::atomic<uint64_t> m_nFound = 0;
     std::atomic<bool> m_bStop = false;
     std::atomic<bool> m_bDone = false;
     std::thread m_thread;

@@ -8,7 +8,7 @@ bool CJobQueue::Push(std::vector<_ScanJob> &vecJobs) {
     if (m_jobs.size() >= kCapacity) {
         m_room.wait(lock, [this] { return m_bAborted || m_jobs.size() <= kLowWater; });
     }
-    if (!m_bAborted && m_nWorkers != kDropJobs) {
+    if (!m_bAborted) {
         std::move(vecJobs.begin(), vecJobs.end(), std::back_inserter(m_jobs));
     }
     vecJobs.clear();
@@ -17,17 +17,17 @@ bool CJobQueue::Push(std::vector<_ScanJob> &vecJobs) {
 }
 
 std::vector<_ScanJob> CJobQueue::Pop() {
-    std::vector<_ScanJob> taken;
+    std::vector<_ScanJob> vecTaken;
     std::unique_lock lock(m_mutex);
     m_work.wait(lock, [this] { return m_bAborted || m_bClosed || !m_jobs.empty(); });
     const size_t nShare = std::clamp<size_t>(m_jobs.size() / (2 * m_nWorkers), 1, kMostAtOnce);
     const auto nTaken = static_cast<std::ptrdiff_t>(std::min(nShare, m_jobs.size()));
-    std::move(m_jobs.begin(), m_jobs.begin() + nTaken, std::back_inserter(taken));
+    std::move(m_jobs.begin(), m_jobs.begin() + nTaken, std::back_inserter(vecTaken));
     m_jobs.erase(m_jobs.begin(), m_jobs.begin() + nTaken);
     if (m_jobs.size() <= kLowWater) {
         m_room.notify_one();
     }
-    return taken;
+    return vecTaken;
 }
 
 void CJobQueue::Close() {

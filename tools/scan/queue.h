@@ -2,42 +2,16 @@
 #ifndef TARN_TOOLS_SCAN_QUEUE_H
 #define TARN_TOOLS_SCAN_QUEUE_H
 
-#include "support/descriptor.h"
+#include "tools/scan/job.h"
 
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
-
-// An open folder. Files are reached through it, so that nobody can slip a link into their path meanwhile, and so that
-// paths longer than the system takes at once can be scanned too.
-struct _OpenFolder {
-    CDescriptor descriptor;
-    std::string strPath;
-};
-
-// One file to look at.
-struct _ScanJob {
-    std::shared_ptr<const _OpenFolder> pFolder; // null for a PATH argument
-    std::string strName;                        // inside the folder, or what to open
-    std::string strArgumentPath;                // the absolute path of an argument
-
-    int FolderFd() const { return pFolder == nullptr ? AT_FDCWD : pFolder->descriptor.Get(); }
-    std::string Path() const {
-        if (pFolder == nullptr) {
-            return strArgumentPath;
-        }
-        return (pFolder->strPath == "/" ? "" : pFolder->strPath) + "/" + strName;
-    }
-};
 
 class CJobQueue {
   public:
-    static constexpr size_t kDropJobs = 0; // as the number of workers: for a walk that only counts
-
     explicit CJobQueue(size_t nWorkers) : m_nWorkers(nWorkers) {}
 
     // Waits for room and takes the jobs; the vector is empty afterwards. False once the queue was aborted; the jobs

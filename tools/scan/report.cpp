@@ -1,10 +1,9 @@
 #include "tools/scan/report.h"
 
 #include "tools/scan/interrupt.h"
+#include "tools/text.h"
 #include "tools/text/json_output.h"
 
-#include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
@@ -43,49 +42,10 @@ Json JsonObject(const _FileReport &file) {
     object["file_type"] = TypeName(file.verdict.eType);
     object["size"] = file.ullSize;
     object["from_cache"] = file.bFromCache;
-    if (file.eNotCached != ENotCached::Cached) {
+    if (file.eNotCached != ENotCached::None) {
         object["not_cached"] = kNotCachedTexts[static_cast<size_t>(file.eNotCached)].pszKey;
     }
     return object;
-}
-
-std::string SummaryLine(const std::string &strLabel, const std::string &strValue) {
-    constexpr size_t column = 28;
-    std::string strLine = strLabel + ":";
-    strLine.resize(strLine.size() < column ? column : strLine.size() + 1, ' ');
-    return strLine + strValue + "\n";
-}
-
-// The sum of the reasons, and each reason that occurred.
-template <size_t nReasons>
-std::string ReasonLines(const std::string &strLabel, const std::array<_ReasonText, nReasons> &texts,
-                        const std::array<std::atomic<uint64_t>, nReasons> &counts) {
-    uint64_t nSum = 0;
-    std::string strLines;
-    for (size_t index = 0; index < nReasons; ++index) {
-        nSum += counts[index];
-        if (counts[index] != 0) {
-            strLines += SummaryLine(std::string("  ") + texts[index].pszText, std::to_string(counts[index].load()));
-        }
-    }
-    return SummaryLine(strLabel, std::to_string(nSum)) + strLines;
-}
-
-template <size_t nReasons>
-Json ReasonObject(const std::array<_ReasonText, nReasons> &texts,
-                  const std::array<std::atomic<uint64_t>, nReasons> &counts) {
-    Json reasons = Json::object();
-    for (size_t index = 0; index < nReasons; ++index) {
-        if (*texts[index].pszKey != '\0') {
-            reasons[texts[index].pszKey] = counts[index].load();
-        }
-    }
-    return reasons;
-}
-
-std::string SecondsText(double seconds) {
-    std::string strText = std::to_string(seconds);
-    return strText.substr(0, strText.find('.') + 4) + " s";
 }
 
 } // namespace
@@ -104,27 +64,27 @@ void CScanReport::File(const _FileReport &file) {
     const std::string strLine = m_options.bJson ? JsonLine(JsonObject(file)) : TextLine(file);
     const std::lock_guard lock(m_mutex);
     if (bProblem && !m_options.bJson) {
-        Err(strLine);
+        WriteError(strLine);
         return;
     }
-    Out(strLine);
+    WriteOut(strLine);
 }
 
-void CScanReport::Problem(const std::string &strPath, int error) {
+void CScanReport::Problem(const std::string &strPath, const std::string &strError) {
     ++m_counters.nErrors;
     if (m_options.bInfectedOnly) {
         return;
     }
     const std::lock_guard lock(m_mutex);
     if (!m_options.bJson) {
-        Err(ErrnoText(strPath, error) + "\n");
+        WriteError(EscapeName(strPath) + ": " + strError + "\n");
         return;
     }
     Json object;
     object["type"] = "error";
     PutName(object, "path", strPath);
-    object["error"] = std::generic_category().message(error);
-    Out(JsonLine(object));
+    object["error"] = strError;
+    WriteOut(JsonLine(object));
 }
 
 void CScanReport::Note(const std::string &strText) {
@@ -135,7 +95,7 @@ void CScanReport::Note(const std::string &strText) {
 
 void CScanReport::Warn(const std::string &strText) {
     const std::lock_guard lock(m_mutex);
-    Err("tarncache: " + strText + "\n");
+    WriteError("tarncache: " + strText + "\n");
 }
 
 void CScanReport::Progress(const std::string &strText) {
@@ -157,25 +117,25 @@ void CScanReport::ClearProgress() {
     m_bProgressShown = false;
 }
 
-void CScanReport::Out(std::string_view text) {
+void CScanReport::WriteOut(std::string_view text) {
     ClearProgress();
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-        Lose(errno);
+        TellLostOutput(errno);
     }
 }
 
-void CScanReport::Lose(int error) {
-    if (m_bLost) {
+void CScanReport::TellLostOutput(int iError) {
+    if (m_bIncomplete) {
         return;
     }
-    m_bLost = true;
-    Err("tarncache: the report cannot be written: " + std::generic_category().message(error) + "\n");
-    if (error == EPIPE) {
+    m_bIncomplete = true;
+    WriteError("tarncache: the report cannot be written: " + std::generic_category().message(iError) + "\n");
+    if (iError == EPIPE) {
         CInterrupt::RequestStop();
     }
 }
 
-void CScanReport::Err(const std::string &strText) {
+void CScanReport::WriteError(const std::string &strText) {
     ClearProgress();
     (void)std::fputs(strText.c_str(), stderr);
 }
@@ -183,7 +143,7 @@ void CScanReport::Err(const std::string &strText) {
 void CScanReport::Flush() {
     const std::lock_guard lock(m_mutex);
     if (std::fflush(stdout) != 0) {
-        Lose(errno);
+        TellLostOutput(errno);
     }
 }
 
@@ -192,62 +152,5 @@ void CScanReport::Summary(const _ScanSummary &summary) {
         return;
     }
     const std::lock_guard lock(m_mutex);
-    if (m_options.bJson) {
-        JsonSummary(summary);
-    } else {
-        TextSummary(summary);
-    }
-}
-
-void CScanReport::TextSummary(const _ScanSummary &summary) {
-    const auto count = [](const std::atomic<uint64_t> &value) { return std::to_string(value.load()); };
-    const bool bCached = summary.strCacheOff.empty();
-    std::string strText = !summary.bInterrupted ? "\n"
-                          : bCached             ? "\nInterrupted; what was scanned so far is kept.\n"
-                                                : "\nInterrupted.\n";
-    strText += SummaryLine("Files", count(m_counters.nFiles));
-    strText += SummaryLine("Answered from the cache", count(m_counters.nFromCache));
-    strText += SummaryLine("Scanned", count(m_counters.nScanned));
-    strText += SummaryLine("Infected", count(m_counters.nInfected));
-    strText += SummaryLine("Errors", count(m_counters.nErrors));
-    strText += SummaryLine("Limit exceeded", count(m_counters.nLimitExceeded));
-    strText += ReasonLines("Skipped", kSkippedTexts, m_counters.skipped);
-    strText += ReasonLines("Not cached", kNotCachedTexts, m_counters.notCached);
-    strText += SummaryLine("Bytes read", BytesText(m_counters.ullBytesRead));
-    strText += SummaryLine("Bytes not read", BytesText(m_counters.ullBytesNotRead));
-    strText += SummaryLine("Time", SecondsText(summary.scanSeconds));
-    strText += SummaryLine("Cache", bCached ? EscapeName(summary.strRoot) : "not used: " + summary.strCacheOff);
-    strText +=
-        SummaryLine("Signatures", std::to_string(summary.nSignatures) + " from " + EscapeName(summary.strSignatures) +
-                                      ", loaded in " + SecondsText(summary.loadSeconds));
-    Out(strText);
-}
-
-void CScanReport::JsonSummary(const _ScanSummary &summary) {
-    Json object;
-    object["type"] = "summary";
-    object["files"] = m_counters.nFiles.load();
-    object["from_cache"] = m_counters.nFromCache.load();
-    object["scanned"] = m_counters.nScanned.load();
-    object["infected"] = m_counters.nInfected.load();
-    object["errors"] = m_counters.nErrors.load();
-    object["timed_out"] = m_counters.nTimedOut.load();
-    object["limit_exceeded"] = m_counters.nLimitExceeded.load();
-    object["skipped"] = ReasonObject(kSkippedTexts, m_counters.skipped);
-    object["not_cached"] = ReasonObject(kNotCachedTexts, m_counters.notCached);
-    object["bytes_read"] = m_counters.ullBytesRead.load();
-    object["bytes_not_read"] = m_counters.ullBytesNotRead.load();
-    object["seconds"] = summary.scanSeconds;
-    object["interrupted"] = summary.bInterrupted;
-    object["cache_used"] = summary.strCacheOff.empty();
-    if (summary.strCacheOff.empty()) {
-        PutName(object, "root", summary.strRoot);
-    } else {
-        object["cache_off"] = summary.strCacheOff;
-    }
-    object["signatures"] = summary.nSignatures;
-    PutName(object, "signature_set", summary.strSignatures);
-    object["test_signatures_only"] = summary.bTestSignatures;
-    object["load_seconds"] = summary.loadSeconds;
-    Out(JsonLine(object));
+    WriteOut(m_options.bJson ? SummaryJson(summary, m_counters) : SummaryText(summary, m_counters));
 }

@@ -4,6 +4,7 @@
 
 #include "tools/engine/file_verdict.h"
 #include "tools/scan/counters.h"
+#include "tools/scan/summary.h"
 
 #include <cstdint>
 #include <mutex>
@@ -19,22 +20,11 @@ struct _ReportOptions {
 
 struct _FileReport {
     std::string strPath;
-    _FileVerdict verdict;
+    _FileVerdict verdict = {};
     uint64_t ullSize = 0; // bytes
     bool bFromCache = false;
-    ENotCached eNotCached = ENotCached::Cached;
+    ENotCached eNotCached = ENotCached::None;
     std::string strError; // for EVerdict::Error
-};
-
-struct _ScanSummary {
-    double scanSeconds = 0; // from the start of the cache to the last record written
-    double loadSeconds = 0; // loading the signatures
-    unsigned nSignatures = 0;
-    std::string strSignatures;
-    bool bTestSignatures = false; // the program's own few, which find test files only
-    std::string strRoot;          // the installation folder; empty without a cache
-    std::string strCacheOff;      // why there was no cache; empty with one
-    bool bInterrupted = false;
 };
 
 // Safe from any thread; one lock keeps lines whole and the progress line out of their way.
@@ -46,7 +36,7 @@ class CScanReport {
     void File(const _FileReport &file);
 
     // A file, folder or argument that cannot be read. Counts one error.
-    void Problem(const std::string &strPath, int error);
+    void Problem(const std::string &strPath, const std::string &strError);
 
     // A remark for the person at the terminal.
     void Note(const std::string &strText);
@@ -64,22 +54,21 @@ class CScanReport {
 
     void Summary(const _ScanSummary &summary);
 
-    bool IsIncomplete() const { return m_bLost; } // part of the report could not be written
+    bool IsIncomplete() const { return m_bIncomplete; } // part of the report could not be written
 
   private:
-    void Out(std::string_view text);
-    void Lose(int error);
-    void Err(const std::string &strText);
+    // Called with the lock held.
+    void WriteOut(std::string_view text);
+    void WriteError(const std::string &strText);
+    void TellLostOutput(int iError);
     void ClearProgress();
-    void TextSummary(const _ScanSummary &summary);
-    void JsonSummary(const _ScanSummary &summary);
 
     const _ReportOptions m_options;
     _ScanCounters &m_counters;
     const bool m_bTerminal; // standard error is one, and progress is wanted
     std::mutex m_mutex;     // guards everything below and both streams
     bool m_bProgressShown = false;
-    bool m_bLost = false;
+    bool m_bIncomplete = false;
 };
 
 #endif

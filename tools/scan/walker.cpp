@@ -10,7 +10,9 @@
 #include <dirent.h>
 #include <fnmatch.h>
 #include <linux/magic.h>
+#include <sys/stat.h>
 #include <sys/vfs.h>
+#include <system_error>
 
 namespace {
 
@@ -58,46 +60,45 @@ bool CTreeWalker::IsExcludedArgument(const std::string &strPath) const {
     if (m_vecExclude.empty()) {
         return false;
     }
-    for (size_t start = 1; start < strPath.size();) {
-        const size_t end = std::min(strPath.find('/', start), strPath.size());
-        if (IsExcluded(strPath.substr(0, end), std::string_view(strPath).substr(start, end - start))) {
+    for (size_t nStart = 1; nStart < strPath.size();) {
+        const size_t nEnd = std::min(strPath.find('/', nStart), strPath.size());
+        if (IsExcluded(strPath.substr(0, nEnd), std::string_view(strPath).substr(nStart, nEnd - nStart))) {
             return true;
         }
-        start = end + 1;
+        nStart = nEnd + 1;
     }
     return false;
 }
 
-bool CTreeWalker::PushFile(_ScanJob job) {
-    m_vecBatch.push_back(std::move(job));
-    return m_vecBatch.size() < kBatch || PushBatch();
+void CTreeWalker::TellProblem(const std::string &strPath, int iError) const {
+    m_listener.onProblem(strPath, std::generic_category().message(iError));
 }
 
-bool CTreeWalker::PushBatch() {
-    m_counters.nFound += m_vecBatch.size();
-    return m_queue.Push(m_vecBatch);
+bool CTreeWalker::PushFile(_ScanJob job) {
+    m_vecBatch.push_back(std::move(job));
+    return m_vecBatch.size() < kBatch || m_listener.onFiles(m_vecBatch);
 }
 
 bool CTreeWalker::Walk(const std::string &strArgument) {
-    return WalkArgument(strArgument) && PushBatch();
+    return WalkArgument(strArgument) && m_listener.onFiles(m_vecBatch);
 }
 
 bool CTreeWalker::WalkArgument(const std::string &strArgument) {
-    _PathArgument argument;
+    _PathArgument argument = {};
     if (!ResolveArgument(strArgument, argument)) {
-        m_report.Problem(strArgument, errno);
+        TellProblem(strArgument, errno);
         return true;
     }
     struct stat status = {};
     if (lstat(argument.strOpen.c_str(), &status) != 0) {
-        m_report.Problem(argument.strPath, errno);
+        TellProblem(argument.strPath, errno);
         return true;
     }
     if (argument.bLink) {
-        m_report.Note(EscapeName(strArgument) + " is a link; scanning " + EscapeName(argument.strPath));
+        m_listener.onNote(EscapeName(strArgument) + " is a link; scanning " + EscapeName(argument.strPath));
     }
     if (IsExcludedArgument(argument.strPath)) {
-        Skip(ESkipped::Excluded);
+        m_listener.onSkipped(ESkipped::Excluded);
         return true;
     }
     if (S_ISDIR(status.st_mode)) {
@@ -106,88 +107,92 @@ bool CTreeWalker::WalkArgument(const std::string &strArgument) {
     if (S_ISREG(status.st_mode) && !IsInKernelFileSystem(argument.strOpen)) {
         return PushFile({nullptr, argument.strOpen, argument.strPath});
     }
-    m_report.Note(EscapeName(argument.strPath) + " is not an ordinary file; skipped");
-    Skip(S_ISREG(status.st_mode) ? ESkipped::KernelFiles : ESkipped::NotAFile);
+    m_listener.onNote(EscapeName(argument.strPath) + " is not an ordinary file; skipped");
+    m_listener.onSkipped(S_ISREG(status.st_mode) ? ESkipped::KernelFiles : ESkipped::NotAFile);
     return true;
 }
 
 void CTreeWalker::WalkList(const std::string &strList, char cSeparator) {
-    CPathLines lines(strList, cSeparator, m_stop);
-    std::string strPath;
-    while (lines.Next(strPath)) {
-        if (!strPath.empty() && !Walk(strPath)) {
-            return;
-        }
-    }
-    if (lines.Error() != 0) {
-        m_report.Problem(strList == "-" ? "standard input" : strList, lines.Error());
+    const auto walk = [this](const std::string &strPath) { return strPath.empty() || Walk(strPath); };
+    std::string strError;
+    if (!ReadPathLines(strList, cSeparator, m_bStop, walk, strError)) {
+        m_listener.onProblem(strList == "-" ? "standard input" : strList, strError);
     }
 }
 
 // Depth first with a stack of its own, so that a deep tree costs memory and not the thread's stack.
 bool CTreeWalker::WalkTree(_PendingFolder root) {
-    std::vector<_PendingFolder> stack;
-    stack.push_back(std::move(root));
-    while (!stack.empty()) {
-        const _PendingFolder next = std::move(stack.back());
-        stack.pop_back();
-        if (m_stop.load(std::memory_order_relaxed) || !ReadFolder(next, stack)) {
+    std::vector<_PendingFolder> vecPending;
+    vecPending.push_back(std::move(root));
+    while (!vecPending.empty()) {
+        const _PendingFolder next = std::move(vecPending.back());
+        vecPending.pop_back();
+        if (m_bStop.load(std::memory_order_relaxed) || !ReadFolder(next, vecPending)) {
             return false;
         }
     }
     return true;
 }
 
-bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_PendingFolder> &stack) {
-    const int parentFd = pending.pParent == nullptr ? AT_FDCWD : pending.pParent->descriptor.Get();
+bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_PendingFolder> &vecPending) {
+    const int fdParent = pending.pParent == nullptr ? AT_FDCWD : pending.pParent->descriptor.Get();
     auto pFolder = std::make_shared<_OpenFolder>();
-    pFolder->descriptor = OpenForReading(parentFd, pending.strName.c_str(), ELastLink::Refuse, O_DIRECTORY);
+    pFolder->descriptor = OpenForReading(fdParent, pending.strName.c_str(), ELastLink::Refuse, O_DIRECTORY);
     pFolder->strPath = pending.strPath;
     struct stat status = {};
     if (!pFolder->descriptor.IsOpen() || fstat(pFolder->descriptor.Get(), &status) != 0) {
         // A folder that was removed, or replaced by something else, since its parent was read is no error.
         const bool bVanished = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
         if (pending.pParent == nullptr || !bVanished) {
-            m_report.Problem(pending.strPath, errno);
+            TellProblem(pending.strPath, errno);
         }
         return true;
     }
+    return IsSkipped(pending, *pFolder, status) || ListFolder(pFolder, status, vecPending);
+}
+
+bool CTreeWalker::IsSkipped(const _PendingFolder &pending, const _OpenFolder &folder, const struct stat &status) const {
     const bool bOwn = m_ownFiles.IsOwnFolder(status);
     const bool bKernel = IsKernelPath(pending.strPath) ||
-                         (status.st_dev != pending.parentDevice && IsInKernelFileSystem(pFolder->descriptor.Get()));
-    if (bOwn || bKernel) {
-        if (pending.pParent == nullptr) {
-            m_report.Note(EscapeName(pending.strPath) + " holds no files to scan; skipped");
-        }
-        Skip(bOwn ? ESkipped::OwnFiles : ESkipped::KernelFiles);
-        return true;
+                         (status.st_dev != pending.parentDevice && IsInKernelFileSystem(folder.descriptor.Get()));
+    if (!bOwn && !bKernel) {
+        return false;
     }
-    // The listing needs a descriptor of its own: closing it must not close the one the jobs use.
+    if (pending.pParent == nullptr) {
+        m_listener.onNote(EscapeName(pending.strPath) + " holds no files to scan; skipped");
+    }
+    m_listener.onSkipped(bOwn ? ESkipped::OwnFiles : ESkipped::KernelFiles);
+    return true;
+}
+
+bool CTreeWalker::ListFolder(const std::shared_ptr<const _OpenFolder> &pFolder, const struct stat &status,
+                             std::vector<_PendingFolder> &vecPending) {
+    // The listing needs a descriptor of its own: closing it must not close the one that the jobs use.
     CDescriptor listing(fcntl(pFolder->descriptor.Get(), F_DUPFD_CLOEXEC, 0));
     const std::unique_ptr<DIR, _CloseFolder> pEntries(listing.IsOpen() ? fdopendir(listing.Get()) : nullptr);
     if (pEntries == nullptr) {
-        m_report.Problem(pending.strPath, errno);
+        TellProblem(pFolder->strPath, errno);
         return true;
     }
     (void)listing.Release(); // the listing owns it now
     for (errno = 0; const dirent *pEntry = readdir(pEntries.get()); errno = 0) {
-        if (!TakeEntry(pFolder, status, pEntry->d_name, pEntry->d_type, stack)) {
+        if (!TakeEntry(pFolder, status, pEntry->d_name, pEntry->d_type, vecPending)) {
             return false;
         }
     }
     if (errno != 0) {
-        m_report.Problem(pending.strPath, errno);
+        TellProblem(pFolder->strPath, errno);
     }
     return true;
 }
 
 bool CTreeWalker::TakeEntry(const std::shared_ptr<const _OpenFolder> &pFolder, const struct stat &folderStatus,
-                            const char *pszName, unsigned char type, std::vector<_PendingFolder> &stack) {
+                            const char *pszName, unsigned char type, std::vector<_PendingFolder> &vecPending) {
     const std::string_view name = pszName;
     if (name == "." || name == "..") {
         return true;
     }
-    _ScanJob job{pFolder, std::string(name), {}};
+    _ScanJob job = {pFolder, std::string(name), {}};
     if (type == DT_UNKNOWN) {
         struct stat status = {};
         if (fstatat(job.FolderFd(), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -197,12 +202,12 @@ bool CTreeWalker::TakeEntry(const std::shared_ptr<const _OpenFolder> &pFolder, c
     }
     const bool bExcluded = !m_vecExclude.empty() && IsExcluded(job.Path(), name);
     if (bExcluded || (type != DT_DIR && type != DT_REG)) {
-        Skip(bExcluded ? ESkipped::Excluded : type == DT_LNK ? ESkipped::Link : ESkipped::NotAFile);
-        return !m_stop.load(std::memory_order_relaxed);
+        m_listener.onSkipped(bExcluded ? ESkipped::Excluded : type == DT_LNK ? ESkipped::Link : ESkipped::NotAFile);
+        return !m_bStop.load(std::memory_order_relaxed);
     }
     if (type == DT_REG) {
         return PushFile(std::move(job));
     }
-    stack.push_back({pFolder, std::string(name), job.Path(), folderStatus.st_dev});
+    vecPending.push_back({pFolder, std::string(name), job.Path(), folderStatus.st_dev});
     return true;
 }

@@ -1,24 +1,32 @@
-// Finds the files to scan and feeds them to the queue. Runs on its own thread.
+// Finds the files to scan. Runs on its own thread.
 #ifndef TARN_TOOLS_SCAN_WALKER_H
 #define TARN_TOOLS_SCAN_WALKER_H
 
 #include "tools/scan/counters.h"
+#include "tools/scan/job.h"
 #include "tools/scan/own_files.h"
-#include "tools/scan/queue.h"
-#include "tools/scan/report.h"
 
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+// What a walk tells, on its own thread.
+struct _WalkListener {
+    std::function<bool(std::vector<_ScanJob> &vecJobs)> onFiles; // leaves the vector empty; false ends the walk
+    std::function<void(ESkipped eReason)> onSkipped;
+    std::function<void(const std::string &strPath, const std::string &strError)> onProblem;
+    std::function<void(const std::string &strText)> onNote;
+};
+
 // Never follows a link below an argument, opens folders only, and leaves the kernel's own file systems alone.
 class CTreeWalker {
   public:
-    CTreeWalker(const std::vector<std::string> &vecExclude, const COwnFiles &ownFiles, const std::atomic<bool> &stop,
-                CJobQueue &queue, CScanReport &report, _ScanCounters &counters)
-        : m_vecExclude(vecExclude), m_ownFiles(ownFiles), m_stop(stop), m_queue(queue), m_report(report),
-          m_counters(counters) {}
+    CTreeWalker(const std::vector<std::string> &vecExclude, const COwnFiles &ownFiles, const std::atomic<bool> &bStop,
+                const _WalkListener &listener)
+        : m_vecExclude(vecExclude), m_ownFiles(ownFiles), m_bStop(bStop), m_listener(listener) {}
 
     // One PATH: a file, or a folder with everything below it. False once the scan is to stop.
     bool Walk(const std::string &strArgument);
@@ -31,27 +39,27 @@ class CTreeWalker {
         std::shared_ptr<const _OpenFolder> pParent; // null for an argument
         std::string strName;
         std::string strPath;
-        dev_t parentDevice;
+        dev_t parentDevice = 0;
     };
 
     bool WalkArgument(const std::string &strArgument);
     bool WalkTree(_PendingFolder root);
-    bool ReadFolder(const _PendingFolder &pending, std::vector<_PendingFolder> &stack);
+    bool ReadFolder(const _PendingFolder &pending, std::vector<_PendingFolder> &vecPending);
+    bool IsSkipped(const _PendingFolder &pending, const _OpenFolder &folder, const struct stat &status) const;
+    bool ListFolder(const std::shared_ptr<const _OpenFolder> &pFolder, const struct stat &status,
+                    std::vector<_PendingFolder> &vecPending);
     bool TakeEntry(const std::shared_ptr<const _OpenFolder> &pFolder, const struct stat &folderStatus,
-                   const char *pszName, unsigned char type, std::vector<_PendingFolder> &stack);
+                   const char *pszName, unsigned char type, std::vector<_PendingFolder> &vecPending);
     bool PushFile(_ScanJob job);
-    bool PushBatch();
     bool IsExcluded(const std::string &strPath, std::string_view name) const;
     bool IsExcludedArgument(const std::string &strPath) const;
-    void Skip(ESkipped eReason) { m_counters.CountSkipped(eReason); }
+    void TellProblem(const std::string &strPath, int iError) const;
 
     const std::vector<std::string> &m_vecExclude;
     const COwnFiles &m_ownFiles;
-    const std::atomic<bool> &m_stop;
-    CJobQueue &m_queue;
-    CScanReport &m_report;
-    _ScanCounters &m_counters;
-    std::vector<_ScanJob> m_vecBatch; // found, not in the queue yet
+    const std::atomic<bool> &m_bStop;
+    const _WalkListener &m_listener;
+    std::vector<_ScanJob> m_vecBatch; // found, not told yet
 };
 
 #endif

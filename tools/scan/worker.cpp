@@ -1,20 +1,14 @@
 #include "tools/scan/worker.h"
 
-#include "support/hex.h"
-#include "tools/text.h"
-#include "tools/text/path_argument.h"
+#include "support/descriptor.h"
 
-#include <nettle/md5.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <system_error>
 
 namespace {
 
-constexpr size_t kReadSize = 256u << 10; // bytes
-constexpr int64_t kSettleTime = 2;       // seconds
+constexpr int64_t kSettleTime = 2; // seconds
 
 bool IsSameTime(const timespec &first, const timespec &second) {
     return first.tv_sec == second.tv_sec && first.tv_nsec == second.tv_nsec;
@@ -35,13 +29,10 @@ bool IsTooNew(const struct stat &status, const timespec &now) {
 
 } // namespace
 
-CScanWorker::CScanWorker(std::unique_ptr<CScanEngine> pEngine, const _ScanShared &shared)
-    : m_pEngine(std::move(pEngine)), m_shared(shared), m_vecBuffer(kReadSize) {}
-
 void CScanWorker::Run() {
-    for (std::vector<_ScanJob> jobs = m_shared.queue.Pop(); !jobs.empty(); jobs = m_shared.queue.Pop()) {
-        for (const _ScanJob &job : jobs) {
-            if (m_shared.stop.load(std::memory_order_relaxed)) {
+    for (std::vector<_ScanJob> vecJobs = m_queue.Pop(); !vecJobs.empty(); vecJobs = m_queue.Pop()) {
+        for (const _ScanJob &job : vecJobs) {
+            if (m_shared.bStop.load(std::memory_order_relaxed)) {
                 return;
             }
             LookAt(job);
@@ -50,7 +41,7 @@ void CScanWorker::Run() {
 }
 
 void CScanWorker::LookAt(const _ScanJob &job) {
-    _FileReport file;
+    _FileReport file = {};
     file.strPath = job.Path();
     timespec now = {}; // taken first: a change after it then shows as one in the future
     (void)clock_gettime(CLOCK_REALTIME, &now);
@@ -58,7 +49,7 @@ void CScanWorker::LookAt(const _ScanJob &job) {
     if (fstatat(job.FolderFd(), job.strName.c_str(), &before.status, AT_SYMLINK_NOFOLLOW) != 0) {
         // Files come and go while a tree is walked; only one that was asked for by name is missed.
         if (job.pFolder == nullptr || errno != ENOENT) {
-            m_shared.report.Problem(file.strPath, errno);
+            m_shared.report.Problem(file.strPath, std::generic_category().message(errno));
         }
         return;
     }
@@ -77,10 +68,10 @@ void CScanWorker::LookAt(const _ScanJob &job) {
 }
 
 bool CScanWorker::AskCache(_FileReport &file) const {
-    if (!m_shared.cache.IsInUse() || file.strPath.size() >= kLongestCachedPath) {
+    if (!m_shared.cache.IsInUse() || file.strPath.size() >= TARN_PATH_SIZE) {
         return false;
     }
-    _FileVerdict verdict;
+    _FileVerdict verdict = {};
     file.bFromCache = m_shared.cache.Find(file.strPath, verdict);
     if (file.bFromCache) {
         file.verdict = verdict;
@@ -89,31 +80,40 @@ bool CScanWorker::AskCache(_FileReport &file) const {
 }
 
 void CScanWorker::ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file) {
-    CDescriptor descriptor = OpenForReading(job.FolderFd(), job.strName.c_str(), ELastLink::Refuse);
+    CDescriptor descriptor;
     struct stat opened = {};
-    if (!descriptor.IsOpen() || fstat(descriptor.Get(), &opened) != 0) {
+    if (!Open(job, file.strPath, descriptor, opened, file.strError)) {
         file.verdict.eVerdict = EVerdict::Error;
-        file.strError = std::generic_category().message(errno);
-        file.eNotCached = ENotCached::ScanError;
-    } else if (m_shared.ownFiles.IsOwnFile(file.strPath, opened)) {
-        (void)descriptor.Release(); // left open on purpose: closing it would drop this process's locks on the file
-        file.verdict.eVerdict = EVerdict::Error;
-        file.strError = "replaced by a file of the cache while it was opened";
-        file.eNotCached = ENotCached::ScanError;
-    } else if (!S_ISREG(opened.st_mode)) {
-        file.verdict.eVerdict = EVerdict::Error;
-        file.strError = "no longer a regular file";
         file.eNotCached = ENotCached::ScanError;
     } else {
         ReadAndScan(descriptor.Get(), opened, file);
         file.eNotCached = ReasonNotToAdd(job, descriptor.Get(), before, file);
-        if (file.eNotCached == ENotCached::Cached) {
+        if (file.eNotCached == ENotCached::None) {
             file.eNotCached = AddToCache(before.status, file);
         }
     }
     if (!m_shared.cache.IsInUse()) {
-        file.eNotCached = ENotCached::Cached; // nothing to give a reason for
+        file.eNotCached = ENotCached::None; // nothing to give a reason for
     }
+}
+
+bool CScanWorker::Open(const _ScanJob &job, const std::string &strPath, CDescriptor &descriptor, struct stat &opened,
+                       std::string &strError) const {
+    descriptor = OpenForReading(job.FolderFd(), job.strName.c_str(), ELastLink::Refuse);
+    if (!descriptor.IsOpen() || fstat(descriptor.Get(), &opened) != 0) {
+        strError = std::generic_category().message(errno);
+        return false;
+    }
+    if (m_shared.ownFiles.IsOwnFile(strPath, opened)) {
+        (void)descriptor.Release(); // left open on purpose: closing it would drop this process's locks on the file
+        strError = "replaced by a file of the cache while it was opened";
+        return false;
+    }
+    if (!S_ISREG(opened.st_mode)) {
+        strError = "no longer a regular file";
+        return false;
+    }
+    return true;
 }
 
 void CScanWorker::ReadAndScan(int fd, const struct stat &opened, _FileReport &file) {
@@ -123,41 +123,14 @@ void CScanWorker::ReadAndScan(int fd, const struct stat &opened, _FileReport &fi
         return;
     }
     std::string strMD5;
-    if ((m_shared.bWantDigest && !DigestFile(fd, file.ullSize, strMD5)) || lseek(fd, 0, SEEK_SET) != 0) {
-        file.verdict.eVerdict = m_shared.stop.load() ? EVerdict::Interrupted : EVerdict::Error;
+    if ((m_shared.bWantDigest && !m_digest.Read(fd, file.ullSize, m_shared.bStop, strMD5)) ||
+        lseek(fd, 0, SEEK_SET) != 0) {
+        file.verdict.eVerdict = m_shared.bStop.load() ? EVerdict::Interrupted : EVerdict::Error;
         file.strError = std::generic_category().message(errno);
         return;
     }
-    file.verdict = m_pEngine->ScanDescriptor(fd, file.ullSize, m_shared.stop, file.strError);
+    file.verdict = m_pEngine->ScanDescriptor(fd, file.ullSize, m_shared.bStop, file.strError);
     file.verdict.strMD5 = strMD5;
-}
-
-// The digest of the first ullSize bytes; a file that grows or shrinks meanwhile is told by its status afterwards.
-bool CScanWorker::DigestFile(int fd, uint64_t ullSize, std::string &strMD5) {
-    md5_ctx hash;
-    md5_init(&hash);
-    (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    for (uint64_t ullDone = 0; ullDone < ullSize;) {
-        if (m_shared.stop.load(std::memory_order_relaxed)) {
-            return false;
-        }
-        const ssize_t count = read(fd, m_vecBuffer.data(), std::min<uint64_t>(m_vecBuffer.size(), ullSize - ullDone));
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return false;
-        }
-        if (count == 0) {
-            break;
-        }
-        md5_update(&hash, static_cast<size_t>(count), m_vecBuffer.data());
-        ullDone += static_cast<uint64_t>(count);
-    }
-    std::string strBytes(MD5_DIGEST_SIZE, '\0');
-    md5_digest(&hash, strBytes.size(), reinterpret_cast<uint8_t *>(strBytes.data()));
-    strMD5 = HexText(strBytes);
-    return true;
 }
 
 ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _StatusBefore &before,
@@ -182,10 +155,10 @@ ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _Statu
         !IsUnchanged(before.status, named)) {
         return ENotCached::ChangedDuringScan;
     }
-    if (file.strPath.size() >= kLongestCachedPath) {
+    if (file.strPath.size() >= TARN_PATH_SIZE) {
         return ENotCached::PathTooLong;
     }
-    return before.bTooNew ? ENotCached::TooNew : ENotCached::Cached;
+    return before.bTooNew ? ENotCached::TooNew : ENotCached::None;
 }
 
 // The cache takes the file's status itself, a moment after the last comparison. Should the file change in just that
@@ -193,14 +166,14 @@ ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _Statu
 // the session takes such a record back before the program ends.
 ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport &file) {
     if (!m_shared.cache.IsInUse()) {
-        return ENotCached::Cached;
+        return ENotCached::None;
     }
     if (!m_shared.cache.Add(file.strPath, file.verdict)) {
         return ENotCached::Refused;
     }
     struct stat after = {};
     if (lstat(file.strPath.c_str(), &after) == 0 && IsUnchanged(before, after)) {
-        return ENotCached::Cached;
+        return ENotCached::None;
     }
     m_shared.cache.TakeBack(file.verdict.strMD5);
     return ENotCached::ChangedDuringScan;
@@ -209,7 +182,7 @@ ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport 
 void CScanWorker::Count(const _FileReport &file) {
     _ScanCounters &counters = m_shared.counters;
     const EVerdict eVerdict = file.verdict.eVerdict;
-    if (file.eNotCached != ENotCached::Cached) {
+    if (file.eNotCached != ENotCached::None) {
         counters.CountNotCached(file.eNotCached);
     }
     if (eVerdict == EVerdict::Interrupted) {

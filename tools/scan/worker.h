@@ -6,6 +6,7 @@
 #include "tools/cache/session.h"
 #include "tools/engine/scan_engine.h"
 #include "tools/scan/counters.h"
+#include "tools/scan/file_digest.h"
 #include "tools/scan/own_files.h"
 #include "tools/scan/queue.h"
 #include "tools/scan/report.h"
@@ -13,14 +14,12 @@
 #include <atomic>
 #include <memory>
 #include <sys/stat.h>
-#include <vector>
 
-// What all workers share.
+// What all threads of a scan share.
 struct _ScanShared {
     CCacheSession &cache;
     const COwnFiles &ownFiles;
-    const std::atomic<bool> &stop;
-    CJobQueue &queue;
+    const std::atomic<bool> &bStop;
     CScanReport &report;
     _ScanCounters &counters;
     bool bWantDigest; // compute the MD5 of scanned files
@@ -28,7 +27,8 @@ struct _ScanShared {
 
 class CScanWorker {
   public:
-    CScanWorker(std::unique_ptr<CScanEngine> pEngine, const _ScanShared &shared);
+    CScanWorker(std::unique_ptr<CScanEngine> pEngine, const _ScanShared &shared, CJobQueue &queue)
+        : m_pEngine(std::move(pEngine)), m_shared(shared), m_queue(queue) {}
 
     // Works until the queue is drained or aborted.
     void Run();
@@ -36,22 +36,24 @@ class CScanWorker {
   private:
     // The file's status before anything else was done with it.
     struct _StatusBefore {
-        struct stat status;
-        bool bTooNew;
+        struct stat status = {};
+        bool bTooNew = false;
     };
 
     void LookAt(const _ScanJob &job);
     bool AskCache(_FileReport &file) const;
     void ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file);
+    bool Open(const _ScanJob &job, const std::string &strPath, CDescriptor &descriptor, struct stat &opened,
+              std::string &strError) const;
     void ReadAndScan(int fd, const struct stat &opened, _FileReport &file);
-    bool DigestFile(int fd, uint64_t ullSize, std::string &strMD5);
     ENotCached ReasonNotToAdd(const _ScanJob &job, int fd, const _StatusBefore &before, const _FileReport &file) const;
     ENotCached AddToCache(const struct stat &before, const _FileReport &file);
     void Count(const _FileReport &file);
 
     const std::unique_ptr<CScanEngine> m_pEngine;
     const _ScanShared m_shared;
-    std::vector<uint8_t> m_vecBuffer;
+    CJobQueue &m_queue;
+    CFileDigest m_digest;
 };
 
 #endif

@@ -27,22 +27,22 @@ bool IsSameFile(const std::string &strFirst, const std::string &strSecond) {
 
 // Splits, drops "" and ".", and lets ".." take out the component before it.
 std::string Normalise(const std::string &strPath, bool &bWentUp) {
-    std::vector<std::string> components;
-    for (size_t start = 0; start < strPath.size();) {
-        const size_t slash = std::min(strPath.find('/', start), strPath.size());
-        std::string strComponent = strPath.substr(start, slash - start);
-        start = slash + 1;
+    std::vector<std::string> vecComponents;
+    for (size_t nStart = 0; nStart < strPath.size();) {
+        const size_t nSlash = std::min(strPath.find('/', nStart), strPath.size());
+        std::string strComponent = strPath.substr(nStart, nSlash - nStart);
+        nStart = nSlash + 1;
         if (strComponent == "..") {
             bWentUp = true;
-            if (!components.empty()) {
-                components.pop_back();
+            if (!vecComponents.empty()) {
+                vecComponents.pop_back();
             }
         } else if (!strComponent.empty() && strComponent != ".") {
-            components.push_back(std::move(strComponent));
+            vecComponents.push_back(std::move(strComponent));
         }
     }
     std::string strResult;
-    for (const std::string &strComponent : components) {
+    for (const std::string &strComponent : vecComponents) {
         strResult += "/" + strComponent;
     }
     return strResult.empty() ? "/" : strResult;

@@ -4,9 +4,6 @@
 
 #include <string>
 
-// The cache knows paths of fewer than this many bytes.
-constexpr size_t kLongestCachedPath = 4096;
-
 // Absolute, without "." and doubled slashes, and without resolving links: the spelling under which the cache knows a
 // file. ".." is taken out textually where that names the same file, else the links are resolved. Empty, with errno set,
 // when the working folder is gone.

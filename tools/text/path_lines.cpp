@@ -1,60 +1,81 @@
 #include "tools/text/path_lines.h"
 
-#include <array>
-#include <poll.h>
+#include "support/descriptor.h"
 
-CPathLines::CPathLines(const std::string &strList, char cSeparator, const std::atomic<bool> &stop)
-    : m_cSeparator(cSeparator), m_stop(stop) {
-    if (strList == "-") {
-        return;
+#include <array>
+#include <cerrno>
+#include <poll.h>
+#include <system_error>
+
+namespace {
+
+constexpr int kPollStep = 100; // milliseconds
+
+enum class ERead { Piece, End, Stopped, Failed };
+
+// Adds the next piece of the input to the text. Waits in short steps, so that a pipe nobody writes to cannot keep the
+// program from ending.
+ERead ReadPiece(int fd, const std::atomic<bool> &bStop, std::string &strText) {
+    std::array<char, 65536> piece = {};
+    while (!bStop.load()) {
+        struct pollfd input = {};
+        input.fd = fd;
+        input.events = POLLIN;
+        const int iReady = poll(&input, 1, kPollStep);
+        if (iReady == 0 || (iReady < 0 && errno == EINTR)) {
+            continue;
+        }
+        const ssize_t nRead = read(fd, piece.data(), piece.size());
+        if (nRead > 0) {
+            strText.append(piece.data(), static_cast<size_t>(nRead));
+            return ERead::Piece;
+        }
+        if (nRead == 0) {
+            return ERead::End;
+        }
+        if (errno != EINTR && errno != EAGAIN) {
+            return ERead::Failed;
+        }
     }
-    m_file = CDescriptor(open(strList.c_str(), O_RDONLY | O_CLOEXEC));
-    m_fd = m_file.Get();
-    if (m_fd < 0) {
-        m_error = errno;
-    }
+    return ERead::Stopped;
 }
 
-bool CPathLines::Next(std::string &strPath) {
-    size_t end = m_strBuffer.find(m_cSeparator, m_nPosition);
-    while (end == std::string::npos && !m_bEnd) {
-        const size_t searched = m_strBuffer.size() - m_nPosition;
-        if (!ReadMore()) {
+// Hands over the paths that the text holds whole, and leaves the rest. There is no separator in the first nSearched
+// bytes. False once no more are wanted.
+bool TakePaths(std::string &strText, size_t nSearched, char cSeparator,
+               const std::function<bool(const std::string &)> &onPath) {
+    size_t nStart = 0;
+    for (size_t nEnd = strText.find(cSeparator, nSearched); nEnd != std::string::npos;
+         nEnd = strText.find(cSeparator, nStart)) {
+        if (!onPath(strText.substr(nStart, nEnd - nStart))) {
             return false;
         }
-        end = m_strBuffer.find(m_cSeparator, m_nPosition + searched);
+        nStart = nEnd + 1;
     }
-    const bool bLast = end == std::string::npos;
-    strPath = m_strBuffer.substr(m_nPosition, bLast ? end : end - m_nPosition);
-    m_nPosition = bLast ? m_strBuffer.size() : end + 1;
-    return !bLast || !strPath.empty();
+    strText.erase(0, nStart);
+    return true;
 }
 
-// Waits in short steps, so that a pipe nobody writes to cannot keep the program from ending.
-bool CPathLines::ReadMore() {
-    m_strBuffer.erase(0, m_nPosition);
-    m_nPosition = 0;
-    std::array<char, 65536> piece = {};
-    while (m_error == 0 && !m_stop.load()) {
-        struct pollfd input = {};
-        input.fd = m_fd;
-        input.events = POLLIN;
-        const int ready = poll(&input, 1, 100);
-        if (ready == 0 || (ready < 0 && errno == EINTR)) {
-            continue;
-        }
-        const ssize_t count = read(m_fd, piece.data(), piece.size());
-        if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
-            continue;
-        }
-        if (count < 0) {
-            m_error = errno;
-        }
-        m_bEnd = count == 0;
-        if (count > 0) {
-            m_strBuffer.append(piece.data(), static_cast<size_t>(count));
-        }
-        return count >= 0;
+} // namespace
+
+bool ReadPathLines(const std::string &strList, char cSeparator, const std::atomic<bool> &bStop,
+                   const std::function<bool(const std::string &strPath)> &onPath, std::string &strError) {
+    const bool bStandardInput = strList == "-";
+    const CDescriptor file(bStandardInput ? -1 : open(strList.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string strText;
+    ERead eRead = bStandardInput || file.IsOpen() ? ERead::Piece : ERead::Failed;
+    bool bWanted = true;
+    while (eRead == ERead::Piece && bWanted) {
+        const size_t nSearched = strText.size();
+        eRead = ReadPiece(bStandardInput ? STDIN_FILENO : file.Get(), bStop, strText);
+        bWanted = eRead != ERead::Piece || TakePaths(strText, nSearched, cSeparator, onPath);
     }
-    return false;
+    if (eRead == ERead::Failed) {
+        strError = std::generic_category().message(errno);
+        return false;
+    }
+    if (eRead == ERead::End && !strText.empty()) {
+        (void)onPath(strText); // the last line may lack its end
+    }
+    return true;
 }
