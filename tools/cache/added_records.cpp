@@ -1,6 +1,6 @@
 #include "tools/cache/added_records.h"
 
-#include "tools/engine/file_verdict.h"
+#include "tools/cache/verdict_record.h"
 
 #include <tarncache.h>
 

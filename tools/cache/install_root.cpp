@@ -58,9 +58,9 @@ bool MakeFolder(const std::string &strPath, mode_t mode, std::string &strError) 
     if (mkdir(strPath.c_str(), mode) == 0 || errno == EEXIST) {
         return true;
     }
-    const size_t slash = strPath.rfind('/');
-    if (errno == ENOENT && slash != std::string::npos && slash != 0 &&
-        MakeFolder(strPath.substr(0, slash), 0755, strError) && mkdir(strPath.c_str(), mode) == 0) {
+    const size_t nSlash = strPath.rfind('/');
+    if (errno == ENOENT && nSlash != std::string::npos && nSlash != 0 &&
+        MakeFolder(strPath.substr(0, nSlash), 0755, strError) && mkdir(strPath.c_str(), mode) == 0) {
         return true;
     }
     strError = "cannot make the folder " + ErrnoText(strPath, errno);
@@ -90,14 +90,14 @@ bool IsTrusted(const std::string &strPath, mode_t forbidden, std::string &strErr
 
 std::string ProgramPrefix() {
     std::array<char, PATH_MAX> buffer = {};
-    const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
-    if (length <= 0) {
+    const ssize_t nLength = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+    if (nLength <= 0) {
         return {};
     }
-    const std::string strProgram(buffer.data(), static_cast<size_t>(length));
-    const size_t folderEnd = strProgram.rfind('/');
-    const size_t prefixEnd = folderEnd == 0 ? std::string::npos : strProgram.rfind('/', folderEnd - 1);
-    return prefixEnd == std::string::npos ? std::string() : strProgram.substr(0, prefixEnd);
+    const std::string strProgram(buffer.data(), static_cast<size_t>(nLength));
+    const size_t nFolderEnd = strProgram.rfind('/');
+    const size_t nPrefixEnd = nFolderEnd == 0 ? std::string::npos : strProgram.rfind('/', nFolderEnd - 1);
+    return nPrefixEnd == std::string::npos ? std::string() : strProgram.substr(0, nPrefixEnd);
 }
 
 bool Exists(const std::string &strPath) {
@@ -119,8 +119,8 @@ CInstallRoot::CInstallRoot(const std::string &strOption) {
         m_strPath = geteuid() == 0 ? "/var/lib/tarncache" : AbsolutePath(UserFolder());
     }
     if (m_strPath.empty()) {
-        m_strPath =
-            strOption.empty() ? "." : strOption; // no working folder to begin from: every use of it fails, and says so
+        // There is no working folder to begin from. Every use of this path fails, and says so.
+        m_strPath = strOption.empty() ? "." : strOption;
     }
 }
 
@@ -140,7 +140,7 @@ bool CInstallRoot::Prepare(std::string &strError) const {
     if (!Exists(ConfigFile()) && !WriteFileAtomically(ConfigFile(), kDefaultConfig, 0644, EExisting::Keep, strError)) {
         return false;
     }
-    // Trouble with a key that is there is for those who need it.
+    // Whoever reads a key file that is there tells what is wrong with it.
     return Exists(KeyFile()) || EnsureBusinessKey(KeyFile(), strError);
 }
 

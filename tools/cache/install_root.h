@@ -20,7 +20,7 @@ class CInstallRoot {
     void ExportToLibrary() const;
 
     // Makes the folders, the configuration and the key that are missing; never changes one that is there. False when
-    // that fails or when somebody else could change what lies there, with the reason in *strError.
+    // that fails or when somebody else could change what lies there, with the reason in strError.
     bool Prepare(std::string &strError) const;
 
     // True once Prepare has run here.

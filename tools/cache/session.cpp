@@ -2,6 +2,7 @@
 
 #include "tools/atomic_file.h"
 #include "tools/cache/cache_use.h"
+#include "tools/cache/verdict_record.h"
 #include "tools/text.h"
 #include "tools/withdrawn_list.h"
 

@@ -4,7 +4,7 @@
 
 #include "tools/cache/added_records.h"
 #include "tools/cache/install_root.h"
-#include "tools/engine/file_verdict.h"
+#include "tools/engine/verdict.h"
 #include "tools/file_lock.h"
 
 #include <atomic>

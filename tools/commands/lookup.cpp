@@ -1,7 +1,7 @@
 #include "tools/commands/lookup.h"
 
 #include "tools/cache/cache_use.h"
-#include "tools/engine/file_verdict.h"
+#include "tools/cache/verdict_record.h"
 #include "tools/text.h"
 #include "tools/text/json_output.h"
 #include "tools/text/path_argument.h"

@@ -17,18 +17,15 @@ constexpr std::string_view kLimitNames = "Heuristics.Limits.Exceeded";
 
 // What the engine's callbacks know of the scan they run in.
 struct _ScanContext {
-    _ScanContext(const std::atomic<bool> &stopFlag, const CTemporaryFolder &folder)
-        : stop(stopFlag), temporary(folder) {}
-
-    const std::atomic<bool> &stop;
+    const std::atomic<bool> &bStop;
     const CTemporaryFolder &temporary;
-    bool bBroken = false;
+    bool bBrokenOff = false;     // because of bStop
     bool bFull = false;          // the temporary folder was
     uint64_t nLayers = 0;        // the file, and everything unpacked from it
-    std::string strType;         // of the outermost layer
+    std::string strType = {};    // of the outermost layer
     uint64_t ullLargestPart = 0; // bytes, of all layers but the outermost
     uint64_t ullTotal = 0;       // bytes, of all layers
-    std::string strFailure;      // the first error that the engine told
+    std::string strFailure = {}; // the first error that the engine told
 };
 
 // The scan that this thread is in. The engine's messages come without it as long as its own folder is not made.
@@ -42,20 +39,20 @@ cl_error_t BeforeLayer(int, const char *pszType, void *pContext) {
     if (pScan->strType.empty() && pszType != nullptr) {
         pScan->strType = pszType;
     }
-    pScan->bBroken = pScan->bBroken || pScan->stop.load(std::memory_order_relaxed);
-    return pScan->bBroken ? CL_VIRUS : CL_CLEAN;
+    pScan->bBrokenOff = pScan->bBrokenOff || pScan->bStop.load(std::memory_order_relaxed);
+    return pScan->bBrokenOff ? CL_VIRUS : CL_CLEAN;
 }
 
 // Called after it for the same layer. The size is the layer's own, which the status of the descriptor does not tell
 // where the layer is a piece of another. Some unpackers do not tell that they could not write; the layer is then what
 // did fit, and still there.
-cl_error_t AtLayerSize(int, const char *, const char **, size_t, const char *, size_t size, const char *,
+cl_error_t AtLayerSize(int, const char *, const char **, size_t, const char *, size_t nSize, const char *,
                        uint32_t ulDepth, uint32_t, void *pContext) {
     auto *pScan = static_cast<_ScanContext *>(pContext);
     if (ulDepth != 0) {
-        pScan->ullLargestPart = std::max<uint64_t>(pScan->ullLargestPart, size);
+        pScan->ullLargestPart = std::max<uint64_t>(pScan->ullLargestPart, nSize);
     }
-    pScan->ullTotal += size;
+    pScan->ullTotal += nSize;
     pScan->bFull = pScan->bFull || !pScan->temporary.HasRoom();
     return CL_CLEAN;
 }
@@ -81,8 +78,8 @@ bool IsCutShort(const _ScanContext &scan, const _ScanLimits &limits) {
 }
 
 bool SetUp(cl_engine *pEngine, const _ScanLimits &limits, const std::string &strTemporaryFolder) {
-    const auto setNumber = [&](cl_engine_field field, uint64_t value) {
-        return cl_engine_set_num(pEngine, field, static_cast<long long>(value)) == CL_SUCCESS;
+    const auto setNumber = [&](cl_engine_field field, uint64_t ullValue) {
+        return cl_engine_set_num(pEngine, field, static_cast<long long>(ullValue)) == CL_SUCCESS;
     };
     cl_engine_set_clcb_pre_cache(pEngine, BeforeLayer);
     cl_engine_set_clcb_file_inspection(pEngine, AtLayerSize);
@@ -94,7 +91,7 @@ bool SetUp(cl_engine *pEngine, const _ScanLimits &limits, const std::string &str
 
 _FileVerdict VerdictOf(cl_error_t result, const char *pszName, std::string &strError) {
     const std::string_view name = pszName == nullptr ? "" : pszName;
-    _FileVerdict verdict;
+    _FileVerdict verdict = {};
     if (result == CL_CLEAN) {
         verdict.eVerdict = EVerdict::Clean;
     } else if (result == CL_ETIMEOUT || (result == CL_VIRUS && name == "Heuristics.Limits.Exceeded.MaxScanTime")) {
@@ -112,18 +109,15 @@ _FileVerdict VerdictOf(cl_error_t result, const char *pszName, std::string &strE
     return verdict;
 }
 
-// Takes back a verdict of the engine that does not rest on the whole file.
-void Doubt(const _ScanContext &scan, uint64_t ullSize, _FileVerdict &verdict, std::string &strError) {
+// Why a verdict other than infected does not rest on the whole file; empty when it does.
+std::string WhyIncomplete(const _ScanContext &scan, uint64_t ullSize, EVerdict eVerdict) {
     if (!scan.strFailure.empty()) {
-        strError = scan.strFailure;
-    } else if (scan.nLayers == 0 && ullSize >= kSmallestScanned && verdict.eVerdict == EVerdict::Clean) {
-        strError = "the engine did not look at the file";
-    } else if (scan.bFull || !scan.temporary.HasRoom()) {
-        strError = "the temporary folder is full";
+        return scan.strFailure;
     }
-    if (!strError.empty()) {
-        verdict.eVerdict = EVerdict::Error;
+    if (scan.nLayers == 0 && ullSize >= kSmallestScanned && eVerdict == EVerdict::Clean) {
+        return "the engine did not look at the file";
     }
+    return scan.bFull || !scan.temporary.HasRoom() ? "the temporary folder is full" : "";
 }
 
 } // namespace
@@ -170,29 +164,30 @@ std::unique_ptr<CScanEngine> CScanEngine::Share() const {
     return pShared;
 }
 
-_FileVerdict CScanEngine::ScanDescriptor(int fd, uint64_t ullSize, const std::atomic<bool> &stop,
+_FileVerdict CScanEngine::ScanDescriptor(int fd, uint64_t ullSize, const std::atomic<bool> &bStop,
                                          std::string &strError) const {
-    _ScanContext context(stop, m_temporary);
+    _ScanContext context = {bStop, m_temporary};
     cl_scan_options options = {};
     options.general = CL_SCAN_GENERAL_HEURISTICS;
     options.parse = ~0u;
     options.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;
     const char *pszName = nullptr;
-    unsigned long blocks = 0;
+    unsigned long ulBlocks = 0;
     // No file name: with one, some unpackers open the path again and could be led to another file.
     t_pScan = &context;
-    const cl_error_t result = cl_scandesc_callback(fd, nullptr, &pszName, &blocks, m_pEngine, &options, &context);
+    const cl_error_t result = cl_scandesc_callback(fd, nullptr, &pszName, &ulBlocks, m_pEngine, &options, &context);
     t_pScan = nullptr;
-    _FileVerdict verdict;
+    _FileVerdict verdict = {};
     verdict.eVerdict = EVerdict::Interrupted;
-    if (!context.bBroken) {
+    if (!context.bBrokenOff) {
         verdict = VerdictOf(result, pszName, strError);
     }
     if (verdict.eVerdict == EVerdict::Clean && IsCutShort(context, m_limits)) {
         verdict.eVerdict = EVerdict::LimitExceeded;
     }
     if (verdict.eVerdict == EVerdict::Clean || verdict.eVerdict == EVerdict::LimitExceeded) {
-        Doubt(context, ullSize, verdict, strError);
+        strError = WhyIncomplete(context, ullSize, verdict.eVerdict);
+        verdict.eVerdict = strError.empty() ? verdict.eVerdict : EVerdict::Error;
     }
     verdict.eType = TypeOf(context.strType);
     return verdict;

@@ -2,8 +2,8 @@
 #ifndef TARN_TOOLS_ENGINE_SCAN_ENGINE_H
 #define TARN_TOOLS_ENGINE_SCAN_ENGINE_H
 
-#include "tools/engine/file_verdict.h"
 #include "tools/engine/temporary_folder.h"
+#include "tools/engine/verdict.h"
 
 #include <atomic>
 #include <cstdint>
@@ -21,7 +21,7 @@ struct _ScanLimits {
 // One counted reference to the compiled engine.
 class CScanEngine {
   public:
-    // Loads and compiles the signatures; may take many seconds. Null with the reason in *strError. The temporary
+    // Loads and compiles the signatures; may take many seconds. Null with the reason in strError. The temporary
     // folder has to outlive every reference.
     static std::unique_ptr<CScanEngine> Load(const std::string &strSignatures, const _ScanLimits &limits,
                                              const CTemporaryFolder &temporary, std::string &strError);
@@ -32,9 +32,9 @@ class CScanEngine {
     // A further reference for another thread; null when the engine gives none.
     std::unique_ptr<CScanEngine> Share() const;
 
-    // Scans an open file of ullSize bytes from its beginning. Ends early, with EVerdict::Interrupted, once stop is set.
-    // Clean is only what the engine has seen to its end. *strError tells more about EVerdict::Error.
-    _FileVerdict ScanDescriptor(int fd, uint64_t ullSize, const std::atomic<bool> &stop, std::string &strError) const;
+    // Scans an open file of ullSize bytes from its beginning. Ends early, with EVerdict::Interrupted, once bStop is
+    // set. Clean is only what the engine has seen to its end. strError tells more about EVerdict::Error.
+    _FileVerdict ScanDescriptor(int fd, uint64_t ullSize, const std::atomic<bool> &bStop, std::string &strError) const;
 
     unsigned SignatureCount() const { return m_nSignatures; }
     uint64_t MaxFileSize() const { return m_limits.ullMaxFileSize; }

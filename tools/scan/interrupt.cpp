@@ -8,7 +8,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-std::atomic<int> CInterrupt::s_signals = 0;
+std::atomic<int> CInterrupt::s_nSignals = 0;
 std::atomic<bool> CInterrupt::s_bArmed = false;
 std::atomic<bool> CInterrupt::s_bStop = false;
 int CInterrupt::s_fdEvent = -1;
@@ -17,12 +17,12 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
               "the signal handler uses them");
 
 void CInterrupt::OnSignal(int) {
-    if (s_signals.fetch_add(1) > 0 || !s_bArmed.load()) {
+    if (s_nSignals.fetch_add(1) > 0 || !s_bArmed.load()) {
         _exit(130);
     }
-    const int savedErrno = errno;
+    const int iSavedErrno = errno;
     RequestStop();
-    errno = savedErrno;
+    errno = iSavedErrno;
 }
 
 bool CInterrupt::Install() {
@@ -34,12 +34,12 @@ bool CInterrupt::Install() {
     handle.sa_flags = SA_RESTART;
     bool bDone =
         s_fdEvent >= 0 && sigaction(SIGPIPE, &ignore, nullptr) == 0 && sigaction(SIGXFSZ, &ignore, nullptr) == 0;
-    for (const int number : std::array<int, 3>{SIGINT, SIGTERM, SIGHUP}) {
+    for (const int iSignal : std::array<int, 3>{SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction inherited = {};
-        bDone = bDone && sigaction(number, nullptr, &inherited) == 0;
+        bDone = bDone && sigaction(iSignal, nullptr, &inherited) == 0;
         // A program started with nohup or in the background of a plain shell keeps ignoring what it was told to.
         if (bDone && inherited.sa_handler != SIG_IGN) {
-            bDone = sigaction(number, &handle, nullptr) == 0;
+            bDone = sigaction(iSignal, &handle, nullptr) == 0;
         }
     }
     return bDone;
@@ -55,18 +55,18 @@ void CInterrupt::RequestStop() {
 }
 
 void CInterrupt::Wake() {
-    const uint64_t one = 1;
-    const ssize_t ignored = write(s_fdEvent, &one, sizeof one);
-    (void)ignored; // only a full counter fails, and that wakes as well
+    const uint64_t ullOne = 1;
+    const ssize_t nIgnored = write(s_fdEvent, &ullOne, sizeof ullOne);
+    (void)nIgnored; // only a full counter fails, and that wakes as well
 }
 
-void CInterrupt::WaitForEvent(int milliseconds) {
+void CInterrupt::WaitForEvent(int iMilliseconds) {
     struct pollfd event = {};
     event.fd = s_fdEvent;
     event.events = POLLIN;
-    uint64_t count = 0;
-    if (poll(&event, 1, milliseconds) > 0) {
-        const ssize_t ignored = read(s_fdEvent, &count, sizeof count);
-        (void)ignored;
+    uint64_t ullCount = 0;
+    if (poll(&event, 1, iMilliseconds) > 0) {
+        const ssize_t nIgnored = read(s_fdEvent, &ullCount, sizeof ullCount);
+        (void)nIgnored;
     }
 }

@@ -20,15 +20,15 @@ class CInterrupt {
     static void Wake();
 
     // Waits for a wake-up or the end of the time, whichever is first.
-    static void WaitForEvent(int milliseconds);
+    static void WaitForEvent(int iMilliseconds);
 
-    static bool BySignal() { return s_signals.load() != 0; }
+    static bool BySignal() { return s_nSignals.load() != 0; }
     static const std::atomic<bool> &StopFlag() { return s_bStop; }
 
   private:
-    static void OnSignal(int number);
+    static void OnSignal(int iSignal);
 
-    static std::atomic<int> s_signals;
+    static std::atomic<int> s_nSignals;
     static std::atomic<bool> s_bArmed;
     static std::atomic<bool> s_bStop;
     static int s_fdEvent;

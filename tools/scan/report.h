@@ -2,7 +2,7 @@
 #ifndef TARN_TOOLS_SCAN_REPORT_H
 #define TARN_TOOLS_SCAN_REPORT_H
 
-#include "tools/engine/file_verdict.h"
+#include "tools/engine/verdict.h"
 #include "tools/scan/counters.h"
 #include "tools/scan/summary.h"
 

@@ -2,6 +2,8 @@
 
 #include "support/descriptor.h"
 
+#include <tarncache.h>
+
 #include <cerrno>
 #include <ctime>
 #include <system_error>
