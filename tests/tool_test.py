@@ -177,6 +177,7 @@ class Tool(unittest.TestCase):
                 file.write("\n".join(paths) + "\n")
                 file.flush()
                 found = [tool.stdout.readline() for _ in paths]
+                self.assertEqual(self.run_tool("stats")[0], 0, "asking works beside a scan")
                 tool.send_signal(signal.SIGINT)
                 rest = tool.stdout.read()
                 status = tool.wait(timeout=60)
@@ -334,6 +335,32 @@ class Tool(unittest.TestCase):
         self.assertEqual(self.states(path), [("known", 48)], "nothing is deleted when an argument is wrong")
         self.assertEqual(self.run_tool("forget", unknown, md5(path))[:2], (0, b"Records deleted: 1\n"))
         self.assertEqual(json.loads(self.run_tool("stats", "--json")[1])["records"], 0)
+
+    def test_asking_needs_no_room_and_leaves_what_it_cannot_read(self):
+        path = f"{CLEAN}/ssl.h"
+        self.assertEqual(self.run_tool("withdraw", "--engine-version", "1", text=b"0" * 32)[0], 0)
+        status, _, err = self.run_tool("stats")
+        self.assertEqual((status, os.listdir(self.root / "engine/cache")), (2, []), "asking makes no database")
+        self.assertIn("no cache", err)
+        self.scan(path)
+        (self.root / "config/tarncfg.ini").write_text("[cacheeng]\ndiskthreshold=2000000000\n")
+        for command in (["stats"], ["lookup", path], ["find", md5(path)]):
+            self.assertEqual(self.run_tool(*command)[0], 0, command)
+        self.assertIn("does not start", self.run_tool("forget", md5(path))[2])
+        database = self.root / "engine/cache/morcache.db"
+        before = database.read_bytes()
+        options = {}
+        if os.geteuid() == 0:
+            options = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+            for file in (self.top, *self.top.rglob("*")):
+                os.chown(file, NOBODY, NOBODY)
+        database.chmod(0)
+        for command in (["stats"], ["lookup", path], ["find", md5(path)]):
+            status, _, err = self.run_tool(*command, **options)
+            self.assertEqual(status, 2, command)
+            self.assertIn("cannot be read", err)
+        database.chmod(0o600)
+        self.assertEqual(database.read_bytes(), before)
 
     def test_installation_folder(self):
         self.assertEqual(self.run_tool("stats")[0], 2, "asking sets nothing up")

@@ -4,8 +4,13 @@
 
 #include <tarncache.h>
 
-#include <array>
-#include <cstdio>
+namespace {
+
+std::string NoCacheText(const CInstallRoot &root) {
+    return "there is no cache in " + EscapeName(root.Path()) + " yet; the first scan makes one";
+}
+
+} // namespace
 
 CCacheUse::~CCacheUse() {
     if (m_bStarted) {
@@ -13,9 +18,22 @@ CCacheUse::~CCacheUse() {
     }
 }
 
-bool CCacheUse::Start(const CInstallRoot &root, std::string &strError) {
+bool CCacheUse::StartForQuestions(const CInstallRoot &root, std::string &strError) {
+    const uint32_t ulCode = root.IsSetUp() ? LocalCacheInitReader() : TARN_NOT_CACHED;
+    m_bStarted = ulCode == TARN_OK;
+    if (ulCode == TARN_NOT_CACHED) {
+        strError = NoCacheText(root);
+    } else if (!m_bStarted) {
+        strError = "the cache in " + EscapeName(root.CacheFolder()) + " cannot be read (" +
+                   LocalCacheErrorText(ulCode) +
+                   "): it belongs to another user or is damaged; TARN_LOG_LEVEL=debug tells which";
+    }
+    return m_bStarted;
+}
+
+bool CCacheUse::StartForDeletions(const CInstallRoot &root, std::string &strError) {
     if (!root.IsSetUp()) {
-        strError = "there is no cache in " + EscapeName(root.Path()) + " yet; the first scan makes one";
+        strError = NoCacheText(root);
         return false;
     }
     const uint32_t ulCode = LocalCacheInitEx();
@@ -26,21 +44,9 @@ bool CCacheUse::Start(const CInstallRoot &root, std::string &strError) {
     return m_bStarted;
 }
 
-bool CountRecords(uint32_t &ulRecords, std::string &strError) {
-    _LOCAL_CACHE_STATISTIC statistic = {};
-    if (LocalCacheGetStatistic(&statistic) != TARN_OK) {
-        strError = "cannot count the records";
-        return false;
-    }
-    ulRecords = statistic.ulCacheSize;
-    return true;
-}
-
 std::string StartFailureText(const CInstallRoot &root, uint32_t ulCode) {
-    std::array<char, 16> code = {};
-    (void)std::snprintf(code.data(), code.size(), "0x%08x", ulCode);
     const std::string strFolder = EscapeName(root.CacheFolder());
-    return std::string("the cache does not start (") + code.data() + "): " + strFolder +
+    return std::string("the cache does not start (") + LocalCacheErrorText(ulCode) + "): " + strFolder +
            " cannot be written to, its disk is nearly full (diskthreshold in " + EscapeName(root.ConfigFile()) +
            "), its database is in use by another process, or it is damaged: then delete " + strFolder +
            "/morcache.db while nothing uses it, the files are scanned once more; TARN_LOG_LEVEL=debug tells which";

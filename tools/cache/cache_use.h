@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-// The cache without its writer, for commands that ask or delete. Never sets an installation folder up.
+// Never sets an installation folder up. Ends the use of the cache when it goes.
 class CCacheUse {
   public:
     CCacheUse() = default;
@@ -15,15 +15,16 @@ class CCacheUse {
     CCacheUse &operator=(const CCacheUse &) = delete;
     ~CCacheUse();
 
-    // False when there is no cache or it does not start, with the reason in strError.
-    bool Start(const CInstallRoot &root, std::string &strError);
+    // For questions alone: changes nothing in the installation folder, needs no free space there and works beside a
+    // scan. False when there is no cache or it cannot be read, with the reason in strError.
+    bool StartForQuestions(const CInstallRoot &root, std::string &strError);
+
+    // For deletions as well. False when there is no cache or it does not start, with the reason in strError.
+    bool StartForDeletions(const CInstallRoot &root, std::string &strError);
 
   private:
     bool m_bStarted = false;
 };
-
-// The stored records; the cache has to be started.
-bool CountRecords(uint32_t &ulRecords, std::string &strError);
 
 // Why the cache does not start, as far as its code tells, and what to check.
 std::string StartFailureText(const CInstallRoot &root, uint32_t ulCode);

@@ -6,7 +6,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <map>
+#include <exception>
 #include <set>
 
 namespace {
@@ -86,11 +86,12 @@ _FoundDigest FromRecord(const _CacheFileInfo &record, const char *pszPaths) {
 }
 
 // Every path text but the first is the caller's to free, see LocalCacheFree.
-bool FindPaths(const std::vector<std::string> &vecMD5, std::vector<_FoundDigest> &vecFound) {
+uint32_t FindPaths(const std::vector<std::string> &vecMD5, std::vector<_FoundDigest> &vecFound) {
     _CacheFileInfo *pRecords = nullptr;
     uint64_t ullCount = 0;
-    if (LocalCacheFindFilesByHash(Slots(vecMD5).c_str(), vecMD5.size(), &pRecords, &ullCount) != TARN_OK) {
-        return false;
+    const uint32_t ulCode = LocalCacheFindFilesByHash(Slots(vecMD5).c_str(), vecMD5.size(), &pRecords, &ullCount);
+    if (ulCode != TARN_OK) {
+        return ulCode;
     }
     for (uint64_t nIndex = 0; nIndex < ullCount; ++nIndex) {
         char *pszPaths = nullptr;
@@ -103,29 +104,46 @@ bool FindPaths(const std::vector<std::string> &vecMD5, std::vector<_FoundDigest>
         }
     }
     LocalCacheFree(pRecords, ullCount);
-    return true;
+    return TARN_OK;
 }
 
-// Digests without a path are either unknown, or known from files that are gone. Asking for their flags tells.
-bool TellKnown(std::vector<_FoundDigest> &vecFound) {
-    std::vector<std::string> vecMissing;
-    for (const _FoundDigest &found : vecFound) {
-        if (!found.bKnown) {
-            vecMissing.push_back(found.strMD5);
+// Digests without a path are either unknown, or known from files that are gone.
+uint32_t TellKnown(std::vector<_FoundDigest> &vecFound) {
+    for (_FoundDigest &found : vecFound) {
+        uint64_t ullRecords = 0;
+        if (found.bKnown) {
+            continue;
+        }
+        if (const uint32_t ulCode = LocalCacheCountByFileHash(found.strMD5.c_str(), &ullRecords); ulCode != TARN_OK) {
+            return ulCode;
+        }
+        found.bKnown = ullRecords != 0;
+    }
+    return TARN_OK;
+}
+
+using OnFolder = std::function<void(const char *pszFolder)>;
+
+// Tells of folders while it lives. Progress is for people: a failure of theirs must not end the walk.
+class CProgressScope {
+  public:
+    explicit CProgressScope(const OnFolder &onFolder) : m_onFolder(onFolder) {
+        (void)LocalCacheSetFindProgress(Tell, this);
+    }
+    ~CProgressScope() { (void)LocalCacheSetFindProgress(nullptr, nullptr); }
+    CProgressScope(const CProgressScope &) = delete;
+    CProgressScope &operator=(const CProgressScope &) = delete;
+
+  private:
+    static void Tell(const char *pszFolder, void *pScope) noexcept {
+        try {
+            static_cast<CProgressScope *>(pScope)->m_onFolder(pszFolder);
+        } catch (const std::exception &) {
         }
     }
-    std::map<std::string, int32_t> mapFlags;
-    if (vecMissing.empty()) {
-        return true;
-    }
-    if (LocalCacheLookUpByHashes(Slots(vecMissing).c_str(), vecMissing.size(), mapFlags) != TARN_OK) {
-        return false;
-    }
-    for (_FoundDigest &found : vecFound) {
-        found.bKnown = found.bKnown || mapFlags.contains(found.strMD5);
-    }
-    return true;
-}
+
+    const OnFolder &m_onFolder;
+};
 
 } // namespace
 
@@ -133,10 +151,15 @@ bool _FoundDigest::HasUnchangedFile() const {
     return std::any_of(vecFiles.begin(), vecFiles.end(), [](const _FoundFile &file) { return !file.bChanged; });
 }
 
-bool FindFiles(const std::vector<std::string> &vecMD5, std::vector<_FoundDigest> &vecFound, std::string &strError) {
-    if (FindPaths(vecMD5, vecFound) && TellKnown(vecFound)) {
-        return true;
+bool FindFiles(const std::vector<std::string> &vecMD5, const OnFolder &onFolder, std::vector<_FoundDigest> &vecFound,
+               std::string &strError) {
+    const CProgressScope progress(onFolder);
+    uint32_t ulCode = FindPaths(vecMD5, vecFound);
+    if (ulCode == TARN_OK) {
+        ulCode = TellKnown(vecFound);
     }
-    strError = "the search failed";
-    return false;
+    if (ulCode != TARN_OK) {
+        strError = std::string("the search failed: ") + LocalCacheErrorText(ulCode);
+    }
+    return ulCode == TARN_OK;
 }

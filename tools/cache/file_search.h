@@ -2,6 +2,7 @@
 #ifndef TARN_TOOLS_CACHE_FILE_SEARCH_H
 #define TARN_TOOLS_CACHE_FILE_SEARCH_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,9 @@ struct _FoundDigest {
     bool HasUnchangedFile() const;
 };
 
-// Walks the file system, which may take long; the cache has to be open. One entry for each MD5, in ascending order.
-// False when the search failed, with the reason in strError.
-bool FindFiles(const std::vector<std::string> &vecMD5, std::vector<_FoundDigest> &vecFound, std::string &strError);
+// Walks the file system, which may take long; the cache has to be started. One entry for each MD5, in ascending order.
+// onFolder: called with each folder that is entered. False when the search failed, with the reason in strError.
+bool FindFiles(const std::vector<std::string> &vecMD5, const std::function<void(const char *pszFolder)> &onFolder,
+               std::vector<_FoundDigest> &vecFound, std::string &strError);
 
 #endif

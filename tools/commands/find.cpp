@@ -4,49 +4,50 @@
 #include "tools/cache/file_search.h"
 #include "tools/cache/install_root.h"
 #include "tools/md5_list.h"
+#include "tools/scan/stopwatch.h"
 #include "tools/text.h"
 #include "tools/text/json_output.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <future>
 #include <unistd.h>
 
 namespace {
 
-// Where this process is reading: the deepest folder it holds open.
-std::string WalkPosition() {
-    std::string strDeepest;
-    std::error_code error;
-    auto entry = std::filesystem::directory_iterator("/proc/self/fd", error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        std::error_code ignored;
-        const std::string strTarget = std::filesystem::read_symlink(entry->path(), ignored).string();
-        if (!strTarget.starts_with("/proc/") && strTarget.size() > strDeepest.size() &&
-            std::filesystem::is_directory(entry->path(), ignored)) {
-            strDeepest = strTarget;
+// Shows on a terminal that the search goes on, and where.
+class CSearchProgress {
+  public:
+    ~CSearchProgress() {
+        if (m_bShown) {
+            (void)std::fputs("\r\033[K", stderr);
         }
     }
-    return strDeepest;
-}
 
-// Runs the walk on another thread and shows on a terminal that it goes on, and where.
+    void Show(const char *pszFolder) {
+        const double seconds = m_stopwatch.Seconds();
+        if (!m_bTerminal || seconds < m_nextSeconds) {
+            return;
+        }
+        const std::string strWhere = EscapeName(pszFolder).substr(0, 60);
+        (void)std::fprintf(stderr, "\r\033[Klooking, %s: %s", DurationText(seconds).c_str(), strWhere.c_str());
+        m_nextSeconds = seconds + kRedraw;
+        m_bShown = true;
+    }
+
+  private:
+    static constexpr double kRedraw = 0.25; // seconds
+
+    const bool m_bTerminal = isatty(STDERR_FILENO) == 1;
+    const CStopwatch m_stopwatch;
+    double m_nextSeconds = kRedraw;
+    bool m_bShown = false;
+};
+
 bool FindWithProgress(const std::vector<std::string> &vecMD5, std::vector<_FoundDigest> &vecFound,
                       std::string &strError) {
-    auto walk = std::async(std::launch::async, [&] { return FindFiles(vecMD5, vecFound, strError); });
-    if (isatty(STDERR_FILENO) == 1) {
-        const auto start = std::chrono::steady_clock::now();
-        while (walk.wait_for(std::chrono::milliseconds(250)) != std::future_status::ready) {
-            const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
-            const std::string strWhere = EscapeName(WalkPosition()).substr(0, 60);
-            (void)std::fprintf(stderr, "\r\033[Klooking, %s: %s", DurationText(passed.count()).c_str(),
-                               strWhere.c_str());
-        }
-        (void)std::fputs("\r\033[K", stderr);
-    }
-    return walk.get();
+    CSearchProgress progress;
+    return FindFiles(
+        vecMD5, [&progress](const char *pszFolder) { progress.Show(pszFolder); }, vecFound, strError);
 }
 
 std::string JsonText(const _FoundDigest &found) {
@@ -96,7 +97,7 @@ EExitStatus RunFind(const _FindOptions &options) {
     root.ExportToLibrary();
     CCacheUse cache;
     std::vector<_FoundDigest> vecFound;
-    if (!cache.Start(root, strError) || !FindWithProgress(vecMD5, vecFound, strError)) {
+    if (!cache.StartForQuestions(root, strError) || !FindWithProgress(vecMD5, vecFound, strError)) {
         return Fail(strError);
     }
     EExitStatus eStatus = EExitStatus::Success;

@@ -6,18 +6,23 @@
 
 #include <tarncache.h>
 
+#include <algorithm>
+
 namespace {
 
-// Goes on after a failure, so that as much as possible is forgotten.
-bool DeleteAll(const std::vector<std::string> &vecMD5) {
-    bool bDone = true;
-    for (const std::string &strMD5 : vecMD5) {
-        if (LocalCacheDeleteByFileHash(strMD5.c_str()) != TARN_OK) {
-            PrintMessage("cannot delete the records of " + strMD5);
-            bDone = false;
-        }
+// Counts the records before it deletes them. False when that fails, with a text on standard error.
+bool Forget(const std::string &strMD5, uint64_t &ullDeleted) {
+    uint64_t ullCount = 0;
+    uint32_t ulCode = LocalCacheCountByFileHash(strMD5.c_str(), &ullCount);
+    if (ulCode == TARN_OK) {
+        ulCode = LocalCacheDeleteByFileHash(strMD5.c_str());
     }
-    return bDone;
+    if (ulCode != TARN_OK) {
+        PrintMessage("cannot delete the records of " + strMD5 + ": " + LocalCacheErrorText(ulCode));
+        return false;
+    }
+    ullDeleted += ullCount;
+    return true;
 }
 
 } // namespace
@@ -31,16 +36,15 @@ EExitStatus RunForget(const _ForgetOptions &options) {
     const CInstallRoot root(options.strRoot);
     root.ExportToLibrary();
     CCacheUse cache;
-    if (!cache.Start(root, strError)) {
+    if (!cache.StartForDeletions(root, strError)) {
         return Fail(strError);
     }
-    uint32_t ulBefore = 0;
-    uint32_t ulAfter = 0;
-    bool bDone = CountRecords(ulBefore, strError);
-    bDone = DeleteAll(vecMD5) && bDone;
-    bDone = CountRecords(ulAfter, strError) && bDone;
-    if (!bDone) {
+    // One that fails does not keep the others.
+    uint64_t ullDeleted = 0;
+    const auto nFailed = std::count_if(vecMD5.begin(), vecMD5.end(),
+                                       [&](const std::string &strMD5) { return !Forget(strMD5, ullDeleted); });
+    if (nFailed != 0) {
         return Fail("not all records could be deleted");
     }
-    return FinishWith("Records deleted: " + std::to_string(ulBefore - ulAfter) + "\n", EExitStatus::Success);
+    return FinishWith("Records deleted: " + std::to_string(ullDeleted) + "\n", EExitStatus::Success);
 }

@@ -53,9 +53,8 @@ std::string JsonText(const std::string &strPath, const _Known &known) {
     return JsonLine(object);
 }
 
-// False when the cache gives no answer.
-bool LookUp(const std::string &strPath, _Known &known) {
-    return LocalCachePeek(strPath.c_str(), known.md5.data(), &known.record, &known.ulState) == TARN_OK;
+uint32_t LookUp(const std::string &strPath, _Known &known) {
+    return LocalCachePeek(strPath.c_str(), known.md5.data(), &known.record, &known.ulState);
 }
 
 } // namespace
@@ -65,7 +64,7 @@ EExitStatus RunLookup(const _LookupOptions &options) {
     root.ExportToLibrary();
     std::string strError;
     CCacheUse cache;
-    if (!cache.Start(root, strError)) {
+    if (!cache.StartForQuestions(root, strError)) {
         return Fail(strError);
     }
     const std::string strPending = PendingText(root);
@@ -80,8 +79,8 @@ EExitStatus RunLookup(const _LookupOptions &options) {
             argument.strPath = AbsolutePath(strArgument);
         }
         _Known known = {};
-        if (!LookUp(argument.strPath, known)) {
-            eStatus = Fail("cannot look up " + EscapeName(argument.strPath));
+        if (const uint32_t ulCode = LookUp(argument.strPath, known); ulCode != TARN_OK) {
+            eStatus = Fail("cannot look up " + EscapeName(argument.strPath) + ": " + LocalCacheErrorText(ulCode));
             continue;
         }
         strOutput += options.bJson ? JsonText(argument.strPath, known) : TextLine(argument.strPath, known);

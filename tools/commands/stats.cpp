@@ -5,27 +5,40 @@
 #include "tools/text.h"
 #include "tools/text/json_output.h"
 
+#include <tarncache.h>
+
+namespace {
+
+std::string StatsJson(const CInstallRoot &root, uint64_t ullRecords) {
+    Json object;
+    object["records"] = ullRecords;
+    PutName(object, "root", root.Path());
+    object["pending"] = PendingText(root);
+    return JsonLine(object);
+}
+
+std::string StatsText(const CInstallRoot &root, uint64_t ullRecords) {
+    std::string strText = "Records:             " + std::to_string(ullRecords) + "\n";
+    strText += "Installation folder: " + EscapeName(root.Path()) + "\n";
+    const std::string strPending = PendingText(root);
+    return strPending.empty() ? strText : strText + "Pending:             " + strPending + "\n";
+}
+
+} // namespace
+
 EExitStatus RunStats(const _StatsOptions &options) {
     const CInstallRoot root(options.strRoot);
     root.ExportToLibrary();
     std::string strError;
     CCacheUse cache;
-    uint32_t ulRecords = 0;
-    if (!cache.Start(root, strError) || !CountRecords(ulRecords, strError)) {
+    if (!cache.StartForQuestions(root, strError)) {
         return Fail(strError);
     }
-    const std::string strPending = PendingText(root);
-    if (options.bJson) {
-        Json object;
-        object["records"] = ulRecords;
-        PutName(object, "root", root.Path());
-        object["pending"] = strPending;
-        return FinishWith(JsonLine(object), EExitStatus::Success);
+    _LOCAL_CACHE_INFO info = {};
+    info.size = sizeof info;
+    if (const uint32_t ulCode = LocalCacheGetInfo(&info); ulCode != TARN_OK) {
+        return Fail(std::string("cannot count the records: ") + LocalCacheErrorText(ulCode));
     }
-    std::string strOutput = "Records:             " + std::to_string(ulRecords) + "\n";
-    strOutput += "Installation folder: " + EscapeName(root.Path()) + "\n";
-    if (!strPending.empty()) {
-        strOutput += "Pending:             " + strPending + "\n";
-    }
-    return FinishWith(strOutput, EExitStatus::Success);
+    return FinishWith(options.bJson ? StatsJson(root, info.ullRecords) : StatsText(root, info.ullRecords),
+                      EExitStatus::Success);
 }
