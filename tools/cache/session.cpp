@@ -8,74 +8,58 @@
 
 #include <tarncache.h>
 
-#include <ctime>
-#include <filesystem>
-
 namespace {
 
-constexpr int kLongestWait = 60; // seconds for a marker to go
-constexpr int kPollStep = 5;     // milliseconds
-constexpr int kNoteAfter = 3;    // seconds
+constexpr uint32_t kWaitStep = 50;        // milliseconds; an interruption is noticed after that
+constexpr uint32_t kStepsInSecond = 20;   // of them
+constexpr uint32_t kNoteAfter = 3;        // seconds
+constexpr uint64_t kLargestIdFile = 4096; // bytes
 
-bool HasRecords(const CInstallRoot &root) {
-    std::error_code error;
-    const bool bEmpty = std::filesystem::is_empty(root.CacheFolder(), error);
-    return error || !bEmpty;
-}
-
-// Does what an updater does: with other signatures than last time, every verdict of the engine is dropped. The marker
-// comes first; were the new identity stored before it, a crash in between would keep the old verdicts.
-bool MarkChangedSignatures(const CInstallRoot &root, const std::string &strFingerprint, std::string &strError) {
-    constexpr uint64_t ullLargestId = 4096; // bytes
+// With other signatures than last time, every verdict of the engine goes. The new identity is stored last: were it
+// stored first, a crash in between would keep the old verdicts.
+bool DropOtherSignatures(const CInstallRoot &root, const std::string &strFingerprint, std::string &strError) {
     std::string strStored;
     bool bMissing = false;
-    if (ReadWholeFile(root.SignatureId(), ullLargestId, strStored, bMissing, strError) &&
+    std::string strIgnored; // an identity that cannot be read counts as another one
+    if (ReadWholeFile(root.SignatureId(), kLargestIdFile, strStored, bMissing, strIgnored) &&
         strStored == strFingerprint + "\n") {
         return true;
     }
-    if (HasRecords(root) && !WriteFileAtomically(root.EngineMarker(), "", 0600, EExisting::Replace, strError)) {
+    if (const uint32_t ulCode = LocalCacheDeleteByEngine(kEngineCode); ulCode != TARN_OK) {
+        strError = std::string("the verdicts of other signatures cannot be deleted: ") + LocalCacheErrorText(ulCode);
         return false;
     }
     return WriteFileAtomically(root.SignatureId(), strFingerprint + "\n", 0600, EExisting::Replace, strError);
 }
 
-std::filesystem::file_time_type ChangeTime(const std::string &strPath) {
-    std::error_code error;
-    return std::filesystem::last_write_time(strPath, error);
-}
-
-// What the cache finds at its start.
-struct _Found {
-    bool bList = false;                                 // a pending one
-    std::filesystem::file_time_type configuration = {}; // when it was written last
-};
-
-// The cache drops records on its writer thread after the start. A look-up before that could still answer from them. A
-// list takes as long as it takes: one that is given up would be begun anew by every scan. Only when the writer has gone
-// on to rewrite its configuration, and the list is still there, has it refused the list. The marker goes after its
-// list, and only then may an updater leave the next one.
-bool WaitForDropping(const CInstallRoot &root, const _Found &found, const std::atomic<bool> &bStop,
-                     const _CacheListener &listener) {
-    constexpr int nStepsInSecond = 1000 / kPollStep;
-    constexpr timespec step = {0, kPollStep * 1000000L};
-    int nIdle = 0;
-    for (int nSteps = 1; nIdle < kLongestWait * nStepsInSecond; ++nSteps) {
-        const bool bPending = Exists(root.EngineMarker()) || (found.bList && Exists(root.HashMarker()));
-        if (!bPending || bStop.load()) {
-            return true;
-        }
-        const bool bAtWork =
-            found.bList && Exists(root.WithdrawnList()) && ChangeTime(root.ConfigFile()) == found.configuration;
-        nIdle = bAtWork ? 0 : nIdle + 1;
-        if (nSteps == kNoteAfter * nStepsInSecond) {
+// A lookup before the start-up work is done could still answer with a withdrawn verdict. A list of digests takes as
+// long as it takes: one that is given up would be begun anew by every scan.
+uint32_t WaitUntilReady(const std::atomic<bool> &bStop, const _CacheListener &listener) {
+    uint32_t ulCode = LocalCacheWaitReady(0);
+    for (uint32_t nSteps = 1; ulCode == TARN_E_TIMEOUT && !bStop.load(); ++nSteps) {
+        ulCode = LocalCacheWaitReady(kWaitStep);
+        if (nSteps == kNoteAfter * kStepsInSecond) {
             listener.onNote("the cache drops outdated verdicts first; the scan begins when that is done");
         }
-        if (nSteps % nStepsInSecond == 0) {
-            listener.onProgress("dropping outdated verdicts, " + DurationText(nSteps * kPollStep / 1000.0));
+        if (nSteps % kStepsInSecond == 0) {
+            listener.onProgress("dropping outdated verdicts, " + DurationText(nSteps / kStepsInSecond));
         }
-        (void)nanosleep(&step, nullptr);
     }
-    return false;
+    return ulCode;
+}
+
+// Opens the list before the cache does. With another key the cache would keep it for good or, by chance, throw it away
+// unused.
+bool CheckPendingList(const CInstallRoot &root, const _CacheListener &listener, std::string &strError) {
+    if (!root.IsListPending()) {
+        if (Exists(root.HashMarker())) {
+            listener.onNote(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
+        }
+        return true;
+    }
+    std::string strDigests;
+    bool bMissing = false;
+    return ReadPendingList(root, strDigests, bMissing, strError);
 }
 
 } // namespace
@@ -86,88 +70,96 @@ bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFinger
     if (!root.Prepare(strError)) {
         return false;
     }
-    strError = "another scan is using it";
-    if (m_scanLock.TryTake(root.ScanLock(), strError) != ELock::Taken) {
-        return false;
-    }
-    const auto note = [&listener] { listener.onNote("waiting for digests that are being withdrawn"); };
-    strError = "interrupted";
-    const bool bDone = m_updateLock.Take(root.UpdateLock(), bStop, note, strError) == ELock::Taken &&
-                       Open(root, strFingerprint, bStop, listener, strError);
+    const bool bDone =
+        TakeLocks(root, bStop, listener, strError) && Open(root, strFingerprint, bStop, listener, strError);
     listener.onProgress("");
-    // After an interruption the writer may still be at work on the list, until the cache is closed.
-    if (!bDone || !bStop.load()) {
+    // After an interruption the cache may still be at work on a list, until it is closed.
+    if (bDone && !bStop.load()) {
         m_updateLock.Release();
     }
     if (!bDone) {
-        m_scanLock.Release();
+        Close();
     }
     return bDone;
 }
 
+bool CCacheSession::TakeLocks(const CInstallRoot &root, const std::atomic<bool> &bStop, const _CacheListener &listener,
+                              std::string &strError) {
+    ELock eLock = m_scanLock.TryTake(root.ScanLock(), strError);
+    if (eLock == ELock::Busy) {
+        strError = "another scan is using it";
+    }
+    if (eLock != ELock::Taken) {
+        return false;
+    }
+    const auto note = [&listener] { listener.onNote("waiting for digests that are being withdrawn"); };
+    eLock = m_updateLock.Take(root.UpdateLock(), bStop, note, strError);
+    if (eLock == ELock::Busy) {
+        strError = "interrupted";
+    }
+    return eLock == ELock::Taken;
+}
+
 bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
                          const _CacheListener &listener, std::string &strError) {
-    if (!MarkChangedSignatures(root, strFingerprint, strError)) {
+    if (!CheckPendingList(root, listener, strError)) {
         return false;
     }
-    std::string strDigests;
-    bool bMissing = false;
-    const _Found found = {root.IsListPending(), ChangeTime(root.ConfigFile())};
-    if (found.bList && !ReadPendingList(root, strDigests, bMissing, strError)) {
-        return false;
-    }
-    std::string().swap(strDigests); // it may be long
-    if (Exists(root.HashMarker()) && !found.bList) {
-        listener.onNote(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
-    }
-    const uint32_t ulCode = LocalCacheInit();
-    if (ulCode != TARN_OK) {
-        strError = StartFailureText(root, ulCode);
+    const uint32_t ulStarted = LocalCacheInit();
+    if (ulStarted != TARN_OK) {
+        strError = StartFailureText(root, ulStarted);
         return false;
     }
     m_bInUse = true;
-    if (WaitForDropping(root, found, bStop, listener)) {
-        return true;
+    if (!DropOtherSignatures(root, strFingerprint, strError)) {
+        return false;
     }
-    Stop();
-    strError = "the cache did not drop outdated verdicts within " + std::to_string(kLongestWait) + " seconds; check " +
-               EscapeName(root.EngineMarker()) + " and " + EscapeName(root.HashMarker());
-    return false;
+    const uint32_t ulReady = WaitUntilReady(bStop, listener);
+    const bool bDropped = ulReady == TARN_OK && !Exists(root.EngineMarker()) && !root.IsListPending();
+    if (!bDropped && !bStop.load()) {
+        strError = std::string("the cache did not drop outdated verdicts (") + LocalCacheErrorText(ulReady) +
+                   "); check " + EscapeName(root.EngineMarker()) + " and " + EscapeName(root.HashMarker());
+        return false;
+    }
+    return true;
 }
 
-void CCacheSession::Stop() {
-    if (!m_bInUse) {
-        return;
-    }
-    m_bInUse = false;
-    (void)LocalCacheUnInit();
-    // Only now are the records in the table, where they can be deleted.
-    if (!m_vecTakenBack.empty() && LocalCacheInitEx() == TARN_OK) {
-        for (const std::string &strMD5 : m_vecTakenBack) {
-            (void)LocalCacheDeleteByFileHash(strMD5.c_str());
+uint64_t CCacheSession::Stop(const _CacheListener &listener) {
+    uint64_t ullLost = 0;
+    if (m_bInUse) {
+        uint32_t ulCode = TARN_E_TIMEOUT;
+        while ((ulCode = LocalCacheFlush(1000, &ullLost)) == TARN_E_TIMEOUT) {
+            listener.onProgress("storing verdicts");
         }
+        _LOCAL_CACHE_INFO info = {};
+        info.size = sizeof info;
+        // Without its writer the cache stores nothing of what is queued.
+        if (ulCode != TARN_OK && LocalCacheGetInfo(&info) == TARN_OK) {
+            ullLost += info.ullQueued;
+        }
+        listener.onProgress("");
+    }
+    Close();
+    return ullLost;
+}
+
+void CCacheSession::Close() {
+    if (m_bInUse) {
+        m_bInUse = false;
         (void)LocalCacheUnInit();
     }
     m_updateLock.Release();
     m_scanLock.Release();
 }
 
-bool CCacheSession::Find(const std::string &strPath, _FileVerdict &verdict) const {
+bool CCacheSession::Find(const std::string &strPath, const struct stat &status, _FileVerdict &verdict) const {
     char szMD5[TARN_MD5_TEXT_SIZE] = {};
     _SCAN_FILE_RESULT record = {};
-    return LocalCacheLookup(strPath.c_str(), szMD5, &record) == TARN_OK && FromRecord(record, szMD5, m_ulTag, verdict);
+    return LocalCacheLookupStat(strPath.c_str(), &status, szMD5, &record) == TARN_OK &&
+           FromRecord(record, szMD5, m_ulTag, verdict);
 }
 
-bool CCacheSession::Add(const std::string &strPath, const _FileVerdict &verdict) {
-    _SCAN_FILE_RESULT record = ToRecord(verdict, m_ulTag);
-    if (LocalCacheAdd(strPath.c_str(), verdict.strMD5.c_str(), &record) != TARN_OK) {
-        return false;
-    }
-    m_added.Note(strPath);
-    return true;
-}
-
-void CCacheSession::TakeBack(const std::string &strMD5) {
-    const std::lock_guard lock(m_mutex);
-    m_vecTakenBack.push_back(strMD5);
+bool CCacheSession::Add(const std::string &strPath, const struct stat &status, const _FileVerdict &verdict) const {
+    const _SCAN_FILE_RESULT record = ToRecord(verdict, m_ulTag);
+    return LocalCacheAddStat(strPath.c_str(), &status, verdict.strMD5.c_str(), &record) == TARN_OK;
 }

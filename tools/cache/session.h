@@ -2,66 +2,61 @@
 #ifndef TARN_TOOLS_CACHE_SESSION_H
 #define TARN_TOOLS_CACHE_SESSION_H
 
-#include "tools/cache/added_records.h"
 #include "tools/cache/install_root.h"
 #include "tools/engine/verdict.h"
 #include "tools/file_lock.h"
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <vector>
+#include <sys/stat.h>
 
-// What the start of the cache tells while it goes on.
+// What the cache tells while it keeps the scan waiting.
 struct _CacheListener {
     std::function<void(const std::string &strText)> onNote;     // a remark, once
     std::function<void(const std::string &strText)> onProgress; // about once a second; empty when there is no more
 };
 
-// The full cache of a scan. Start and Stop belong to the main thread; the rest may be called from the workers.
+// The full cache of a scan. Start and Stop belong to the main thread; Find and Add may be called from any.
 class CCacheSession {
   public:
     CCacheSession() = default;
     CCacheSession(const CCacheSession &) = delete;
     CCacheSession &operator=(const CCacheSession &) = delete;
-    ~CCacheSession() { Stop(); }
+    ~CCacheSession() { Close(); }
 
-    // Sets the installation folder up, marks the engine's records for dropping when the signatures are not those of
-    // the last scan, starts the cache and waits until it has dropped what it was told to, however long that takes; the
-    // wait ends early, and well, once bStop is set. False when the cache cannot be used, another scan's use included,
-    // with the reason and what to check in strError.
+    // Sets the installation folder up, starts the cache, deletes the engine's verdicts when the signatures are not
+    // those of the last scan, and waits until the cache has dropped what an updater told it to, however long that
+    // takes; the wait ends early, and well, once bStop is set. False when the cache cannot be used, another scan's use
+    // included, with the reason and what to check in strError.
     bool Start(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
                const _CacheListener &listener, std::string &strError);
 
-    // Waits for the writer when anything was added; returns how many records it could not store.
-    uint64_t CountLost() const { return m_bInUse ? m_added.CountLost(m_ulTag) : 0; }
-
-    // Writes everything that is queued and closes the cache.
-    void Stop();
+    // Waits until everything that was added is stored or lost, and closes the cache. Returns how many verdicts were
+    // lost.
+    uint64_t Stop(const _CacheListener &listener);
 
     bool IsInUse() const { return m_bInUse; }
 
-    // True when the cache knows the file, unchanged, by a verdict of these very signatures.
-    bool Find(const std::string &strPath, _FileVerdict &verdict) const;
+    // True when the cache knows the file, unchanged, by a verdict of these very signatures. status: the file's own.
+    bool Find(const std::string &strPath, const struct stat &status, _FileVerdict &verdict) const;
 
-    // False when the cache refuses the verdict.
-    bool Add(const std::string &strPath, const _FileVerdict &verdict);
-
-    // A record with this MD5 was added for a file that changed in that very moment; Stop deletes it.
-    void TakeBack(const std::string &strMD5);
+    // Remembers the verdict for the file as it was with this status, taken before the scan. False when the cache
+    // refuses it.
+    bool Add(const std::string &strPath, const struct stat &status, const _FileVerdict &verdict) const;
 
   private:
+    bool TakeLocks(const CInstallRoot &root, const std::atomic<bool> &bStop, const _CacheListener &listener,
+                   std::string &strError);
     bool Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
               const _CacheListener &listener, std::string &strError);
+    void Close();
 
     bool m_bInUse = false; // constant while workers run, like the tag
     uint32_t m_ulTag = 0;
     CFileLock m_scanLock;   // for as long as the cache is used
     CFileLock m_updateLock; // until what was pending is dropped
-    CAddedRecords m_added;
-    std::mutex m_mutex; // guards the list
-    std::vector<std::string> m_vecTakenBack;
 };
 
 #endif

@@ -33,6 +33,7 @@ class CScanCommand {
   private:
     bool LoadEngine(std::string &strError);
     bool Scan(std::string &strError);
+    _CacheListener Listener();
     void StartCache();
     void StopCache();
     EExitStatus Status() const;
@@ -105,6 +106,11 @@ bool CScanCommand::Scan(std::string &strError) {
     return true;
 }
 
+_CacheListener CScanCommand::Listener() {
+    return {[this](const std::string &strText) { m_report.Note(strText); },
+            [this](const std::string &strText) { m_report.Progress(strText); }};
+}
+
 // A scan goes on without a cache that does not start.
 void CScanCommand::StartCache() {
     m_summary.strRoot = m_root.Path();
@@ -112,10 +118,8 @@ void CScanCommand::StartCache() {
         m_summary.strCacheOff = "--no-cache";
         return;
     }
-    const _CacheListener listener = {[this](const std::string &strText) { m_report.Note(strText); },
-                                     [this](const std::string &strText) { m_report.Progress(strText); }};
     std::string strError;
-    if (!m_cache.Start(m_root, m_signatures.strFingerprint, CInterrupt::StopFlag(), listener, strError)) {
+    if (!m_cache.Start(m_root, m_signatures.strFingerprint, CInterrupt::StopFlag(), Listener(), strError)) {
         m_report.Warn("scanning without the cache: " + strError);
         m_summary.strCacheOff = strError;
     }
@@ -123,14 +127,12 @@ void CScanCommand::StartCache() {
 
 // Tells what was lost: without a word a full disk would leave every scan as slow as the first.
 void CScanCommand::StopCache() {
-    const uint64_t nLost = m_cache.CountLost();
+    const uint64_t nLost = m_cache.Stop(Listener());
     if (nLost != 0) {
-        m_report.Warn("about " + std::to_string(nLost) +
-                      " verdicts could not be stored in the cache: its disk or the file size "
-                      "limit (ulimit -f) is full, or another process uses its database");
+        m_report.Warn(std::to_string(nLost) + " verdicts could not be stored in the cache: its disk or the file size "
+                                              "limit (ulimit -f) is full, or another process uses its database");
     }
     m_counters.notCached[static_cast<size_t>(ENotCached::NotStored)] += nLost;
-    m_cache.Stop();
 }
 
 EExitStatus CScanCommand::Status() const {

@@ -62,19 +62,19 @@ void CScanWorker::LookAt(const _ScanJob &job) {
     }
     before.bTooNew = IsTooNew(before.status, now);
     file.ullSize = static_cast<uint64_t>(before.status.st_size);
-    if (!AskCache(file)) {
+    if (!AskCache(before.status, file)) {
         ScanFile(job, before, file);
     }
     Count(file);
     m_shared.report.File(file);
 }
 
-bool CScanWorker::AskCache(_FileReport &file) const {
+bool CScanWorker::AskCache(const struct stat &status, _FileReport &file) const {
     if (!m_shared.cache.IsInUse() || file.strPath.size() >= TARN_PATH_SIZE) {
         return false;
     }
     _FileVerdict verdict = {};
-    file.bFromCache = m_shared.cache.Find(file.strPath, verdict);
+    file.bFromCache = m_shared.cache.Find(file.strPath, status, verdict);
     if (file.bFromCache) {
         file.verdict = verdict;
     }
@@ -90,8 +90,9 @@ void CScanWorker::ScanFile(const _ScanJob &job, const _StatusBefore &before, _Fi
     } else {
         ReadAndScan(descriptor.Get(), opened, file);
         file.eNotCached = ReasonNotToAdd(job, descriptor.Get(), before, file);
-        if (file.eNotCached == ENotCached::None) {
-            file.eNotCached = AddToCache(before.status, file);
+        if (file.eNotCached == ENotCached::None && m_shared.cache.IsInUse() &&
+            !m_shared.cache.Add(file.strPath, before.status, file.verdict)) {
+            file.eNotCached = ENotCached::Refused;
         }
     }
     if (!m_shared.cache.IsInUse()) {
@@ -161,24 +162,6 @@ ENotCached CScanWorker::ReasonNotToAdd(const _ScanJob &job, int fd, const _Statu
         return ENotCached::PathTooLong;
     }
     return before.bTooNew ? ENotCached::TooNew : ENotCached::None;
-}
-
-// The cache takes the file's status itself, a moment after the last comparison. Should the file change in just that
-// moment, its new status would be stored with the old verdict; so the status is compared once more afterwards, and
-// the session takes such a record back before the program ends.
-ENotCached CScanWorker::AddToCache(const struct stat &before, const _FileReport &file) {
-    if (!m_shared.cache.IsInUse()) {
-        return ENotCached::None;
-    }
-    if (!m_shared.cache.Add(file.strPath, file.verdict)) {
-        return ENotCached::Refused;
-    }
-    struct stat after = {};
-    if (lstat(file.strPath.c_str(), &after) == 0 && IsUnchanged(before, after)) {
-        return ENotCached::None;
-    }
-    m_shared.cache.TakeBack(file.verdict.strMD5);
-    return ENotCached::ChangedDuringScan;
 }
 
 void CScanWorker::Count(const _FileReport &file) {

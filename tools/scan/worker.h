@@ -41,13 +41,12 @@ class CScanWorker {
     };
 
     void LookAt(const _ScanJob &job);
-    bool AskCache(_FileReport &file) const;
+    bool AskCache(const struct stat &status, _FileReport &file) const;
     void ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file);
     bool Open(const _ScanJob &job, const std::string &strPath, CDescriptor &descriptor, struct stat &opened,
               std::string &strError) const;
     void ReadAndScan(int fd, const struct stat &opened, _FileReport &file);
     ENotCached ReasonNotToAdd(const _ScanJob &job, int fd, const _StatusBefore &before, const _FileReport &file) const;
-    ENotCached AddToCache(const struct stat &before, const _FileReport &file);
     void Count(const _FileReport &file);
 
     const std::unique_ptr<CScanEngine> m_pEngine;
