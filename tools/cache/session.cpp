@@ -13,11 +13,13 @@ namespace {
 constexpr uint32_t kWaitStep = 50;        // milliseconds; an interruption is noticed after that
 constexpr uint32_t kStepsInSecond = 20;   // of them
 constexpr uint32_t kNoteAfter = 3;        // seconds
+constexpr uint32_t kFlushStep = 1000;     // milliseconds
 constexpr uint64_t kLargestIdFile = 4096; // bytes
 
 // With other signatures than last time, every verdict of the engine goes. The new identity is stored last: were it
 // stored first, a crash in between would keep the old verdicts.
-bool DropOtherSignatures(const CInstallRoot &root, const std::string &strFingerprint, std::string &strError) {
+bool DropOtherSignatures(const CInstallRoot &root, const std::string &strFingerprint, const _CacheListener &listener,
+                         std::string &strError) {
     std::string strStored;
     bool bMissing = false;
     std::string strIgnored; // an identity that cannot be read counts as another one
@@ -25,6 +27,7 @@ bool DropOtherSignatures(const CInstallRoot &root, const std::string &strFingerp
         strStored == strFingerprint + "\n") {
         return true;
     }
+    listener.onProgress("dropping the verdicts of other signatures");
     if (const uint32_t ulCode = LocalCacheDeleteByEngine(kEngineCode); ulCode != TARN_OK) {
         strError = std::string("the verdicts of other signatures cannot be deleted: ") + LocalCacheErrorText(ulCode);
         return false;
@@ -42,10 +45,28 @@ uint32_t WaitUntilReady(const std::atomic<bool> &bStop, const _CacheListener &li
             listener.onNote("the cache drops outdated verdicts first; the scan begins when that is done");
         }
         if (nSteps % kStepsInSecond == 0) {
-            listener.onProgress("dropping outdated verdicts, " + DurationText(nSteps / kStepsInSecond));
+            listener.onProgress("dropping outdated verdicts, " + DurationText(nSteps * kWaitStep / 1000.0));
         }
     }
     return ulCode;
+}
+
+// Returns how many records were lost since the start.
+uint64_t WaitUntilStored(const _CacheListener &listener) {
+    uint64_t ullLost = 0;
+    uint32_t ulCode = LocalCacheFlush(kFlushStep, &ullLost);
+    while (ulCode == TARN_E_TIMEOUT) {
+        listener.onProgress("storing verdicts");
+        ulCode = LocalCacheFlush(kFlushStep, &ullLost);
+    }
+    listener.onProgress("");
+    _LOCAL_CACHE_INFO info = {};
+    info.size = sizeof info;
+    // Without its writer the cache stores nothing of what is queued.
+    if (ulCode != TARN_OK && LocalCacheGetInfo(&info) == TARN_OK) {
+        ullLost += info.ullQueued;
+    }
+    return ullLost;
 }
 
 // Opens the list before the cache does. With another key the cache would keep it for good or, by chance, throw it away
@@ -111,34 +132,21 @@ bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerp
         return false;
     }
     m_bInUse = true;
-    if (!DropOtherSignatures(root, strFingerprint, strError)) {
+    if (!DropOtherSignatures(root, strFingerprint, listener, strError)) {
         return false;
     }
     const uint32_t ulReady = WaitUntilReady(bStop, listener);
     const bool bDropped = ulReady == TARN_OK && !Exists(root.EngineMarker()) && !root.IsListPending();
     if (!bDropped && !bStop.load()) {
-        strError = std::string("the cache did not drop outdated verdicts (") + LocalCacheErrorText(ulReady) +
-                   "); check " + EscapeName(root.EngineMarker()) + " and " + EscapeName(root.HashMarker());
+        strError = "the cache did not drop outdated verdicts; check " + EscapeName(root.EngineMarker()) + " and " +
+                   EscapeName(root.HashMarker());
         return false;
     }
     return true;
 }
 
 uint64_t CCacheSession::Stop(const _CacheListener &listener) {
-    uint64_t ullLost = 0;
-    if (m_bInUse) {
-        uint32_t ulCode = TARN_E_TIMEOUT;
-        while ((ulCode = LocalCacheFlush(1000, &ullLost)) == TARN_E_TIMEOUT) {
-            listener.onProgress("storing verdicts");
-        }
-        _LOCAL_CACHE_INFO info = {};
-        info.size = sizeof info;
-        // Without its writer the cache stores nothing of what is queued.
-        if (ulCode != TARN_OK && LocalCacheGetInfo(&info) == TARN_OK) {
-            ullLost += info.ullQueued;
-        }
-        listener.onProgress("");
-    }
+    const uint64_t ullLost = m_bInUse ? WaitUntilStored(listener) : 0;
     Close();
     return ullLost;
 }

@@ -17,6 +17,9 @@ namespace {
 // Shows on a terminal that the search goes on, and where.
 class CSearchProgress {
   public:
+    CSearchProgress() = default;
+    CSearchProgress(const CSearchProgress &) = delete;
+    CSearchProgress &operator=(const CSearchProgress &) = delete;
     ~CSearchProgress() {
         if (m_bShown) {
             (void)std::fputs("\r\033[K", stderr);
@@ -38,7 +41,7 @@ class CSearchProgress {
     static constexpr double kRedraw = 0.25; // seconds
 
     const bool m_bTerminal = isatty(STDERR_FILENO) == 1;
-    const CStopwatch m_stopwatch;
+    CStopwatch m_stopwatch;
     double m_nextSeconds = kRedraw;
     bool m_bShown = false;
 };
