@@ -1,6 +1,6 @@
 #include "tools/cache/cache_use.h"
 
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <tarncache.h>
 

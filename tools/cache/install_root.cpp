@@ -1,10 +1,10 @@
 #include "tools/cache/install_root.h"
 
 #include "default_config.h" // made from config/tarncfg.ini
-#include "tools/atomic_file.h"
-#include "tools/business_key.h"
-#include "tools/text.h"
+#include "tools/cache/atomic_file.h"
+#include "tools/cache/business_key.h"
 #include "tools/text/path_argument.h"
+#include "tools/text/text.h"
 
 #include <array>
 #include <cerrno>

@@ -1,10 +1,10 @@
 #include "tools/cache/session.h"
 
-#include "tools/atomic_file.h"
+#include "tools/cache/atomic_file.h"
 #include "tools/cache/cache_use.h"
 #include "tools/cache/verdict_record.h"
-#include "tools/text.h"
-#include "tools/withdrawn_list.h"
+#include "tools/cache/withdrawn_list.h"
+#include "tools/text/text.h"
 
 #include <tarncache.h>
 

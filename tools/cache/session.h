@@ -2,9 +2,9 @@
 #ifndef TARN_TOOLS_CACHE_SESSION_H
 #define TARN_TOOLS_CACHE_SESSION_H
 
+#include "tools/cache/file_lock.h"
 #include "tools/cache/install_root.h"
 #include "tools/engine/verdict.h"
-#include "tools/file_lock.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "tools/commands/exit_status.h"
 
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -3,10 +3,10 @@
 #include "tools/cache/cache_use.h"
 #include "tools/cache/file_search.h"
 #include "tools/cache/install_root.h"
-#include "tools/md5_list.h"
 #include "tools/scan/stopwatch.h"
-#include "tools/text.h"
 #include "tools/text/json_output.h"
+#include "tools/text/md5_list.h"
+#include "tools/text/text.h"
 
 #include <algorithm>
 #include <cstdio>

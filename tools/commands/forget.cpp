@@ -2,7 +2,7 @@
 
 #include "tools/cache/cache_use.h"
 #include "tools/cache/install_root.h"
-#include "tools/md5_list.h"
+#include "tools/text/md5_list.h"
 
 #include <tarncache.h>
 

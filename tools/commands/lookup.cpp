@@ -2,9 +2,9 @@
 
 #include "tools/cache/cache_use.h"
 #include "tools/cache/verdict_record.h"
-#include "tools/text.h"
 #include "tools/text/json_output.h"
 #include "tools/text/path_argument.h"
+#include "tools/text/text.h"
 
 #include <array>
 #include <cstring>

@@ -2,8 +2,8 @@
 
 #include "tools/cache/cache_use.h"
 #include "tools/cache/install_root.h"
-#include "tools/text.h"
 #include "tools/text/json_output.h"
+#include "tools/text/text.h"
 
 #include <tarncache.h>
 

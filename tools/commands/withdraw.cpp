@@ -1,13 +1,13 @@
 #include "tools/commands/withdraw.h"
 
 #include "formats/update_list.h"
-#include "tools/atomic_file.h"
-#include "tools/business_key.h"
+#include "tools/cache/atomic_file.h"
+#include "tools/cache/business_key.h"
+#include "tools/cache/file_lock.h"
 #include "tools/cache/install_root.h"
-#include "tools/file_lock.h"
-#include "tools/md5_list.h"
-#include "tools/text.h"
-#include "tools/withdrawn_list.h"
+#include "tools/cache/withdrawn_list.h"
+#include "tools/text/md5_list.h"
+#include "tools/text/text.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,6 +1,6 @@
 #include "tools/engine/scan_engine.h"
 
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <clamav.h>
 

@@ -2,8 +2,8 @@
 
 #include "support/descriptor.h"
 #include "support/hex.h"
-#include "tools/text.h"
 #include "tools/text/path_argument.h"
+#include "tools/text/text.h"
 
 #include <clamav.h>
 

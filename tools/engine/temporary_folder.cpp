@@ -1,6 +1,6 @@
 #include "tools/engine/temporary_folder.h"
 
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,8 +1,8 @@
 #include "tools/scan/report.h"
 
 #include "tools/scan/interrupt.h"
-#include "tools/text.h"
 #include "tools/text/json_output.h"
+#include "tools/text/text.h"
 
 #include <cerrno>
 #include <cstdio>

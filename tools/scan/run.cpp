@@ -4,7 +4,7 @@
 #include "tools/scan/interrupt.h"
 #include "tools/scan/stopwatch.h"
 #include "tools/scan/walker.h"
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <algorithm>
 #include <memory>

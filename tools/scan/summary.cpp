@@ -1,7 +1,7 @@
 #include "tools/scan/summary.h"
 
-#include "tools/text.h"
 #include "tools/text/json_output.h"
+#include "tools/text/text.h"
 
 #include <array>
 #include <atomic>

@@ -1,8 +1,8 @@
 #include "tools/scan/walker.h"
 
-#include "tools/text.h"
 #include "tools/text/path_argument.h"
 #include "tools/text/path_lines.h"
+#include "tools/text/text.h"
 
 #include <algorithm>
 #include <array>

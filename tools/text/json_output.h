@@ -3,7 +3,7 @@
 #define TARN_TOOLS_TEXT_JSON_OUTPUT_H
 
 #include "support/hex.h"
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,6 +1,6 @@
-#include "tools/atomic_file.h"
+#include "tools/cache/atomic_file.h"
 
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 bool WriteFileAtomically(const std::string &strPath, std::string_view content, mode_t newMode, EExisting eExisting,
                          std::string &strError) {

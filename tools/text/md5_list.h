@@ -1,6 +1,6 @@
 // MD5s given as arguments or one a line.
-#ifndef TARN_TOOLS_MD5_LIST_H
-#define TARN_TOOLS_MD5_LIST_H
+#ifndef TARN_TOOLS_TEXT_MD5_LIST_H
+#define TARN_TOOLS_TEXT_MD5_LIST_H
 
 #include <istream>
 #include <string>

@@ -1,6 +1,6 @@
 // Text helpers shared by the commands: what names and numbers look like on the outside.
-#ifndef TARN_TOOLS_TEXT_H
-#define TARN_TOOLS_TEXT_H
+#ifndef TARN_TOOLS_TEXT_TEXT_H
+#define TARN_TOOLS_TEXT_TEXT_H
 
 #include "support/utf8.h"
 

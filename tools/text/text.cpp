@@ -1,4 +1,4 @@
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <array>
 #include <cstdio>

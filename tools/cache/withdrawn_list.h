@@ -1,6 +1,6 @@
 // The enciphered list of withdrawn digests, as an updater leaves it for the cache.
-#ifndef TARN_TOOLS_WITHDRAWN_LIST_H
-#define TARN_TOOLS_WITHDRAWN_LIST_H
+#ifndef TARN_TOOLS_CACHE_WITHDRAWN_LIST_H
+#define TARN_TOOLS_CACHE_WITHDRAWN_LIST_H
 
 #include "tools/cache/install_root.h"
 

@@ -1,7 +1,7 @@
-#include "tools/md5_list.h"
+#include "tools/text/md5_list.h"
 
 #include "formats/md5_text.h"
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <iostream>
 

@@ -1,6 +1,6 @@
 // The key of the withdrawn-digest list: 14 bytes, kept in hexadecimal in the product's business values.
-#ifndef TARN_TOOLS_BUSINESS_KEY_H
-#define TARN_TOOLS_BUSINESS_KEY_H
+#ifndef TARN_TOOLS_CACHE_BUSINESS_KEY_H
+#define TARN_TOOLS_CACHE_BUSINESS_KEY_H
 
 #include <string>
 

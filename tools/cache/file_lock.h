@@ -1,6 +1,6 @@
 // A lock between processes: an empty file that stays where it is and is locked while its owner works.
-#ifndef TARN_TOOLS_FILE_LOCK_H
-#define TARN_TOOLS_FILE_LOCK_H
+#ifndef TARN_TOOLS_CACHE_FILE_LOCK_H
+#define TARN_TOOLS_CACHE_FILE_LOCK_H
 
 #include "support/descriptor.h"
 

@@ -1,6 +1,6 @@
-#include "tools/file_lock.h"
+#include "tools/cache/file_lock.h"
 
-#include "tools/text.h"
+#include "tools/text/text.h"
 
 #include <ctime>
 #include <sys/file.h>

@@ -1,9 +1,9 @@
-#include "tools/withdrawn_list.h"
+#include "tools/cache/withdrawn_list.h"
 
 #include "formats/update_list.h"
-#include "tools/atomic_file.h"
-#include "tools/business_key.h"
-#include "tools/text.h"
+#include "tools/cache/atomic_file.h"
+#include "tools/cache/business_key.h"
+#include "tools/text/text.h"
 
 #include <cstring>
 #include <nettle/arcfour.h>

@@ -1,9 +1,9 @@
-#include "tools/business_key.h"
+#include "tools/cache/business_key.h"
 
 #include "formats/business_values.h"
 #include "support/hex.h"
-#include "tools/atomic_file.h"
-#include "tools/text.h"
+#include "tools/cache/atomic_file.h"
+#include "tools/text/text.h"
 
 #define SI_NO_CONVERSION
 #define SI_IMPLEMENTATION

@@ -1,6 +1,6 @@
 // Small files written whole or not at all, with the reason of a failure in words.
-#ifndef TARN_TOOLS_ATOMIC_FILE_H
-#define TARN_TOOLS_ATOMIC_FILE_H
+#ifndef TARN_TOOLS_CACHE_ATOMIC_FILE_H
+#define TARN_TOOLS_CACHE_ATOMIC_FILE_H
 
 #include "support/whole_file.h"
 
