@@ -2,7 +2,8 @@
 
 add_library(tarn_warnings INTERFACE)
 target_compile_options(tarn_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align -Werror
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align
+  $<$<BOOL:${TARN_WERROR}>:-Werror>
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>
   # g++ 12 sees overlapping copies in std::string at -O3 where there are none (its bug 105651).

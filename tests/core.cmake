@@ -1,5 +1,4 @@
 # Tests of util/, tables/ and interface/.
-find_package(ZLIB REQUIRED)
 foreach(name IN ITEMS cachetable_bulk dbconfig entry_points identity_hash tables vsdesctable walk)
   tarn_add_test(${name}_test)
 endforeach()
