@@ -6,11 +6,13 @@ find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(SQLite3 3.8.6 REQUIRED)
 
-# support/ (digests), and the base services, the program, tests and benchmarks
+# support/, the base services, the program and the benchmarks
 pkg_check_modules(NETTLE REQUIRED IMPORTED_TARGET nettle)
-find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h REQUIRED)
-add_library(SimpleIni::SimpleIni INTERFACE IMPORTED)
-set_target_properties(SimpleIni::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")
+if(TARN_BUNDLED_PLATFORM OR TARN_BUILD_TOOLS)
+  find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h REQUIRED)
+  add_library(SimpleIni::SimpleIni INTERFACE IMPORTED)
+  set_target_properties(SimpleIni::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")
+endif()
 if(TARN_BUNDLED_PLATFORM OR TARN_BUILD_TESTS)
   find_package(ZLIB REQUIRED)
 endif()
