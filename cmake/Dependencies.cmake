@@ -24,7 +24,7 @@ if(TARN_BUNDLED_PLATFORM)
 else()
   foreach(name IN ITEMS tarncore nubbase nubcl_ev)
     find_library(TARN_${name}_LIBRARY NAMES ${name} REQUIRED DOC "The product's own lib${name}")
-    add_library(${name} UNKNOWN IMPORTED)
+    add_library(${name} SHARED IMPORTED) # SHARED: the linker then finds it behind libtarncache too
     set_target_properties(${name} PROPERTIES
       IMPORTED_LOCATION "${TARN_${name}_LIBRARY}"
       INTERFACE_INCLUDE_DIRECTORIES "${PROJECT_SOURCE_DIR}"

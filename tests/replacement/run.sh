@@ -16,5 +16,5 @@ expect "$("$host" "$root/file")" "00000000 0123456789abcdef0123456789abcdef Repl
 [ ! -e "$REPLACED_LOG" ] || { echo "the bundled service wrote the replacement's log"; exit 1; }
 
 rm "$root/engine/cache/"*
-expect "$(LD_LIBRARY_PATH=$folder "$host" "$root/file")" "00000000 00000000000000000000000000000000 Replaced.Test"
+expect "$(LD_LIBRARY_PATH=$folder${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} "$host" "$root/file")" "00000000 00000000000000000000000000000000 Replaced.Test"
 grep -q '^replaced 4 dbagent:[0-9]* \[CacheLookup\]\[cache\] file:.* is in cache\.$' "$REPLACED_LOG"
