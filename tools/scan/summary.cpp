@@ -9,9 +9,9 @@
 namespace {
 
 std::string SummaryLine(const std::string &strLabel, const std::string &strValue) {
-    constexpr size_t nColumn = 28;
+    constexpr size_t kColumn = 28;
     std::string strLine = strLabel + ":";
-    strLine.resize(strLine.size() < nColumn ? nColumn : strLine.size() + 1, ' ');
+    strLine.resize(strLine.size() < kColumn ? kColumn : strLine.size() + 1, ' ');
     return strLine + strValue + "\n";
 }
 

@@ -25,11 +25,11 @@ struct _CloseFolder {
 
 // File systems that show the kernel's state as files: reading there can block, have side effects or never end.
 bool IsKernelFileSystem(const struct statfs &info) {
-    constexpr std::array<uint64_t, 13> magics = {
+    constexpr std::array<uint64_t, 13> kMagics = {
         PROC_SUPER_MAGIC,    SYSFS_MAGIC,      DEBUGFS_MAGIC, TRACEFS_MAGIC,  CGROUP_SUPER_MAGIC,
         CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC, BPF_FS_MAGIC,  PSTOREFS_MAGIC, EFIVARFS_MAGIC,
         DEVPTS_SUPER_MAGIC,  SELINUX_MAGIC,    BINFMTFS_MAGIC};
-    return std::find(magics.begin(), magics.end(), static_cast<uint64_t>(info.f_type)) != magics.end();
+    return std::find(kMagics.begin(), kMagics.end(), static_cast<uint64_t>(info.f_type)) != kMagics.end();
 }
 
 bool IsInKernelFileSystem(int fd) {
