@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <sqlite3.h>
@@ -28,28 +27,6 @@ constexpr uint32_t kFlags = 0x2005; // file type 5, result state 1
 constexpr size_t kFilesPerFolder = 100;
 
 fs::path g_pathFolder; // the living installation's folder, removed also when a measurement cannot go on
-
-class CDatabase {
-  public:
-    explicit CDatabase(const std::string &strPath) {
-        Require(sqlite3_open(strPath.c_str(), &m_pDB) == SQLITE_OK, "open the database");
-    }
-    ~CDatabase() { sqlite3_close_v2(m_pDB); }
-    CDatabase(const CDatabase &) = delete;
-    CDatabase &operator=(const CDatabase &) = delete;
-
-    void Run(const std::string &strSQL) const {
-        Require(sqlite3_exec(m_pDB, strSQL.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK, strSQL.c_str());
-    }
-    sqlite3_stmt *Prepare(const std::string &strSQL) const {
-        sqlite3_stmt *pStmt = nullptr;
-        Require(sqlite3_prepare_v2(m_pDB, strSQL.c_str(), -1, &pStmt, nullptr) == SQLITE_OK, strSQL.c_str());
-        return pStmt;
-    }
-
-  private:
-    sqlite3 *m_pDB = nullptr;
-};
 
 // Spreads consecutive numbers over 64 bits.
 uint64_t Mix(uint64_t nValue) {
@@ -107,10 +84,12 @@ void InsertRow(sqlite3_stmt *pStmt, const _CacheRecord &record) {
 }
 
 void FillTables(const std::string &strDatabase, int64_t liRows, const std::vector<std::string> &vecFiles) {
-    const CDatabase db(strDatabase);
-    db.Run("pragma synchronous=off; pragma journal_mode=off; pragma cache_size=-400000; begin;");
-    db.Run(std::string("insert into VDT values(0, '") + kVirusName + "');");
-    sqlite3_stmt *pInsert = db.Prepare("insert into CT(FPH,FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI) values(?,?,?,?,?,?,?,?,?);");
+    constexpr char kInsert[] = "insert into CT(FPH,FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI) values(?,?,?,?,?,?,?,?,?);";
+    const CSecondConnection db(strDatabase);
+    Require(db.Run("pragma synchronous=off; pragma journal_mode=off; pragma cache_size=-400000; begin;"), "begin");
+    Require(db.Run(std::string("insert into VDT values(0, '") + kVirusName + "');"), "insert a description");
+    sqlite3_stmt *pInsert = nullptr;
+    Require(sqlite3_prepare_v2(db.m_pDB, kInsert, -1, &pInsert, nullptr) == SQLITE_OK, kInsert);
     const int64_t liFiles = static_cast<int64_t>(vecFiles.size());
     Require(liFiles <= liRows, "fewer files than rows");
     int64_t liNextFile = 0;
@@ -121,34 +100,14 @@ void FillTables(const std::string &strDatabase, int64_t liRows, const std::vecto
         liNextFile += bIsFileRow ? 1 : 0;
     }
     sqlite3_finalize(pInsert);
-    db.Run("commit;");
+    Require(db.Run("commit;"), "commit");
     Require(liNextFile == liFiles, "a row for every file");
 }
 
 } // namespace
 
-CBenchInstall::CBenchInstall() {
-    std::string strTemplate = (fs::temp_directory_path() / "tarn-bench-XXXXXX").string();
-    Require(mkdtemp(strTemplate.data()) != nullptr, "make a temporary folder");
-    m_strRoot = strTemplate;
-    g_pathFolder = m_strRoot;
-    for (const char *pszDir : {"lib", "config", "engine/cache", "engine/kelmorehash"}) {
-        fs::create_directories(Path(pszDir));
-    }
-    WriteFile("config/tarncfg.ini", "[cacheeng]\ncachesize=8000\nexpirepercent=30\nexpiretime=4102444800\n");
-    setenv("TARN_INSTALL_DIR", Path("lib").c_str(), 1);
-}
-
-CBenchInstall::~CBenchInstall() {
-    std::error_code error;
-    fs::remove_all(m_strRoot, error);
-}
-
-void CBenchInstall::WriteFile(const std::string &strBelow, const std::string &strContent) const {
-    std::ofstream file(Path(strBelow), std::ios::binary | std::ios::trunc);
-    file << strContent;
-    file.close();
-    Require(file.good(), strBelow.c_str());
+CBenchInstall::CBenchInstall() : CTempInstall("cachesize=8000\nexpirepercent=30\nexpiretime=4102444800\n") {
+    g_pathFolder = Path("");
 }
 
 std::vector<std::string> CBenchInstall::MakeFiles(size_t nFiles, size_t nBytes) const {
@@ -162,8 +121,7 @@ std::vector<std::string> CBenchInstall::MakeFiles(size_t nFiles, size_t nBytes) 
         (void)str_snprintf(szName, sizeof szName, "files/d%05zu/f%08zu.bin", nFile / kFilesPerFolder, nFile);
         std::string strContent = std::to_string(nFile);
         strContent.resize(nBytes, 'x');
-        WriteFile(szName, strContent);
-        vecFiles.push_back(Path(szName));
+        vecFiles.push_back(WriteFile(szName, strContent));
     }
     return vecFiles;
 }
@@ -185,8 +143,7 @@ void CBenchInstall::FillDatabaseInChild(int64_t liRows, const std::vector<std::s
 }
 
 int CBenchInstall::FinishedStarts() const {
-    const std::unique_ptr<void, decltype(&ini_file_free)> pIni(ini_file_load(Path("config/tarncfg.ini").c_str()),
-                                                               &ini_file_free);
+    const std::unique_ptr<void, decltype(&ini_file_free)> pIni(ini_file_load(Config().c_str()), &ini_file_free);
     const char *pszValue = pIni != nullptr ? ini_file_get(pIni.get(), "cacheeng", "dbquerycounts") : nullptr;
     return pszValue != nullptr ? std::atoi(pszValue) : 0;
 }
@@ -209,15 +166,11 @@ std::string DigestText(const CacheMD5 &md5) {
 }
 
 int64_t QueryNumber(const std::string &strDatabase, const std::string &strSQL) {
-    const CDatabase db(strDatabase);
-    sqlite3_stmt *pStmt = db.Prepare(strSQL);
-    const int64_t liResult = sqlite3_step(pStmt) == SQLITE_ROW ? sqlite3_column_int64(pStmt, 0) : -1;
-    sqlite3_finalize(pStmt);
-    return liResult;
+    return CSecondConnection(strDatabase).Number(strSQL);
 }
 
 void RunSQL(const std::string &strDatabase, const std::string &strSQL) {
-    CDatabase(strDatabase).Run(strSQL);
+    Require(CSecondConnection(strDatabase).Run(strSQL), strSQL.c_str());
 }
 
 void Require(bool bCondition, const char *pszWhat) {

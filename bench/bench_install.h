@@ -1,8 +1,9 @@
-// bench_install.h - a temporary installation whose database is filled before the library opens it, real files for its
-// rows, and the small things that every measurement needs.
+// bench_install.h - the temporary installation with a database that is filled before the library opens it, real files
+// for its rows, and the small things that every measurement needs.
 #ifndef TARN_BENCH_BENCH_INSTALL_H
 #define TARN_BENCH_BENCH_INSTALL_H
 
+#include "tests/support/install.h"
 #include "util/cache_record.h"
 
 #include <chrono>
@@ -15,18 +16,10 @@ constexpr int64_t kDefaultRows = 1000000; // the cap of the cache
 constexpr int16_t kFirstEngine = 43;      // rows are spread evenly over the engines 43 to 50
 constexpr int kEngines = 8;
 
-// A temporary folder (below TMPDIR) laid out as an installation, which TARN_INSTALL_DIR points into while it lives. Its
-// configuration lets nothing expire. Ends the process with a message when the folder cannot be made.
-class CBenchInstall {
+// An installation whose configuration lets nothing expire. Its folder goes also when a measurement cannot go on.
+class CBenchInstall : public CTempInstall {
   public:
     CBenchInstall();
-    ~CBenchInstall();
-    CBenchInstall(const CBenchInstall &) = delete;
-    CBenchInstall &operator=(const CBenchInstall &) = delete;
-
-    std::string Path(const std::string &strBelow) const { return m_strRoot + "/" + strBelow; }
-    std::string Database() const { return Path("engine/cache/morcache.db"); }
-    void WriteFile(const std::string &strBelow, const std::string &strContent) const;
 
     // Makes nFiles files of nBytes each below "files", 100 to a folder, and returns their paths.
     std::vector<std::string> MakeFiles(size_t nFiles, size_t nBytes) const;
@@ -39,9 +32,6 @@ class CBenchInstall {
     int FinishedStarts() const;
     // Waits until FinishedStarts is above nBefore.
     void WaitForStart(int nBefore) const;
-
-  private:
-    std::string m_strRoot;
 };
 
 // The MD5 of row liRow, which is also that of the file the row belongs to.

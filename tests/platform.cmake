@@ -3,7 +3,7 @@
 # name, libraries...
 function(tarn_platform_test name)
   add_executable(${name} ${name}.cpp)
-  target_link_libraries(${name} PRIVATE tarn_warnings tarn_settings ${ARGN} GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE tarn_temp_install tarn_warnings tarn_settings ${ARGN} GTest::gtest_main)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)
 endfunction()

@@ -20,24 +20,27 @@ class PlatformIni : public PlatformTest {
 TEST_F(PlatformIni, ASaveThroughALinkChangesOnlyWhatWasSet) {
     std::string strText = "; file\n; two lines\n\n\n[cacheeng]\n\n; counted\ndbquerycounts=04\ndbname=a.db\n\n\n"
                           "# theirs\n[scanner]\nexclude=/proc\nexclude=/sys\nquoted=\"a b\"\n\n; last words\n";
-    const std::string strReal = Write("real.ini", strText);
+    const std::string strReal = WriteFile("real.ini", strText);
     const uid_t owner = chown(strReal.c_str(), 1234, 1235) == 0 ? 1234 : geteuid(); // only root may
     ASSERT_EQ(chmod(strReal.c_str(), 0640), 0);
     std::filesystem::create_symlink("../real.ini", Path("config/x.ini"));
     strText.replace(strText.find("04"), 2, "17");
     for (int nSave = 0; nSave < 2; ++nSave) {
         ASSERT_TRUE(Load("config/x.ini"));
-        EXPECT_TRUE(Set("cacheeng", "dbquerycounts", "9") == 0 && Set("CacheEng", "dbquerycounts", "17") == 0);
+        EXPECT_EQ(Set("cacheeng", "dbquerycounts", "9"), 0);
+        EXPECT_EQ(Set("CacheEng", "dbquerycounts", "17"), 0);
         ASSERT_EQ(Save("config/x.ini"), 0);
         EXPECT_EQ(Read("real.ini"), strText);
     }
-    EXPECT_TRUE(Status("real.ini").st_uid == owner && Status("real.ini").st_mode == (S_IFREG | 0640));
+    EXPECT_EQ(Status("real.ini").st_uid, owner);
+    EXPECT_EQ(Status("real.ini").st_mode, S_IFREG | 0640U);
     EXPECT_TRUE(std::filesystem::is_symlink(Path("config/x.ini")));
 }
 
 TEST_F(PlatformIni, TheShippedConfigurationSurvivesASaveByteForByte) {
     ASSERT_TRUE(Load(TARN_SHIPPED_CONFIG));
-    EXPECT_TRUE(Save("copy.ini") == 0 && Status("copy.ini").st_mode == (S_IFREG | 0600));
+    ASSERT_EQ(Save("copy.ini"), 0);
+    EXPECT_EQ(Status("copy.ini").st_mode, S_IFREG | 0600U);
     EXPECT_EQ(Read("copy.ini"), Read(TARN_SHIPPED_CONFIG));
 }
 
@@ -51,12 +54,13 @@ TEST_F(PlatformIni, AwkwardFilesKeepTheirTextAndSettleAtTheFirstSave) {
                                  "[t]\n[s]\nk=v\n;begin\n[T] ;end\njunk\n",
                                  std::string("[s]\nk=v\n\0\0\n[t]\nother=1", 22)};
     for (const std::string &strText : cases) {
-        Write("x.ini", strText);
+        WriteFile("x.ini", strText);
         std::string strSaved[2];
         for (std::string &strResult : strSaved) {
             ASSERT_TRUE(Load("x.ini")) << strText;
             EXPECT_STREQ(ini_file_get(m_ini.get(), "s", "k"), "v") << strText;
-            EXPECT_TRUE(ini_file_get(m_ini.get(), "s", "none") == nullptr && Save("x.ini") == 0) << strText;
+            EXPECT_EQ(ini_file_get(m_ini.get(), "s", "none"), nullptr) << strText;
+            EXPECT_EQ(Save("x.ini"), 0) << strText;
             strResult = Read("x.ini");
         }
         EXPECT_EQ(strSaved[0], strSaved[1]);
@@ -68,12 +72,14 @@ TEST_F(PlatformIni, AwkwardFilesKeepTheirTextAndSettleAtTheFirstSave) {
 
 TEST_F(PlatformIni, UnusableFilesAndTextAreRefused) {
     ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
-    std::filesystem::resize_file(Write("huge", "[s]\n"), 100'000'000);
-    EXPECT_TRUE(!Load("none") && errno == ENOENT);
-    EXPECT_TRUE(!Load("config") && errno == EISDIR);
-    EXPECT_TRUE(!Load("fifo") && errno == EINVAL);
-    EXPECT_TRUE(!Load("huge") && errno == EFBIG);
-    ASSERT_TRUE(Load(Write("x.ini", "[s]\nk=v\n")));
+    std::filesystem::resize_file(WriteFile("huge", "[s]\n"), 100'000'000);
+    const std::pair<const char *, int> files[] = {
+        {"none", ENOENT}, {"config", EISDIR}, {"fifo", EINVAL}, {"huge", EFBIG}};
+    for (const auto &[pszName, iError] : files) {
+        EXPECT_FALSE(Load(pszName)) << pszName;
+        EXPECT_EQ(errno, iError) << pszName;
+    }
+    ASSERT_TRUE(Load(WriteFile("x.ini", "[s]\nk=v\n")));
     const char *const texts[][3] = {{"s", "k", "a\n[t]"}, {"s", "k", "a\rb"}, {"s]", "k", "v"}, {"s", "a=b", "v"},
                                     {"s", "", "v"},       {"s", ";k", "v"},   {"s", "[k", "v"}, {"s", "k", nullptr}};
     for (const auto &[pSection, pKey, pValue] : texts) {
@@ -82,19 +88,22 @@ TEST_F(PlatformIni, UnusableFilesAndTextAreRefused) {
 }
 
 TEST_F(PlatformIni, AFailedSaveLeavesTheOldFileAndSaysWhy) {
-    ASSERT_TRUE(Load(Write("config/x.ini", "[s]\nk=old\n")));
+    ASSERT_TRUE(Load(WriteFile("lib/x.ini", "[s]\nk=old\n")));
     EXPECT_EQ(Set("s", "k", "new"), 0);
     std::filesystem::create_symlink("nowhere", Path("dangling"));
-    EXPECT_TRUE(Save("gone/x.ini") != 0 && errno == ENOENT);
-    EXPECT_TRUE(Save("dangling") != 0 && errno == ENOENT);
-    EXPECT_TRUE(Save("config") != 0 && errno == EISDIR);
+    const std::pair<const char *, int> files[] = {{"gone/x.ini", ENOENT}, {"dangling", ENOENT}, {"config", EISDIR}};
+    for (const auto &[pszName, iError] : files) {
+        EXPECT_NE(Save(pszName), 0) << pszName;
+        EXPECT_EQ(errno, iError) << pszName;
+    }
     rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
     const rlimit none = {0, limit.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
-    const int nError = Save("config/x.ini") == 0 ? 0 : errno; // the write raises SIGXFSZ
+    const int nError = Save("lib/x.ini") == 0 ? 0 : errno; // the write raises SIGXFSZ
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     EXPECT_EQ(nError, EFBIG);
-    EXPECT_EQ(Read("config/x.ini"), "[s]\nk=old\n");
-    EXPECT_TRUE(std::filesystem::remove(Path("config/x.ini")) && std::filesystem::is_empty(Path("config")));
+    EXPECT_EQ(Read("lib/x.ini"), "[s]\nk=old\n");
+    std::filesystem::remove(Path("lib/x.ini"));
+    EXPECT_TRUE(std::filesystem::is_empty(Path("lib"))); // no temporary file stays
 }

@@ -38,7 +38,8 @@ TEST_F(PlatformServices, PathsAreExpandedNormalisedAndNeverCut) {
     std::filesystem::current_path(strStart);
     EXPECT_EQ(szOut, strStart + "/inst/lib/x");
     setenv("TARN_INSTALL_DIR", "//", 1);
-    EXPECT_TRUE(dirutils_path_transform("@/", szOut, sizeof(szOut)) == 1 && std::string(szOut) == "/");
+    EXPECT_EQ(dirutils_path_transform("@/", szOut, sizeof(szOut)), 1);
+    EXPECT_STREQ(szOut, "/");
     unsetenv("TARN_INSTALL_DIR");
     EXPECT_EQ(dirutils_path_transform("@/libnubbase.so.1", szOut, sizeof(szOut)), 1);
     EXPECT_EQ(access(szOut, F_OK), 0) << szOut;
@@ -48,10 +49,12 @@ TEST_F(PlatformServices, DigestsMatchKnownValues) {
     std::string strDigits = "123456789";
     EXPECT_EQ(Crc32(Crc32(0, Bytes(strDigits), 4), Bytes(strDigits) + 4, 5), 0xcbf43926U);
     EXPECT_EQ(Crc32(77, nullptr, 0), 77U);
-    unsigned char bytes[16] = {0x55};
+    unsigned char bytes[16] = {};
     for (const char *pText : {"00ff10AB23cd45ef0123456789abcdef0", "00ff10AB23cd45ef0123456789abcde",
                               " 0ff10AB23cd45ef0123456789abcde ", "g0ff10AB23cd45ef0123456789abcdef"}) {
-        EXPECT_TRUE(MD5_StrResultConvert(pText, bytes) == 0 && bytes[0] == 0) << pText;
+        bytes[0] = 0x55;
+        EXPECT_EQ(MD5_StrResultConvert(pText, bytes), 0) << pText;
+        EXPECT_EQ(bytes[0], 0) << pText;
     }
     EXPECT_EQ(MD5_StrResultConvert("00ff10AB23cd45ef0123456789abcdef", bytes), 1);
     char szText[33] = "";
@@ -71,7 +74,8 @@ TEST_F(PlatformServices, Rc4MatchesKnownVectorsAndCopies) {
         std::string strRest = strText.substr(2);
         RC4_crypt(&state, strRest.size(), Bytes(strRest), Bytes(strText) + 2);
         RC4_crypt(&copy, strRest.size(), Bytes(strRest), Bytes(strRest));
-        EXPECT_TRUE(strText == strCipher && strRest == strCipher.substr(2)) << strKey;
+        EXPECT_EQ(strText, strCipher) << strKey;
+        EXPECT_EQ(strRest, strCipher.substr(2)) << strKey;
     }
 }
 
@@ -82,16 +86,18 @@ TEST_F(PlatformServices, BusinessValuesNeedAPrivateFileAndStayOutOfTheLog) {
     for (const auto &[pValue, mode] : cases) {
         SCOPED_TRACE(testing::Message() << "value " << pValue << ", mode " << mode);
         const bool bGood = pValue == cases[0].first;
-        const std::string strFile = Write("config/business.ini", std::string("[avscan]\nmor_secret=") + pValue + "\n");
+        const std::string strFile =
+            WriteFile("config/business.ini", std::string("[avscan]\nmor_secret=") + pValue + "\n");
         EXPECT_EQ(chmod(strFile.c_str(), mode), 0);
         std::string strOut = "uuu";
         testing::internal::CaptureStderr();
         EXPECT_EQ(get_business_value("avscan", "mor_secret", 0, 0, Bytes(strOut), 2), bGood ? 2 : -1);
         const std::string strLog = testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(strLog.empty() == bGood && strLog.find("4a4b") == std::string::npos) << strLog;
+        EXPECT_EQ(strLog.empty(), bGood);
+        EXPECT_EQ(strLog.find("4a4b"), std::string::npos) << strLog;
         EXPECT_EQ(strOut, bGood ? "JKu" : "uuu");
     }
-    const std::string strReal = Write("real.ini", "[avscan]\nmor_secret=4a4b\n");
+    const std::string strReal = WriteFile("real.ini", "[avscan]\nmor_secret=4a4b\n");
     EXPECT_EQ(chmod(strReal.c_str(), 0600), 0);
     EXPECT_TRUE(std::filesystem::remove(Path("config/business.ini")));
     std::filesystem::create_symlink("../real.ini", Path("config/business.ini"));
@@ -99,7 +105,7 @@ TEST_F(PlatformServices, BusinessValuesNeedAPrivateFileAndStayOutOfTheLog) {
     EXPECT_EQ(get_business_value("avscan", "mor_secret", 0, 0, bytes, 2), -1) << "a link is refused";
 }
 
-// Runs with another thread's timer; returns it when this thread takes no signals.
+// Runs with another thread's timer.
 void *PlatformServices::InIsolation(void *pForeignTimer) {
     cl_timerplus_stop(static_cast<cl_timerplus *>(pForeignTimer)); // ignored, both
     cl_timerplus_close(static_cast<cl_timerplus *>(pForeignTimer));
@@ -111,8 +117,10 @@ void *PlatformServices::InIsolation(void *pForeignTimer) {
     }
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    const bool bIsolated = sigismember(&mask, SIGTERM) == 1 && sigismember(&mask, SIGUSR1) == 1;
-    return bIsolated && sigismember(&mask, SIGSEGV) == 0 ? pForeignTimer : nullptr; // faults reach the host
+    EXPECT_EQ(sigismember(&mask, SIGTERM), 1);
+    EXPECT_EQ(sigismember(&mask, SIGUSR1), 1);
+    EXPECT_EQ(sigismember(&mask, SIGSEGV), 0); // faults reach the host
+    return nullptr;
 }
 
 TEST_F(PlatformServices, ATimerRepeatsOnItsOwnThreadUntilStopped) {
@@ -120,9 +128,8 @@ TEST_F(PlatformServices, ATimerRepeatsOnItsOwnThreadUntilStopped) {
     cl_timerplus *pTimer = cl_timerplus_start(0, 5, CountUp, &nFired, 0, 0);
     ASSERT_NE(pTimer, nullptr);
     pthread_t thread;
-    void *pClosed = nullptr;
     ASSERT_EQ(cl_ev_create_isolated_thread(&thread, 0, InIsolation, pTimer), 0);
-    ASSERT_TRUE(pthread_join(thread, &pClosed) == 0 && pClosed == pTimer);
+    ASSERT_EQ(pthread_join(thread, nullptr), 0);
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_EQ(sigismember(&mask, SIGTERM), 0) << "the starting thread was left closed to signals";

@@ -1,18 +1,22 @@
 #include "tests/support/install.h"
 
+#include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sqlite3.h>
 #include <sstream>
+#include <system_error>
 
 namespace fs = std::filesystem;
 
 CTempInstall::CTempInstall(const std::string &strSettings) {
-    std::string strTemplate = (fs::temp_directory_path() / "tarn-test-XXXXXX").string();
-    m_strRoot = mkdtemp(strTemplate.data());
+    std::string strTemplate = fs::temp_directory_path() / "tarn-test-XXXXXX";
+    if (mkdtemp(strTemplate.data()) == nullptr) {
+        throw std::system_error(errno, std::generic_category(), strTemplate);
+    }
+    m_root = strTemplate;
     for (const char *pszDir : {"lib", "config", "engine/cache", "engine/kelmorehash"}) {
-        fs::create_directories(Path(pszDir));
+        fs::create_directories(m_root / pszDir);
     }
     WriteFile("config/tarncfg.ini", "[cacheeng]\n" + strSettings);
     setenv("TARN_INSTALL_DIR", Path("lib").c_str(), 1);
@@ -20,18 +24,18 @@ CTempInstall::CTempInstall(const std::string &strSettings) {
 
 CTempInstall::~CTempInstall() {
     std::error_code error;
-    fs::remove_all(m_strRoot, error);
+    fs::remove_all(m_root, error);
 }
 
 std::string CTempInstall::WriteFile(const std::string &strBelow, const std::string &strContent) const {
-    std::ofstream(Path(strBelow), std::ios::binary | std::ios::trunc) << strContent;
+    std::ofstream file(Path(strBelow), std::ios::binary | std::ios::trunc);
+    file.exceptions(std::ios::failbit | std::ios::badbit);
+    file << strContent << std::flush;
     return Path(strBelow);
 }
 
 std::string ReadWholeFile(const std::string &strPath) {
-    std::ostringstream content;
-    content << std::ifstream(strPath, std::ios::binary).rdbuf();
-    return content.str();
+    return (std::ostringstream() << std::ifstream(strPath, std::ios::binary).rdbuf()).str();
 }
 
 bool Exists(const std::string &strPath) {
@@ -51,11 +55,8 @@ bool CSecondConnection::Run(const std::string &strSQL) const {
 }
 
 int64_t CSecondConnection::Number(const std::string &strSQL, int64_t liFallback) const {
-    sqlite3_stmt *pStmt = nullptr;
-    sqlite3_prepare_v2(m_pDB, strSQL.c_str(), -1, &pStmt, nullptr);
-    const int64_t liResult = sqlite3_step(pStmt) == SQLITE_ROW ? sqlite3_column_int64(pStmt, 0) : liFallback;
-    sqlite3_finalize(pStmt);
-    return liResult;
+    const std::string strNumber = Text(strSQL);
+    return strNumber.empty() ? liFallback : std::stoll(strNumber);
 }
 
 std::string CSecondConnection::Text(const std::string &strSQL) const {

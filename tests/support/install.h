@@ -1,14 +1,17 @@
-// install.h - a temporary installation folder, files in it, and a database connection beside the library's own.
+// install.h - a temporary installation folder, files in it, and a database connection beside the library's own. Serves
+// tests and benchmarks.
 #ifndef TARN_TESTS_SUPPORT_INSTALL_H
 #define TARN_TESTS_SUPPORT_INSTALL_H
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 struct sqlite3;
 
-// An installation folder with config/, engine/cache/ and engine/kelmorehash/ that TARN_INSTALL_DIR points into while it
-// lives. Holds tarncfg.ini with the given text in section "cacheeng".
+// An installation folder (below TMPDIR) with lib/, config/, engine/cache/ and engine/kelmorehash/ that TARN_INSTALL_DIR
+// points into while it lives. Holds tarncfg.ini with the given text in section "cacheeng". What cannot be made or
+// written throws.
 class CTempInstall {
   public:
     explicit CTempInstall(const std::string &strSettings = "");
@@ -16,14 +19,14 @@ class CTempInstall {
     CTempInstall(const CTempInstall &) = delete;
     CTempInstall &operator=(const CTempInstall &) = delete;
 
-    std::string Path(const std::string &strBelow) const { return m_strRoot + "/" + strBelow; }
+    std::string Path(const std::string &strBelow) const { return m_root / strBelow; } // an absolute name stays as it is
     std::string Config() const { return Path("config/tarncfg.ini"); }
     std::string Database(const std::string &strName = "morcache.db") const { return Path("engine/cache/" + strName); }
     // Writes a file (below the folder) and returns its path.
     std::string WriteFile(const std::string &strBelow, const std::string &strContent = "content") const;
 
   private:
-    std::string m_strRoot;
+    std::filesystem::path m_root;
 };
 
 std::string ReadWholeFile(const std::string &strPath);
@@ -39,9 +42,9 @@ class CSecondConnection {
 
     // Runs statements; false when one fails.
     bool Run(const std::string &strSQL) const;
-    // First column of the first row; a query that fails or has no row gives the fallback.
-    int64_t Number(const std::string &strSQL, int64_t liFallback = -1) const;
+    // First column of the first row; empty, or the fallback, when the query fails or has no row.
     std::string Text(const std::string &strSQL) const;
+    int64_t Number(const std::string &strSQL, int64_t liFallback = -1) const;
 
     sqlite3 *m_pDB = nullptr;
 };
