@@ -83,7 +83,7 @@ class CAgentTest : public testing::Test {
   protected:
     CAgentTest() {
         sqlite3_auto_extension(reinterpret_cast<void (*)()>(OnOpen));
-        RecordedLog::Clear();
+        RecordedLog::SetSource("dbagent");
         RecordedLog::SetDebug(false);
         TestClock::UseRealTime();
         TestLoop::Reset();
@@ -120,6 +120,7 @@ class CAgentTest : public testing::Test {
     int64_t Rows(const std::string &strWhere = "1") {
         return CSecondConnection(m_install.Database()).Number("select count(*) from CT where " + strWhere);
     }
+    int64_t RowsOfEngine(int iEngine) { return Rows("((FTV >> 32) & 0xffff) = " + std::to_string(iEngine)); }
     std::string Keys() { return Query("select group_concat(FPH) from (select FPH from CT order by FPH)"); }
     _DBStatistics Statistics() {
         _DBStatistics statistics = {};

@@ -16,7 +16,7 @@ class BulkOperations : public testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(m_table.CreateTable(), 0U);
-        RecordedLog::Clear();
+        RecordedLog::SetSource("cachetable");
         RecordedLog::SetDebug(true);
     }
     bool Insert(const std::string &strRows) const { return m_db.Run("insert into CT " + strRows); }

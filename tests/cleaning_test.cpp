@@ -40,7 +40,7 @@ TEST_F(Cleaning, ExpiryKeepsWhatIsUsedOrRecent) {
 }
 
 TEST_F(Cleaning, APassMovesItsDateAndReplacesTheCount) {
-    Configure("expireinterval=2\ndbquerycounts=9\nforeign=1\n");
+    Configure("expireinterval=49712\ndbquerycounts=9\nforeign=1\n"); // 149504 seconds: the product wraps
     ASSERT_EQ(Start(), TARN_OK);
     for (const uint32_t ulPass : {1U, 2U}) {
         TestClock::Set(kNow + int64_t{ulPass} * 2 * 86400);
@@ -50,8 +50,8 @@ TEST_F(Cleaning, APassMovesItsDateAndReplacesTheCount) {
         EXPECT_EQ(Statistics().ulWeedOutCount, ulPass == 1 ? 3U : 1U);
         EXPECT_EQ(Statistics().ulWeedOutRuns, ulPass);
     }
-    EXPECT_EQ(ReadWholeFile(m_install.Config()), "[cacheeng]\nexpireinterval=2\ndbquerycounts=0\nforeign=1\n"
-                                                 "dbname=morcache.db\nexpiretime=2000518400\n");
+    EXPECT_EQ(ReadWholeFile(m_install.Config()), "[cacheeng]\nexpireinterval=49712\ndbquerycounts=0\nforeign=1\n"
+                                                 "dbname=morcache.db\nexpiretime=2000495104\n");
 }
 
 TEST_F(Cleaning, AFailedPassStaysDue) {

@@ -7,27 +7,29 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <sys/stat.h>
 
 namespace {
 
+using Numbers = std::vector<int64_t>;
+
 class Config : public testing::Test {
   protected:
     void SetUp() override {
-        RecordedLog::Clear();
+        RecordedLog::SetSource("dbconfig");
         RecordedLog::SetDebug(true);
     }
     // Every number, in the order of the record's fields.
-    std::string Read(const std::string &strText) {
+    Numbers Read(const std::string &strText) {
         m_config = {};
         m_install.WriteFile("config/tarncfg.ini", strText);
         EXPECT_EQ(ReadDBConfig(&m_config), TARN_OK) << strText;
-        std::ostringstream numbers;
-        numbers << static_cast<int64_t>(m_config.liDiskThreshold) << " " << m_config.lCacheSize << " "
-                << m_config.liExpireTime << " " << m_config.lExpireInterval << " " << m_config.lDBQueryCounts << " "
-                << m_config.lExpirePercent;
-        return numbers.str();
+        return {static_cast<int64_t>(m_config.liDiskThreshold),
+                m_config.lCacheSize,
+                m_config.liExpireTime,
+                m_config.lExpireInterval,
+                m_config.lDBQueryCounts,
+                m_config.lExpirePercent};
     }
     const CTempInstall m_install;
     const std::string m_strDir = m_install.Path("engine/cache/");
@@ -39,9 +41,10 @@ class Config : public testing::Test {
 TEST_F(Config, MissingKeysTakeDefaultsAndAMissingFolderIsMade) {
     std::filesystem::remove(m_install.Path("engine/cache"));
     const mode_t mask = umask(0);
-    EXPECT_EQ(Read("[other]\ncachesize=1\n"), "500 8000 0 90 0 30"); // bytes, unlike the key's megabytes
+    EXPECT_EQ(Read("[other]\ncachesize=1\n"), (Numbers{500, 8000, 0, 90, 0, 30})); // bytes, unlike the key's megabytes
     umask(mask);
-    EXPECT_TRUE(m_config.szDBDir == m_strDir && m_config.szDBName == std::string("morcache.db"));
+    EXPECT_EQ(m_config.szDBDir, m_strDir);
+    EXPECT_STREQ(m_config.szDBName, "morcache.db");
     EXPECT_EQ(std::filesystem::status(m_strDir).permissions(), std::filesystem::perms{0660});
     const std::vector<std::string> vecTexts = RecordedLog::Texts(4); // in the order of reading
     ASSERT_EQ(vecTexts.size(), 10U);
@@ -52,16 +55,17 @@ TEST_F(Config, MissingKeysTakeDefaultsAndAMissingFolderIsMade) {
 
 TEST_F(Config, EveryKeyIsParsedIntoItsField) {
     const struct {
-        std::string strSettings, strExpected;
-    } cases[] = {{"cachesize=-2000\nexpireinterval=7\ndbquerycounts=3", "500 -2000 0 7 3 30"},
-                 {"cachesize=many\nexpireinterval=-1", "500 0 0 4294967295 0 30"},
-                 {"cachesize=4294967297\nexpirepercent=100", "500 1 0 90 0 100"},
-                 {"diskthreshold=1\nexpirepercent=250", "1048576 8000 0 90 0 100"},
-                 {"diskthreshold=-1\nexpirepercent=-1", "-1048576 8000 0 90 0 100"},
-                 {"diskthreshold=2147483648\nexpirepercent=0", "-2251799813685248 8000 0 90 0 0"},
-                 {"expiretime=9223372036854775807", "500 8000 9223372036854775807 90 0 30"}};
+        std::string strSettings;
+        Numbers vecExpected;
+    } cases[] = {{"cachesize=-2000\nexpireinterval=7\ndbquerycounts=3", {500, -2000, 0, 7, 3, 30}},
+                 {"cachesize=many\nexpireinterval=-1", {500, 0, 0, 4294967295, 0, 30}},
+                 {"cachesize=4294967297\nexpirepercent=100", {500, 1, 0, 90, 0, 100}},
+                 {"diskthreshold=1\nexpirepercent=250", {1048576, 8000, 0, 90, 0, 100}},
+                 {"diskthreshold=-1\nexpirepercent=-1", {-1048576, 8000, 0, 90, 0, 100}},
+                 {"diskthreshold=2147483648\nexpirepercent=0", {-2251799813685248, 8000, 0, 90, 0, 0}},
+                 {"expiretime=9223372036854775807", {500, 8000, 9223372036854775807, 90, 0, 30}}};
     for (const auto &entry : cases) {
-        EXPECT_EQ(Read("[cacheeng]\n" + entry.strSettings + "\n"), entry.strExpected) << entry.strSettings;
+        EXPECT_EQ(Read("[cacheeng]\n" + entry.strSettings + "\n"), entry.vecExpected) << entry.strSettings;
     }
     (void)Read("[cacheeng]\ndbname=" + std::string(200, 'n') + "\n");
     EXPECT_EQ(m_config.szDBName, std::string(63, 'n'));
@@ -81,7 +85,7 @@ TEST_F(Config, WritingStoresThreeKeysAndKeepsEverythingElse) {
     const std::string strText = ReadWholeFile(m_install.Config());
     EXPECT_EQ(strText.find("[before]\ncachesize = 9\n"), 0U);
     EXPECT_LT(strText.find("; a remark\n[cacheeng]"), strText.find("[after]\nexpiretime = untouched"));
-    EXPECT_EQ(Read(strText), "500 5 9223372036854775807 90 4294967295 30");
+    EXPECT_EQ(Read(strText), (Numbers{500, 5, 9223372036854775807, 90, 4294967295, 30}));
     EXPECT_STREQ(m_config.szDBName, "new.db");
 }
 
@@ -89,8 +93,11 @@ TEST_F(Config, FailuresAreReportedAtDebugLevel) {
     std::filesystem::remove(m_install.Config());
     std::filesystem::remove(m_install.Path("engine/cache"));
     m_config.lCacheSize = 77;
-    EXPECT_TRUE(WriteDBConfig(&m_config) == TARN_E_FAIL && ReadDBConfig(&m_config) == TARN_E_FAIL);
-    EXPECT_TRUE(Exists(m_strDir) && m_config.szDBDir == m_strDir && m_config.lCacheSize == 77);
+    EXPECT_EQ(WriteDBConfig(&m_config), TARN_E_FAIL);
+    EXPECT_EQ(ReadDBConfig(&m_config), TARN_E_FAIL);
+    EXPECT_TRUE(Exists(m_strDir));
+    EXPECT_EQ(m_config.szDBDir, m_strDir);
+    EXPECT_EQ(m_config.lCacheSize, 77); // as before
     EXPECT_TRUE(RecordedLog::Contains("[ReadDBConfig][cache] load config file:" + m_install.Config() + " failed."));
     std::filesystem::remove_all(m_install.Path("engine")); // only the last component is made
     EXPECT_EQ(ReadDBConfig(&m_config), TARN_E_FAIL);
@@ -99,8 +106,9 @@ TEST_F(Config, FailuresAreReportedAtDebugLevel) {
     EXPECT_EQ(WriteDBConfig(&m_config), TARN_E_FAIL);
     EXPECT_EQ(RecordedLog::Texts(4).back().rfind("[WriteDBConfig][cache] save ini file failed, err:", 0), 0U);
     RecordedLog::SetDebug(false);
-    const size_t nLines = RecordedLog::Lines().size();
-    EXPECT_TRUE(WriteDBConfig(&m_config) == TARN_E_FAIL &&
-                RecordedLog::Lines().size() == nLines); // silent without debug
-    EXPECT_TRUE(ReadDBConfig(nullptr) == TARN_E_FAIL && RecordedLog::Texts(2).size() == 1);
+    RecordedLog::Clear();
+    EXPECT_EQ(WriteDBConfig(&m_config), TARN_E_FAIL);
+    EXPECT_EQ(RecordedLog::Texts(), std::vector<std::string>{}); // silent without debug
+    EXPECT_EQ(ReadDBConfig(nullptr), TARN_E_FAIL);
+    EXPECT_EQ(RecordedLog::Texts(2), std::vector<std::string>{"[ReadDBConfig][cache] arg pDBCfg is null."});
 }

@@ -18,7 +18,7 @@ constexpr char kUnknown[] = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
 
 class EntryPoints : public testing::Test {
   protected:
-    void SetUp() override { RecordedLog::Clear(); }
+    void SetUp() override { RecordedLog::SetSource("tarncache"); }
     void TearDown() override { (void)LocalCacheUnInit(); }
     // File type 0, so that the writer takes it at once.
     static uint32_t Add(const std::string &strPath, const char *pszMD5, uint32_t ulFlags = 0,
@@ -28,11 +28,12 @@ class EntryPoints : public testing::Test {
         strVirusDesc.copy(result.szVirusDesc, sizeof result.szVirusDesc);
         return LocalCacheAdd(strPath.c_str(), pszMD5, &result);
     }
-    static bool WaitForAdded(uint32_t ulCount) {
-        return WaitFor([ulCount] {
-            _LOCAL_CACHE_STATISTIC statistic = {};
-            return LocalCacheGetStatistic(&statistic) == TARN_OK && statistic.ulAddedCount >= ulCount;
-        });
+    static void WaitForAdded(uint32_t ulCount) {
+        _LOCAL_CACHE_STATISTIC statistic = {};
+        EXPECT_TRUE(WaitFor([&] {
+            EXPECT_EQ(LocalCacheGetStatistic(&statistic), TARN_OK);
+            return statistic.ulAddedCount >= ulCount;
+        }));
     }
     static uint32_t Lookup(const std::string &strPath) {
         char szMD5[TARN_MD5_TEXT_SIZE] = {};
@@ -53,57 +54,85 @@ TEST_F(EntryPoints, CheckArgumentsFirstAndThenForTheAgent) {
     uint32_t ulState = 79;
     _CacheFileInfo *pInfos = nullptr;
     std::map<std::string, int32_t> mapFlags;
-    const auto refused = [&](uint32_t ulBad) {
-        return LocalCacheLookup(nullptr, szMD5, &result) == ulBad && LocalCacheLookup("", szMD5, &result) == ulBad &&
-               LocalCacheLookup("/f", nullptr, &result) == ulBad && LocalCacheLookup("/f", szMD5, nullptr) == ulBad &&
-               LocalCachePeek("/f", szMD5, &result, nullptr) == ulBad && LocalCacheAdd("/f", kMD5A, nullptr) == ulBad &&
-               LocalCacheAdd("/f", nullptr, &result) == ulBad && LocalCacheAdd("", kMD5A, &result) == ulBad &&
-               LocalCacheGetStatistic(nullptr) == ulBad && LocalCacheLookUpByHashes(nullptr, 1, mapFlags) == ulBad &&
-               LocalCacheDeleteByFileHash(nullptr) == ulBad && LocalCacheLookUpByHashes("", 0, mapFlags) == ulBad &&
-               LocalCacheFindFilesByHash(nullptr, 1, &pInfos, &ullCount) == ulBad &&
-               LocalCacheFindFilesByHash("", 0, &pInfos, &ullCount) == ulBad &&
-               LocalCacheFindFilesByHash("", 1, nullptr, &ullCount) == ulBad &&
-               LocalCacheFindFilesByHash("", 1, &pInfos, nullptr) == ulBad;
-    };
-    const auto failed = [&](uint32_t ulResult) {
-        return LocalCacheDeleteByFileHash(kMD5A) == ulResult && LocalCacheGetStatistic(&statistic) == ulResult &&
-               LocalCacheFindFilesByHash(kMD5A, 1, &pInfos, &ullCount) == ulResult && pInfos == nullptr &&
-               LocalCacheLookUpByHashes(kMD5A, 1, mapFlags) == ulResult && mapFlags.empty() && ullCount == 77 &&
-               Add("/no/file", kMD5A) == ulResult && Add(m_strFile, kMD5A, 0, "\"") == ulResult &&
-               LocalCachePeek("/f", szMD5, &result, &ulState) == ulResult && ulState == 79 &&
-               Lookup("/no/file") == ulResult && Lookup("relative") == ulResult && statistic.ulCacheSize == 78;
-    };
-    EXPECT_TRUE(refused(TARN_E_INVALIDARG));
-    EXPECT_TRUE(failed(TARN_E_NOT_INITIALIZED) && RecordedLog::Lines().empty());
-    ASSERT_EQ(LocalCacheInitEx(), TARN_OK);
-    ASSERT_TRUE(CSecondConnection(m_install.Database()).Run("drop table CT"));
-    EXPECT_TRUE(failed(TARN_E_FAIL));
+    EXPECT_EQ(LocalCacheLookup(nullptr, szMD5, &result), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheLookup("", szMD5, &result), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheLookup("/f", nullptr, &result), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheLookup("/f", szMD5, nullptr), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCachePeek("/f", szMD5, &result, nullptr), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheAdd("/f", kMD5A, nullptr), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheAdd("/f", nullptr, &result), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheAdd("", kMD5A, &result), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheGetStatistic(nullptr), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheDeleteByFileHash(nullptr), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheLookUpByHashes(nullptr, 1, mapFlags), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheLookUpByHashes("", 0, mapFlags), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheFindFilesByHash(nullptr, 1, &pInfos, &ullCount), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheFindFilesByHash("", 0, &pInfos, &ullCount), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheFindFilesByHash("", 1, nullptr, &ullCount), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheFindFilesByHash("", 1, &pInfos, nullptr), TARN_E_INVALIDARG);
+    for (const uint32_t ulCode : {TARN_E_NOT_INITIALIZED, TARN_E_FAIL}) {
+        if (ulCode == TARN_E_FAIL) {
+            EXPECT_EQ(RecordedLog::Texts(), std::vector<std::string>{});
+            ASSERT_EQ(LocalCacheInitEx(), TARN_OK);
+            ASSERT_TRUE(CSecondConnection(m_install.Database()).Run("drop table CT"));
+        }
+        EXPECT_EQ(LocalCacheDeleteByFileHash(kMD5A), ulCode);
+        EXPECT_EQ(LocalCacheGetStatistic(&statistic), ulCode);
+        EXPECT_EQ(LocalCacheFindFilesByHash(kMD5A, 1, &pInfos, &ullCount), ulCode);
+        EXPECT_EQ(LocalCacheLookUpByHashes(kMD5A, 1, mapFlags), ulCode);
+        EXPECT_EQ(Add("/no/file", kMD5A), ulCode);
+        EXPECT_EQ(Add(m_strFile, kMD5A, 0, "\""), ulCode);
+        EXPECT_EQ(LocalCachePeek("/f", szMD5, &result, &ulState), ulCode);
+        EXPECT_EQ(Lookup("/no/file"), ulCode);
+        EXPECT_EQ(Lookup("relative"), ulCode);
+        EXPECT_EQ(statistic.ulCacheSize, 78U); // nothing is filled in
+        EXPECT_EQ(pInfos, nullptr);
+        EXPECT_EQ(ullCount, 77U);
+        EXPECT_EQ(mapFlags.size(), 0U);
+        EXPECT_EQ(ulState, 79U);
+    }
 }
 
 TEST_F(EntryPoints, CountUsersDeleteByHashAndReportAtTheLastUser) {
-    ASSERT_TRUE(LocalCacheInit() == TARN_OK && LocalCacheInitEx() == TARN_OK);
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    ASSERT_EQ(LocalCacheInitEx(), TARN_OK);
     const std::string strSame = m_install.WriteFile("same"), strNone = m_install.WriteFile("none");
-    ASSERT_EQ(Add(m_strFile, kMD5A) | Add(strSame, kMD5A) | Add(m_strOther, kMD5B) | Add(strNone, "no md5"), TARN_OK);
-    ASSERT_TRUE(WaitForAdded(4)); // the first user's mode holds
-    EXPECT_EQ(LocalCacheUnInit() | LocalCacheDeleteByFileHash(kMD5A) | LocalCacheDeleteByFileHash(kMD5C), TARN_OK);
-    EXPECT_TRUE(Lookup(m_strFile) == TARN_NOT_CACHED && Lookup(strSame) == TARN_NOT_CACHED);
-    EXPECT_TRUE(Lookup(m_strOther) == TARN_OK && Lookup(strNone) == TARN_OK);
+    const std::pair<std::string, const char *> files[] = {
+        {m_strFile, kMD5A}, {strSame, kMD5A}, {m_strOther, kMD5B}, {strNone, "no md5"}};
+    for (const auto &[strPath, pszMD5] : files) {
+        ASSERT_EQ(Add(strPath, pszMD5), TARN_OK) << strPath;
+    }
+    WaitForAdded(4); // the first user's mode holds
+    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
+    for (const char *pszMD5 : {kMD5A, kMD5C}) {
+        EXPECT_EQ(LocalCacheDeleteByFileHash(pszMD5), TARN_OK) << pszMD5; // also when nobody has it
+    }
+    for (const auto &[strPath, pszMD5] : files) {
+        EXPECT_EQ(Lookup(strPath), pszMD5 == kMD5A ? TARN_NOT_CACHED : TARN_OK) << strPath;
+    }
     EXPECT_EQ(LocalCacheDeleteByFileHash("00000000000000000000000000000000"), TARN_OK); // what "no md5" is stored as
     RecordedLog::Clear();
-    EXPECT_TRUE(LocalCacheUnInit() == TARN_OK && LocalCacheUnInit() == TARN_E_NOT_MATCHED);
-    EXPECT_EQ(testing::PrintToString(RecordedLog::Texts(3)),
-              R"({ "[LocalCacheUnInit]current cache size: 1.", "[LocalCacheUnInit]hit cache times: 2", )"
-              R"("[LocalCacheUnInit]Weed out cache counts: 0", "[LocalCacheUnInit]Weed out times: 1" })");
+    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
+    EXPECT_EQ(LocalCacheUnInit(), TARN_E_NOT_MATCHED);
+    const std::vector<std::string> vecExpected = {
+        "[LocalCacheUnInit]current cache size: 1.", "[LocalCacheUnInit]hit cache times: 2",
+        "[LocalCacheUnInit]Weed out cache counts: 0", "[LocalCacheUnInit]Weed out times: 1"};
+    EXPECT_EQ(RecordedLog::Texts(3), vecExpected);
 }
 
 TEST_F(EntryPoints, FailedStartAndReadOnlyStartKeepNothing) {
     std::filesystem::remove(m_install.Config());
-    EXPECT_TRUE(LocalCacheInit() == TARN_E_FAIL && LocalCacheUnInit() == TARN_E_NOT_MATCHED);
+    EXPECT_EQ(LocalCacheInit(), TARN_E_FAIL);
+    EXPECT_EQ(LocalCacheUnInit(), TARN_E_NOT_MATCHED);
     m_install.WriteFile("config/tarncfg.ini");
-    ASSERT_TRUE(LocalCacheInitEx() == TARN_OK && LocalCacheInit() == TARN_OK); // too late for a writer
-    EXPECT_TRUE(Add(m_strFile, kMD5A) == TARN_OK && Lookup(m_strFile) == TARN_NOT_CACHED);
-    EXPECT_TRUE(LocalCacheUnInit() == TARN_OK && LocalCacheUnInit() == TARN_OK && LocalCacheInit() == TARN_OK &&
-                Lookup(m_strFile) == TARN_NOT_CACHED);
+    ASSERT_EQ(LocalCacheInitEx(), TARN_OK);
+    ASSERT_EQ(LocalCacheInit(), TARN_OK); // too late for a writer
+    EXPECT_EQ(Add(m_strFile, kMD5A), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
+    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
+    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
 }
 
 TEST_F(EntryPoints, GiveBackTheVerdictAndTouchNothingElse) {
@@ -125,7 +154,7 @@ TEST_F(EntryPoints, GiveBackTheVerdictAndTouchNothingElse) {
         in.ulFlags = entry.ulFlags;
         std::memcpy(in.szVirusDesc, entry.strDesc.c_str(), std::min<size_t>(entry.strDesc.size() + 1, 64));
         ASSERT_EQ(LocalCacheAdd(m_strFile.c_str(), "00112233445566778899AABBCCDDEEFF", &in), TARN_OK);
-        ASSERT_TRUE(WaitForAdded(++ulAdded));
+        WaitForAdded(++ulAdded);
         out = expected;
         std::string strMD5(TARN_MD5_TEXT_SIZE + 1, '#');
         ASSERT_EQ(LocalCacheLookup(m_strFile.c_str(), strMD5.data(), &out), TARN_OK);
@@ -139,43 +168,55 @@ TEST_F(EntryPoints, GiveBackTheVerdictAndTouchNothingElse) {
 }
 
 TEST_F(EntryPoints, PeekTellsAChangedFileFromAnUnknownOne) {
-    const auto peek = [](const std::string &strPath) {
-        char szMD5[TARN_MD5_TEXT_SIZE] = "-";
+    const auto expectPeek = [](const std::string &strPath, uint32_t ulExpected) {
+        SCOPED_TRACE(strPath);
+        char szMD5[TARN_MD5_TEXT_SIZE] = "as before";
         _SCAN_FILE_RESULT result = {};
         uint32_t ulState = 77;
-        EXPECT_EQ(LocalCachePeek(strPath.c_str(), szMD5, &result, &ulState), TARN_OK) << strPath;
-        return std::to_string(ulState) + szMD5 + result.szVirusDesc;
+        EXPECT_EQ(LocalCachePeek(strPath.c_str(), szMD5, &result, &ulState), TARN_OK);
+        EXPECT_EQ(ulState, ulExpected);
+        EXPECT_STREQ(szMD5, ulExpected == TARN_PEEK_UNKNOWN ? "as before" : kMD5B);
+        EXPECT_EQ(std::string(result.szVirusDesc), ulExpected == TARN_PEEK_UNKNOWN ? "" : "Win.Test.A");
     };
-    const std::string strChanged = std::string("1") + kMD5B + "Win.Test.A";
-    ASSERT_TRUE(LocalCacheInit() == TARN_OK && Add(m_strFile, kMD5B, 0, "Win.Test.A") == TARN_OK && WaitForAdded(1));
-    EXPECT_TRUE(peek(m_strOther) == "0-" && peek(m_strFile) == "2" + strChanged.substr(1));
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    ASSERT_EQ(Add(m_strFile, kMD5B, 0, "Win.Test.A"), TARN_OK);
+    WaitForAdded(1);
+    expectPeek(m_strOther, TARN_PEEK_UNKNOWN);
+    expectPeek(m_strFile, TARN_PEEK_KNOWN);
     m_install.WriteFile("file", "another content");
-    EXPECT_TRUE(Lookup(m_strFile) == TARN_NOT_CACHED && peek(m_strFile) == strChanged);
+    EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
+    expectPeek(m_strFile, TARN_PEEK_CHANGED);
     std::filesystem::remove(m_strFile);
-    EXPECT_TRUE(peek(m_strFile) == strChanged && peek("/no/file") == "0-");
-    EXPECT_TRUE(RecordedLog::Texts(2).empty()); // a file that is gone is an answer, not an error
-    EXPECT_TRUE(LocalCacheUnInit() == TARN_OK && RecordedLog::Contains("[LocalCacheUnInit]hit cache times: 0"));
+    expectPeek(m_strFile, TARN_PEEK_CHANGED);
+    expectPeek("/no/file", TARN_PEEK_UNKNOWN);
+    EXPECT_EQ(RecordedLog::Texts(2), std::vector<std::string>{}); // a file that is gone is an answer, not an error
+    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
+    EXPECT_TRUE(RecordedLog::Contains("[LocalCacheUnInit]hit cache times: 0"));
 }
 
 TEST_F(EntryPoints, FilesByHashComeInMd5OrderWithTheirPathsJoined) {
     std::filesystem::create_directory(m_install.Path("engine/cache/d")); // deeper than a path index reaches
     const std::string strLate = m_install.WriteFile("engine/cache/d/z"), strGone = m_install.WriteFile("gone");
-    ASSERT_TRUE(LocalCacheInit() == TARN_OK && Add(strLate, kMD5B) == TARN_OK &&
-                Add(m_strFile, kMD5B, 0x200) == TARN_OK && Add(m_strOther, kMD5A) == TARN_OK &&
-                Add(strGone, kMD5C, 0x80000000) == TARN_OK && WaitForAdded(4));
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    ASSERT_EQ(Add(strLate, kMD5B), TARN_OK);
+    ASSERT_EQ(Add(m_strFile, kMD5B, 0x200), TARN_OK);
+    ASSERT_EQ(Add(m_strOther, kMD5A), TARN_OK);
+    ASSERT_EQ(Add(strGone, kMD5C, 0x80000000), TARN_OK);
+    WaitForAdded(4);
     std::filesystem::remove(strGone);
     const std::string strSlots = std::string(kMD5B) + '\0' + kUnknown + '\0' + kMD5A + '\0' + kMD5C + '\0' + kMD5B;
     _CacheFileInfo *pInfos = nullptr;
     uint64_t ullCount = 0;
     ASSERT_EQ(LocalCacheFindFilesByHash(strSlots.c_str(), 5, &pInfos, &ullCount), TARN_OK);
-    std::string strAll;
+    std::vector<std::pair<std::string, std::string>> vecFound;
     for (uint64_t i = 0; i < ullCount; ++i) {
         char *const pszPaths = pInfos[i].pszFilePaths; // unaligned where it lies
-        strAll += std::string(pInfos[i].szMD5) + "=" + (pszPaths != nullptr ? pszPaths : "null") + "\n";
+        vecFound.emplace_back(pInfos[i].szMD5, pszPaths != nullptr ? pszPaths : "null");
     }
     const std::string strJoined = strLate + ";" + m_strFile + ";";
-    EXPECT_EQ(strAll, std::string(kMD5A) + "=" + m_strOther + ";\n" + kMD5C + "=null\n" + kUnknown + "=null\n" + kMD5B +
-                          "=" + strJoined + "\n=null\n");
+    const std::vector<std::pair<std::string, std::string>> vecExpected = {
+        {kMD5A, m_strOther + ";"}, {kMD5C, "null"}, {kUnknown, "null"}, {kMD5B, strJoined}, {"", "null"}};
+    EXPECT_EQ(vecFound, vecExpected);
     char *const pszKept = pInfos[3].pszFilePaths;
     LocalCacheFree(nullptr, 1);
     LocalCacheFree(pInfos, 0); // both refused

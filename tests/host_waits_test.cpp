@@ -10,7 +10,9 @@ class CHeldWriter {
   public:
     explicit CHeldWriter(const std::string &strStatement) {
         g_onStatement = [strStatement, pLetGo = m_pLetGo](const std::string &strText) {
-            EXPECT_TRUE(strText.rfind(strStatement, 0) != 0 || WaitFor([&] { return pLetGo->load(); }));
+            if (strText.starts_with(strStatement)) {
+                EXPECT_TRUE(WaitFor([&] { return pLetGo->load(); }));
+            }
         };
     }
     ~CHeldWriter() { LetGo(); }

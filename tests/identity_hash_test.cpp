@@ -55,12 +55,21 @@ TEST(PathIndex, TakesTheFirstCharacterOfEachDirectoryAndNothingMore) {
 TEST(IdentityHash, FailuresLeaveTheOutputAndBadArgumentsAreSilent) {
     uint32_t aulWords[2] = {7, 7};
     char szIndex[8] = "#######";
-    RecordedLog::Clear();
-    EXPECT_EQ(CalcFilePathCrc32("", aulWords) + CalcFileAttrCrc32("", aulWords) + CalcFilePathIndex("", szIndex, 5), 0);
-    EXPECT_EQ(CalcFilePathCrc32("/", nullptr) + CalcFileAttrCrc32(nullptr, aulWords), 0);
-    EXPECT_TRUE(RecordedLog::Lines().empty());
-    EXPECT_EQ(CalcFilePathCrc32("x", aulWords) + CalcFileAttrCrc32("/no", aulWords), 0);
-    EXPECT_TRUE(aulWords[0] == 7 && aulWords[1] == 7 && szIndex == std::string("#######"));
+    RecordedLog::SetSource("cacheutil");
+    for (const char *pszEmpty : {static_cast<const char *>(nullptr), ""}) {
+        EXPECT_EQ(CalcFilePathCrc32(pszEmpty, aulWords), 0);
+        EXPECT_EQ(CalcFileAttrCrc32(pszEmpty, aulWords), 0);
+        EXPECT_EQ(CalcFilePathIndex(pszEmpty, szIndex, 5), 0);
+    }
+    EXPECT_EQ(CalcFilePathCrc32("/", nullptr), 0);
+    EXPECT_EQ(CalcFileAttrCrc32("/", nullptr), 0);
+    EXPECT_EQ(CalcFilePathIndex("/", nullptr, 5), 0);
+    EXPECT_EQ(RecordedLog::Texts(), std::vector<std::string>{});
+    EXPECT_EQ(CalcFilePathCrc32("x", aulWords), 0);
+    EXPECT_EQ(CalcFileAttrCrc32("/no", aulWords), 0);
+    EXPECT_EQ(aulWords[0], 7U);
+    EXPECT_EQ(aulWords[1], 7U);
+    EXPECT_STREQ(szIndex, "#######");
     const std::string strNoFile = "[CalcFileAttrCrc32][cache] get file:/no attr failed, err:No such file or directory.";
     EXPECT_EQ(RecordedLog::Texts(2),
               (std::vector<std::string>{"[CalcFilePathCrc32][cache] the path:x is invalid.", strNoFile}));

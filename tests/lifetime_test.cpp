@@ -27,7 +27,11 @@ class Lifetime : public CAgentTest {
 
 TEST_F(Lifetime, AStartLogsEachStepInOrder) {
     ASSERT_EQ(Start(), TARN_OK);
+    sqlite3_stmt *pForgotten = nullptr; // holds a lock of the database until it is finalized
+    ASSERT_EQ(sqlite3_prepare_v2(g_pLibrary, "select * from sqlite_master", -1, &pForgotten, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(pForgotten), SQLITE_ROW);
     EXPECT_EQ(Stop(), TARN_OK); // a clean shut-down has nothing to say
+    EXPECT_TRUE(Run("begin exclusive"));
     const Texts vecExpected = {"[AgentInit][cache] read db config success.",
                                "[AgentInit][cache] disk have free space for db.", "[AgentInit][cache] open db success.",
                                "[AgentInit][cache] tables init success."};
@@ -46,6 +50,7 @@ TEST_F(Lifetime, FailedStartsSayWhy) {
         {"[AgentInit][cache] ReadDBConfig failed.", "", 1, [this] { fs::remove(m_install.Config()); }},
         {"[AgentInit][cache] ReadDBConfig failed.", "", 1, [this] { fs::remove_all(m_install.Path("engine")); }},
         {strDisk, "diskthreshold=100\n", 99},
+        {strDisk, "diskthreshold=-1\n", 1000000000}, // nearly 2^64 bytes
         {strDisk, "", -1},
         {"[OpenDB]RebuildDB failed.", "", 1,
          [this] { fs::create_symlink(m_install.Database(), m_install.Database()); }},
@@ -59,12 +64,12 @@ TEST_F(Lifetime, FailedStartsSayWhy) {
         g_liFreeMegabytes = testCase.liFreeMegabytes;
         testCase.damage();
         RecordedLog::Clear();
-        EXPECT_EQ(Start(0), TARN_E_FAIL) << testCase.strCause;
-        EXPECT_TRUE(RecordedLog::Contains(testCase.strCause)) << testCase.strCause;
+        EXPECT_EQ(Start(0), TARN_E_FAIL) << testCase.strCause << testCase.pszSettings;
+        EXPECT_TRUE(RecordedLog::Contains(testCase.strCause)) << testCase.strCause << testCase.pszSettings;
         EXPECT_EQ(RecordedLog::Texts().back().find("[AgentInit][cache] "), 0U);
         fs::create_directories(m_install.Path("engine/cache"));
     }
-    EXPECT_TRUE(ReadWholeFile(m_install.Database()) == std::string(8192, '?')); // nothing is thrown away
+    EXPECT_EQ(ReadWholeFile(m_install.Database()), std::string(8192, '?')); // nothing is thrown away
     fs::remove(m_install.Database());
     Configure("diskthreshold=100\n");
     g_liFreeMegabytes = 100;
@@ -139,7 +144,9 @@ TEST_F(Lifetime, TheWriterCountsItsStartAndWritesWithinASecond) {
     ASSERT_EQ(Add(File("file")), TARN_OK); // wakes nobody
     EXPECT_TRUE(WaitFor([this] { return Rows() == 1; }));
     EXPECT_EQ(Stop(), TARN_OK);
-    EXPECT_TRUE(IsSet("dbquerycounts=4") && IsSet("expiretime=99999999999") && IsSet("dbname=morcache.db"));
+    for (const char *pszLine : {"dbquerycounts=4", "expiretime=99999999999", "dbname=morcache.db"}) {
+        EXPECT_TRUE(IsSet(pszLine)) << pszLine;
+    }
     EXPECT_EQ(TestLoop::TimerPeriod(), 0U); // stopped
 }
 
@@ -153,7 +160,8 @@ TEST_F(Lifetime, AHalfBuiltAgentComesDownSafely) {
     EXPECT_EQ(agent.CheckModuleVersion(), 0xFFFFFFFFU);
     EXPECT_EQ(agent.BeginTransactoion(TransactionType::Deferred), TARN_E_FAIL);
     EXPECT_EQ(agent.CommitTransaction(), TARN_E_FAIL);
-    EXPECT_TRUE(agent.AdjustDBToActualSize() == 1 && agent.CheckDBIntegrity() == 1);
+    EXPECT_EQ(agent.AdjustDBToActualSize(), 1);
+    EXPECT_EQ(agent.CheckDBIntegrity(), 1);
     EXPECT_EQ(agent.AgentUnInit(), TARN_OK);
     EXPECT_EQ(RecordedLog::Texts(2).size(), 9U); // each names what is missing
 }

@@ -33,7 +33,7 @@ class Tables : public testing::Test {
     void SetUp() override {
         ASSERT_EQ(TableCreateCheckRebuild(&cache) | TableCreateCheckRebuild(&virus) | TableCreateCheckRebuild(&version),
                   TARN_OK);
-        RecordedLog::Clear();
+        RecordedLog::SetSource("cachetable");
     }
     const CTempInstall install;
     const CSecondConnection db{install.Database()};
@@ -101,7 +101,8 @@ TEST_F(Tables, SchemaIsKeptWhenItMatchesAndElseDroppedAndMadeAnew) {
     ASSERT_TRUE(db.Run("drop table VST; create view VST as select 1")); // cannot be dropped as a table
     EXPECT_EQ(TableCreateCheckRebuild(&table), TARN_E_FAIL);
     EXPECT_EQ(table.CheckTableIntegrity(), 1U);
-    EXPECT_EQ(RecordedLog::Texts(2).back(), "[__implCheckIntegrity]step table failed with error msg = SQL logic error");
+    EXPECT_EQ(RecordedLog::Texts(2).back(),
+              "xdatatable: [__implCheckIntegrity]step table failed with error msg = SQL logic error");
 }
 
 TEST_F(Tables, BusyDatabaseIsWaitedForAsOftenAsEachOperationSays) {
@@ -175,7 +176,7 @@ TEST_F(Tables, CacheCountsHitsAndRows) {
     EXPECT_EQ(db.Number("select count(*) from CT where QC = 3"), 2);
     EXPECT_EQ(cache.DeleteAllRecords(), 1);
     EXPECT_EQ(db.Number("select count(*) from CT"), 0);
-    EXPECT_TRUE(RecordedLog::Lines().empty());
+    EXPECT_TRUE(RecordedLog::Texts().empty());
     ASSERT_TRUE(db.Run("drop table CT"));
     EXPECT_EQ((Results{cache.QueryRecordsCount(&iCount), iCount}), (Results{SQLITE_ERROR, 2}));
     EXPECT_EQ(cache.DeleteAllRecords(), 0);

@@ -46,20 +46,26 @@ class Threads : public CAgentTest {
             ASSERT_EQ(AddFile(i), TARN_OK);
         }
     }
-    // Looks the file up and peeks at it: the number of hits, or -1 for a wrong answer.
-    int UseFile(int iFile) const {
+    // Looks the file up and peeks at it; whether the lookup was a hit.
+    bool UseFile(int iFile) const {
         char szMD5[TARN_MD5_TEXT_SIZE] = {};
         _SCAN_FILE_RESULT found = {};
-        const _SCAN_FILE_RESULT verdict = VerdictOf(iFile);
-        const auto isRight = [&] {
-            return DigestText(iFile + 1) == szMD5 && std::memcmp(&found, &verdict, sizeof found) == 0;
+        const auto expectRight = [&] {
+            const _SCAN_FILE_RESULT verdict = VerdictOf(iFile);
+            EXPECT_EQ(szMD5, DigestText(iFile + 1));
+            EXPECT_EQ(std::memcmp(&found, &verdict, sizeof found), 0) << iFile;
         };
-        uint32_t uState = TARN_PEEK_UNKNOWN;
-        const uint32_t uLookup = LocalCacheLookup(Path(iFile).c_str(), szMD5, &found);
-        const bool bFound = uLookup == TARN_OK ? isRight() : uLookup == TARN_NOT_CACHED;
-        const uint32_t uPeek = LocalCachePeek(Path(iFile).c_str(), szMD5, &found, &uState);
-        const bool bPeeked = uPeek == TARN_OK && (uState == TARN_PEEK_UNKNOWN || isRight());
-        return !bFound || !bPeeked ? -1 : uLookup == TARN_OK ? 1 : 0;
+        const uint32_t ulLookup = LocalCacheLookup(Path(iFile).c_str(), szMD5, &found);
+        if (ulLookup != TARN_NOT_CACHED) {
+            EXPECT_EQ(ulLookup, TARN_OK);
+            expectRight();
+        }
+        uint32_t ulState = TARN_PEEK_UNKNOWN;
+        EXPECT_EQ(LocalCachePeek(Path(iFile).c_str(), szMD5, &found, &ulState), TARN_OK);
+        if (ulState != TARN_PEEK_UNKNOWN) {
+            expectRight();
+        }
+        return ulLookup == TARN_OK;
     }
     static uint32_t AddedCount() {
         _LOCAL_CACHE_STATISTIC statistic = {};
@@ -77,9 +83,7 @@ TEST_F(Threads, EveryThreadGetsRightAnswersWhileTheCacheIsCleaned) {
             const int iFile = (iThread * 37 + i * 7) % kFiles;
             EXPECT_EQ(AddFile(iFile), TARN_OK);
             for (const int iUsed : {iFile, kFiles - 1 - iFile}) {
-                const int nUsed = UseFile(iUsed);
-                EXPECT_GE(nUsed, 0) << iUsed;
-                nHits += nUsed;
+                nHits += UseFile(iUsed) ? 1 : 0;
             }
             if (i % 16 == iThread) {
                 TestLoop::FireTimer();
@@ -92,7 +96,7 @@ TEST_F(Threads, EveryThreadGetsRightAnswersWhileTheCacheIsCleaned) {
     EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
     EXPECT_EQ(Rows(), kFiles);
     EXPECT_EQ(Query("pragma integrity_check"), "ok");
-    EXPECT_TRUE(RecordedLog::Contains("[LocalCacheUnInit]hit cache times: " + std::to_string(nHits)));
+    EXPECT_TRUE(RecordedLog::Contains("tarncache: [LocalCacheUnInit]hit cache times: " + std::to_string(nHits)));
     for (const std::string &strLine : RecordedLog::Texts(2)) { // a vacuum gives way to readers; nothing else may fail
         EXPECT_NE(strLine.find("cannot VACUUM - SQL statements in progress"), std::string::npos) << strLine;
     }
@@ -100,23 +104,35 @@ TEST_F(Threads, EveryThreadGetsRightAnswersWhileTheCacheIsCleaned) {
 
 TEST_F(Threads, StartsAndEndsNestInAnyOrder) {
     MakeFiles(2);
-    std::atomic<int> nWrong = 0;
     RunThreads([&](int iThread) {
         for (int i = 0; i < 20; ++i) {
             const int nDepth = 1 + (iThread + i) % 3;
             for (int k = 0; k < nDepth; ++k) {
-                nWrong += (k % 2 == 0 ? LocalCacheInit() : LocalCacheInitEx()) == TARN_OK ? 0 : 1;
+                EXPECT_EQ(k % 2 == 0 ? LocalCacheInit() : LocalCacheInitEx(), TARN_OK);
             }
-            nWrong += AddFile(1) == TARN_OK ? 0 : 1;
+            EXPECT_EQ(AddFile(1), TARN_OK);
             for (int k = 0; k < nDepth; ++k) {
-                nWrong += LocalCacheUnInit() == TARN_OK ? 0 : 1;
+                EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
             }
         }
     });
-    EXPECT_EQ(nWrong, 0);
     EXPECT_EQ(LocalCacheUnInit(), TARN_E_NOT_MATCHED);
-    EXPECT_EQ(RecordedLog::Count("[LocalCacheUnInit]Weed out cache counts: 0"),
+    EXPECT_EQ(RecordedLog::Count("tarncache: [LocalCacheUnInit]Weed out cache counts: 0"),
               RecordedLog::Count("[AgentInit][cache] tables init success.")); // each agent that was built ended
+}
+
+TEST_F(Threads, AHostThatHoldsTheMutexHoldsUpStartsAndEnds) {
+    for (uint32_t (*const pCall)() : {LocalCacheInit, LocalCacheInitEx, LocalCacheUnInit}) {
+        std::atomic<bool> bReturned = false;
+        ASSERT_EQ(pthread_mutex_lock(&g_DBMutex), 0);
+        std::jthread caller([&] {
+            EXPECT_EQ(pCall(), TARN_OK);
+            bReturned = true;
+        });
+        EXPECT_TRUE(WaitFor([&] { return bReturned || g_DBMutex.__data.__lock == 2; })); // 2: somebody waits for it
+        EXPECT_FALSE(bReturned);
+        ASSERT_EQ(pthread_mutex_unlock(&g_DBMutex), 0);
+    }
 }
 
 TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
@@ -134,7 +150,7 @@ TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
     EXPECT_TRUE(
         WaitFor([] { return RecordedLog::Contains("[DoBatchWriteJobs]InsertRecord failed with error code = 10"); }));
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(UseFile(i), 1); // what was stored before answers
+        EXPECT_TRUE(UseFile(i)) << i; // what was stored before answers
     }
     LimitFileSize(0); // a caller's own write fails too, and its thread lives
     _SCAN_FILE_RESULT verdict = Verdict(1, 1, "New.Virus");

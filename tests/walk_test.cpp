@@ -4,6 +4,8 @@
 #include "tests/support/install.h"
 #include "tests/support/services.h"
 
+#include <bit>
+#include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -19,6 +21,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr char kBroken[] = "broken";               // a file whose status cannot be read
 std::function<bool(const std::string &)> g_onHash; // called with each text that is hashed until it answers true
 
 bool Logged(const std::string &strText) {
@@ -27,12 +30,15 @@ bool Logged(const std::string &strText) {
 
 class Walk : public testing::Test {
   protected:
+    static int64_t HashOf(const std::string &strPath) {
+        uint32_t aulWords[2] = {};
+        EXPECT_EQ(CalcFilePathCrc32(strPath.c_str(), aulWords), 1);
+        return std::bit_cast<int64_t>(aulWords);
+    }
     // A record as an addition of the path leaves it, with an earlier text in its path field.
     _CacheRecordEx &AddRecord(const std::string &strPath, const std::string &strMD5 = "md5") {
         _CacheRecordEx &record = m_listRecords.emplace_back(_CacheRecordEx{{}, "before"});
-        uint32_t aulWords[2] = {};
-        EXPECT_EQ(CalcFilePathCrc32(strPath.c_str(), aulWords), 1);
-        std::memcpy(&record.liFilePathHash, aulWords, sizeof record.liFilePathHash);
+        record.liFilePathHash = HashOf(strPath);
         EXPECT_EQ(CalcFilePathIndex(strPath.c_str(), record.szFilePathIndex, kPathIndexLength), 1);
         m_map[strMD5].push_back(&record);
         return record;
@@ -42,7 +48,7 @@ class Walk : public testing::Test {
         return m_install.Path(strBelow) + "/";
     }
     void Run() {
-        RecordedLog::Clear();
+        RecordedLog::SetSource("dbfileutil");
         RecordedLog::SetDebug(true);
         EXPECT_EQ(CdbFileUtil().FindFilesByCchRecords(m_map), 0U);
         RecordedLog::SetDebug(false);
@@ -63,13 +69,36 @@ extern "C" __attribute__((visibility("default"))) uint32_t Crc32(uint32_t seed, 
     return pReal(seed, data, length);
 }
 
+extern "C" __attribute__((visibility("default"))) int fstatat(int fd, const char *pszName, struct stat *pStatus,
+                                                              int iFlags) noexcept {
+    if (std::strcmp(pszName, "broken") == 0) {
+        errno = EIO;
+        return -1;
+    }
+    static const auto pReal = reinterpret_cast<decltype(&fstatat)>(dlsym(RTLD_NEXT, "fstatat64"));
+    return pReal(fd, pszName, pStatus, iFlags);
+}
+
 TEST_F(Walk, FilterPassesDirectoriesThatCouldHoldARecord) {
-    const auto skips = [](const char *pszDir, std::vector<std::string> vec) {
-        return CdbFileUtil().FilterDir(pszDir, vec);
-    };
-    EXPECT_TRUE(skips("/", {}) && skips("/", {""}) && skips("/usr/x/", {"/"}) && skips("/usr/x/", {"/v"}));
-    EXPECT_FALSE(skips("/", {"/"}) || skips("/usr/", {"/"}) || skips("/usr/x/", {"/v", "/u"}) ||
-                 skips("/a/b/c/", {"/ab"}) || skips("/a/b/c/d/e/f/", {"/abcd"}) || skips("", {}));
+    const struct {
+        const char *pszDir;
+        std::vector<std::string> vecIndexes;
+        bool bSkipped = false;
+    } cases[] = {{"/", {}, true},
+                 {"/", {""}, true},
+                 {"/usr/x/", {"/"}, true},
+                 {"/usr/x/", {"/v"}, true},
+                 {"/", {"/"}},
+                 {"/usr/", {"/"}},
+                 {"/a/b/c/", {"/ab"}},
+                 {"/usr/x/", {"/v", "/u"}},
+                 {"", {}},
+                 {"/a/b/c/d/e/f/", {"/abcd"}}};
+    RecordedLog::SetSource("dbfileutil");
+    for (const auto &[pszDir, vecIndexes, bSkipped] : cases) {
+        EXPECT_EQ(CdbFileUtil().FilterDir(pszDir, vecIndexes), bSkipped)
+            << pszDir << testing::PrintToString(vecIndexes);
+    }
     EXPECT_EQ(RecordedLog::Texts(2), std::vector<std::string>{"[FilterDir]CalFilePathIndex failed."});
     m_map = {{"a", {}}, {"b", {nullptr, nullptr}}};
     Run(); // nothing is entered without records
@@ -81,7 +110,8 @@ TEST_F(Walk, FindsRegularFilesUnderAnyNameAndFollowsNoLink) {
     const std::string strPlain = m_install.WriteFile("tree/sub/plain");
     fs::create_symlink("plain", strDir + "link");
     fs::create_symlink("..", strDir + "loop");
-    ASSERT_EQ(mkfifo((strDir + "fifo").c_str(), 0600) | mknod((strDir + "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    ASSERT_EQ(mkfifo((strDir + "fifo").c_str(), 0600), 0);
+    ASSERT_EQ(mknod((strDir + "socket").c_str(), S_IFSOCK | 0600, 0), 0);
     const std::string strOdd = m_install.WriteFile("tree/na\nme;\xff\xfe %s");
     m_map["a"] = {nullptr};
     for (const char *pszName : {"link", "loop/sub/plain", "fifo", "socket", "gone", "", "plain"}) {
@@ -92,7 +122,8 @@ TEST_F(Walk, FindsRegularFilesUnderAnyNameAndFollowsNoLink) {
     const auto nBefore = descriptors();
     Run();
     EXPECT_EQ(descriptors(), nBefore);
-    EXPECT_TRUE(first.szFilePath == strPlain && odd.szFilePath == strOdd);
+    EXPECT_EQ(first.szFilePath, strPlain);
+    EXPECT_EQ(odd.szFilePath, strOdd);
     for (const _CacheRecordEx *pRecord : m_map["b"]) {
         EXPECT_STREQ(pRecord->szFilePath, "before") << pRecord->liFilePathHash;
     }
@@ -115,10 +146,13 @@ TEST_F(Walk, ReachesPathsUpToTheLimitAndSkipsLongerOnes) {
     const std::string strLastDir = name(4094, 'h');
     close(openat(fd, strFits.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
     close(openat(fd, strOver.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-    EXPECT_EQ(close(makeDir(strOverDir)) | close(makeDir(strLastDir)) | close(fd), 0);
+    for (const int fdOpen : {makeDir(strOverDir), makeDir(strLastDir), fd}) {
+        EXPECT_EQ(close(fdOpen), 0);
+    }
     const _CacheRecordEx &fits = AddRecord(strDeep + strFits), &over = AddRecord(strDeep + strOver);
     Run();
-    EXPECT_TRUE(fits.szFilePath == strDeep + strFits && over.szFilePath == std::string("before"));
+    EXPECT_EQ(fits.szFilePath, strDeep + strFits);
+    EXPECT_STREQ(over.szFilePath, "before");
     EXPECT_TRUE(Logged("the length of the [" + strDeep + strOver + "]  is over the 4096."));
     EXPECT_TRUE(Logged("the length of path:" + strDeep + strOverDir + " is over the max size of linux path."));
     EXPECT_FALSE(Logged("the length of path:" + strDeep + strLastDir + " is over the max size of linux path."));
@@ -150,6 +184,39 @@ TEST_F(Walk, SurvivesDirectoriesThatVanishOrBecomeLinks) {
     EXPECT_EQ(setPaths, (std::multiset<std::string>{"before", "before", vecDirs[0] + "x"}));
 }
 
+TEST_F(Walk, AFailedStatusShowsAgainAtTheEndOfItsDirectoryWhenItsErrorIsNew) {
+    for (const char *pszDir : {"r/a", "r/b"}) { // read one right after the other
+        (void)AddRecord(m_install.WriteFile(MakeDir(pszDir) + "broken"));
+    }
+    Run();
+    const std::string strError = "Input/output error";
+    for (const char *pszFile : {"r/a/broken", "r/b/broken"}) {
+        EXPECT_TRUE(Logged("get file " + m_install.Path(pszFile) + " stat failed. error:" + strError)) << pszFile;
+    }
+    EXPECT_EQ(RecordedLog::Count("[FindFilesByCchRecords]readdir failed with error:" + strError + "."), 1U);
+}
+
+TEST_F(Walk, OfTwoFilesWithOneHashTheDeeperOneIsReadLaterAndStays) {
+    for (const auto &[pszUpper, pszLower] : {std::pair("a/", "b/d/"), std::pair("b/", "a/d/")}) {
+        std::map<int64_t, std::string> mapHigh;
+        std::string strLow;
+        for (int i = 0; i == 0 || !mapHigh.contains(HashOf(strLow)); ++i) {
+            const std::string strHigh = m_install.Path(pszUpper + std::to_string(i) + "/x");
+            mapHigh[HashOf(strHigh)] = strHigh;
+            strLow = m_install.Path(pszLower + std::to_string(i) + "/x");
+        }
+        const _CacheRecordEx *apRecords[2] = {};
+        m_map.clear();
+        for (const std::string &strPath : {mapHigh[HashOf(strLow)], strLow}) {
+            fs::create_directories(fs::path(strPath).parent_path());
+            apRecords[strPath == strLow ? 1 : 0] = &AddRecord(m_install.WriteFile(strPath));
+        }
+        Run();
+        EXPECT_EQ(apRecords[0]->szFilePath, strLow); // the first record with a hash takes them all
+        EXPECT_STREQ(apRecords[1]->szFilePath, "before");
+    }
+}
+
 // The walk asks a set of prefixes in place of FilterDir: both must answer alike for every directory.
 TEST_F(Walk, EntersExactlyWhatFilterDirPasses) {
     std::vector<std::pair<std::string, std::string>> vecDirs; // a directory, and a child that shows that it was entered
@@ -177,5 +244,6 @@ TEST_F(Walk, EntersExactlyWhatFilterDirPasses) {
             nEntered += bPasses ? 1 : 0;
         }
     }
-    EXPECT_TRUE(nEntered > 0 && nEntered < 12 * vecDirs.size());
+    EXPECT_GT(nEntered, 0U);
+    EXPECT_LT(nEntered, 12 * vecDirs.size());
 }

@@ -16,14 +16,15 @@
 
 namespace {
 
+struct _LogLine {
+    int iLevel;
+    std::string strSource, strText;
+};
+
 std::mutex g_logMutex;
 std::vector<_LogLine> g_vecLines;
+std::string g_strSource;
 std::atomic<bool> g_bDebug = false;
-std::atomic<int64_t> g_liTime = -1; // below 0: the real time
-std::atomic<int> g_iThreadError = 0;
-std::atomic<bool> g_bFailTimers = false;
-std::atomic<bool> g_bFire = false;
-std::atomic<uint64_t> g_ullPeriod = 0;
 
 struct _Timer : cl_timerplus {
     cl_timerplus_cb callback;
@@ -38,18 +39,19 @@ void Clear() {
     const std::lock_guard guard(g_logMutex);
     g_vecLines.clear();
 }
+void SetSource(const std::string &strSource) {
+    Clear();
+    g_strSource = strSource;
+}
 void SetDebug(bool bOn) {
     g_bDebug = bOn;
 }
-std::vector<_LogLine> Lines() {
-    const std::lock_guard guard(g_logMutex);
-    return g_vecLines;
-}
 std::vector<std::string> Texts(int iLevel) {
     std::vector<std::string> vecTexts;
-    for (const _LogLine &line : Lines()) {
+    const std::lock_guard guard(g_logMutex);
+    for (const _LogLine &line : g_vecLines) {
         if (iLevel == 0 || line.iLevel == iLevel) {
-            vecTexts.push_back(line.strText);
+            vecTexts.push_back(line.strSource == g_strSource ? line.strText : line.strSource + ": " + line.strText);
         }
     }
     return vecTexts;
@@ -63,35 +65,6 @@ bool Contains(const std::string &strText) {
 }
 
 } // namespace RecordedLog
-
-namespace TestClock {
-void Set(int64_t liSeconds) {
-    g_liTime = liSeconds;
-}
-void UseRealTime() {
-    g_liTime = -1;
-}
-} // namespace TestClock
-
-namespace TestLoop {
-void FailThreads(int iError) {
-    g_iThreadError = iError;
-}
-void FailTimers(bool bFail) {
-    g_bFailTimers = bFail;
-}
-void FireTimer() {
-    g_bFire = true;
-}
-uint64_t TimerPeriod() {
-    return g_ullPeriod;
-}
-void Reset() {
-    g_iThreadError = 0;
-    g_bFailTimers = false;
-    g_bFire = false;
-}
-} // namespace TestLoop
 
 bool WaitFor(const std::function<bool()> &condition) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -124,7 +97,7 @@ __attribute__((visibility("default"))) int is_open_debug_log_avscan(void) {
 __attribute__((visibility("default"))) time_t time(time_t *pTime) noexcept {
     timespec now = {};
     (void)clock_gettime(CLOCK_REALTIME, &now);
-    const time_t result = g_liTime >= 0 ? static_cast<time_t>(g_liTime) : now.tv_sec;
+    const time_t result = TestClock::s_liTime >= 0 ? static_cast<time_t>(TestClock::s_liTime) : now.tv_sec;
     if (pTime != nullptr) {
         *pTime = result;
     }
@@ -139,33 +112,34 @@ __attribute__((visibility("default"))) int usleep(useconds_t) {
 
 __attribute__((visibility("default"))) int cl_ev_create_isolated_thread(pthread_t *thread, int, void *(*entry)(void *),
                                                                         void *arg) {
-    return g_iThreadError != 0 ? g_iThreadError.load() : pthread_create(thread, nullptr, entry, arg);
+    return TestLoop::s_iThreadError != 0 ? TestLoop::s_iThreadError.load()
+                                         : pthread_create(thread, nullptr, entry, arg);
 }
 
 __attribute__((visibility("default"))) void cl_ev_loop_nowait(int) {}
 
 __attribute__((visibility("default"))) void cl_event_loop_once(void) {
-    if (t_pTimer != nullptr && g_bFire.exchange(false)) {
+    if (t_pTimer != nullptr && TestLoop::s_bFire.exchange(false)) {
         t_pTimer->callback(t_pTimer.get());
     }
 }
 
 __attribute__((visibility("default"))) int cl_ev_cb_count(void) {
-    return 0;
+    return TestLoop::s_iDueCallbacks;
 }
 
 __attribute__((visibility("default"))) cl_timerplus *
 cl_timerplus_start(int, uint64_t periodMs, cl_timerplus_cb callback, void *userData, int, int) {
-    if (g_bFailTimers) {
+    if (TestLoop::s_bFailTimers) {
         return nullptr;
     }
     t_pTimer = std::make_unique<_Timer>(_Timer{{userData}, callback});
-    g_ullPeriod = periodMs;
+    TestLoop::s_ullPeriod = periodMs;
     return t_pTimer.get();
 }
 
 __attribute__((visibility("default"))) void cl_timerplus_stop(cl_timerplus *) {
-    g_ullPeriod = 0;
+    TestLoop::s_ullPeriod = 0;
 }
 
 __attribute__((visibility("default"))) void cl_timerplus_close(cl_timerplus *) {

@@ -1,0 +1,110 @@
+// What fills the queues, what wakes the writer, and which queue it writes first.
+#include "tests/agent_fixture.h"
+
+#include <set>
+
+namespace {
+std::atomic<bool> g_bLongWaits = false;              // only a signal ends the writer's waits for work
+std::atomic<pthread_cond_t *> g_pWorkCond = nullptr; // the condition of the first of them
+std::atomic<int> g_nWorkWaits = 0;
+std::atomic<int> g_nPauses = 0; // waits for anything else
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) int
+pthread_cond_timedwait(pthread_cond_t *pCond, pthread_mutex_t *pMutex, const timespec *pDeadline) {
+    using Function = int (*)(pthread_cond_t *, pthread_mutex_t *, const timespec *);
+    static const auto pWait = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_cond_timedwait"));
+    timespec deadline = *pDeadline;
+    if (pthread_cond_t *pFirst = nullptr; g_bLongWaits) {
+        const bool bForWork = g_pWorkCond.compare_exchange_strong(pFirst, pCond) || pFirst == pCond;
+        ++(bForWork ? g_nWorkWaits : g_nPauses);
+        deadline.tv_sec += bForWork ? 86400 : 0;
+    }
+    return pWait(pCond, pMutex, &deadline);
+}
+
+class Queues : public CAgentTest {
+  protected:
+    Queues() { g_bLongWaits = false; }
+    // As many additions as fill the hit map once they are looked up; returns their paths: those of 200 files, every
+    // spelling of whose folder makes other files of them.
+    Texts AddFiles() {
+        Texts vecFiles;
+        std::set<uint32_t> setFolders;
+        for (std::string strFolder = m_install.Path("engine/"); vecFiles.size() < 20000; strFolder += "./") {
+            uint32_t aulKey[2] = {};
+            EXPECT_EQ(CalcFilePathCrc32(strFolder.c_str(), aulKey), 1);
+            for (int i = setFolders.insert(aulKey[1]).second ? 100 : 300; i < 300; ++i) { // two may hash alike
+                (void)(vecFiles.size() < 200 ? File("engine/" + std::to_string(i)) : "");
+                vecFiles.push_back(strFolder + std::to_string(i));
+                EXPECT_EQ(Add(vecFiles.back()), TARN_OK);
+            }
+        }
+        m_pAgent->RunWritePass(false);
+        EXPECT_EQ(RowsOfEngine(1), 20000);
+        return vecFiles;
+    }
+};
+
+TEST_F(Queues, FullQueuesAreWrittenBeforeHalfFullOnes) {
+    ASSERT_EQ(Start(), TARN_OK);
+    const Texts vecFiles = AddFiles();
+    const auto pass = [&](size_t nHits, size_t nAdds, int iEngine) {
+        for (size_t i = 0; i < nHits; ++i) {
+            EXPECT_EQ(Lookup(vecFiles[i]), TARN_OK);
+        }
+        for (size_t i = 0; i < nAdds; ++i) {
+            EXPECT_EQ(Add(vecFiles[i], Verdict(iEngine)), TARN_OK);
+        }
+        m_pAgent->RunWritePass(false);
+        return RowsOfEngine(iEngine);
+    };
+    EXPECT_EQ(pass(19999, 1, 2), 1); // neither is full: both are written, hits after additions
+    EXPECT_EQ(Rows("QC = 1"), 19999);
+    EXPECT_EQ(pass(20000, 9999, 3), 0); // one short of full waits behind the full hit map
+    EXPECT_EQ(Rows("QC = 2"), 19999);
+    EXPECT_EQ(pass(0, 0, 3), 9999);
+    EXPECT_EQ(pass(20000, 10000, 4), 10000);
+    EXPECT_EQ(Rows("QC > 0"), 20000);
+    EXPECT_EQ(Statistics().ulHitCount, 59999U);
+    EXPECT_EQ(Statistics().ulAddedCount, 40000U);
+}
+
+TEST_F(Queues, FullQueuesAnUrgentFileStatisticsAndShutDownWakeTheWriter) {
+    ASSERT_EQ(Start(), TARN_OK);
+    const Texts vecFiles = AddFiles();
+    g_bLongWaits = true;
+    g_pWorkCond = nullptr;
+    g_nWorkWaits = g_nPauses = 0;
+    TestLoop::SetDueCallbacks(1); // the writer goes on at once
+    ASSERT_EQ(Start(0), TARN_OK);
+    const auto wakes = [this](int nWaits, const std::string &strWhere, int64_t liRows, const auto &act) {
+        ASSERT_FALSE(HasFailure()); // each wait of its own would take a minute
+        ASSERT_TRUE(WaitFor([&] { return g_nWorkWaits == nWaits; })) << strWhere;
+        act();
+        EXPECT_TRUE(WaitFor([&] { return Rows(strWhere) == liRows; })) << strWhere;
+    };
+    wakes(1, "QC = 1", 20000, [&] {
+        for (const std::string &strFile : vecFiles) {
+            EXPECT_EQ(Lookup(strFile), TARN_OK);
+        }
+    });
+    wakes(2, "QC = 0", 1, [&] {
+        for (int i = 0; i < 10000; ++i) {
+            EXPECT_EQ(Add(vecFiles[0]), TARN_OK);
+        }
+    });
+    wakes(3, "FTV & 0x100", 1, [&] { EXPECT_EQ(Add(vecFiles[1], Verdict(1, 0x100)), TARN_OK); });
+    wakes(4, "FTV & 4", 1, [&] {
+        EXPECT_EQ(g_nPauses, 0);
+        TestLoop::SetDueCallbacks(0);
+        EXPECT_EQ(Add(vecFiles[2], Verdict(1, 4)), TARN_OK); // wakes nobody
+        (void)Statistics();
+    });
+    wakes(5, "FTV & 4", 1, [] { EXPECT_EQ(g_nPauses, 1); });
+    ASSERT_EQ(Add(File("last")), TARN_OK);
+    ASSERT_EQ(Lookup(vecFiles[0]), TARN_OK);
+    EXPECT_EQ(Stop(), TARN_OK);
+    EXPECT_EQ(Rows(), 20001);
+    EXPECT_EQ(Rows("QC = 1"), 19998);
+}
