@@ -91,8 +91,10 @@ bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFinger
     if (!root.Prepare(strError)) {
         return false;
     }
-    const bool bDone =
-        TakeLocks(root, bStop, listener, strError) && Open(root, strFingerprint, bStop, listener, strError);
+    const auto note = [&listener] { listener.onNote("waiting for digests that are being withdrawn"); };
+    const bool bDone = m_scanLock.TryTake(root.ScanLock(), "another scan is using it", strError) &&
+                       m_updateLock.Take(root.UpdateLock(), bStop, note, strError) &&
+                       Open(root, strFingerprint, bStop, listener, strError);
     listener.onProgress("");
     // After an interruption the cache may still be at work on a list, until it is closed.
     if (bDone && !bStop.load()) {
@@ -102,23 +104,6 @@ bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFinger
         Close();
     }
     return bDone;
-}
-
-bool CCacheSession::TakeLocks(const CInstallRoot &root, const std::atomic<bool> &bStop, const _CacheListener &listener,
-                              std::string &strError) {
-    ELock eLock = m_scanLock.TryTake(root.ScanLock(), strError);
-    if (eLock == ELock::Busy) {
-        strError = "another scan is using it";
-    }
-    if (eLock != ELock::Taken) {
-        return false;
-    }
-    const auto note = [&listener] { listener.onNote("waiting for digests that are being withdrawn"); };
-    eLock = m_updateLock.Take(root.UpdateLock(), bStop, note, strError);
-    if (eLock == ELock::Busy) {
-        strError = "interrupted";
-    }
-    return eLock == ELock::Taken;
 }
 
 bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,

@@ -47,8 +47,6 @@ class CCacheSession {
     bool Add(const std::string &strPath, const struct stat &status, const _FileVerdict &verdict) const;
 
   private:
-    bool TakeLocks(const CInstallRoot &root, const std::atomic<bool> &bStop, const _CacheListener &listener,
-                   std::string &strError);
     bool Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
               const _CacheListener &listener, std::string &strError);
     void Close();

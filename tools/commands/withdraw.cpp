@@ -97,8 +97,7 @@ EExitStatus RunWithdraw(const _WithdrawOptions &options) {
     CFileLock lock;
     const std::atomic<bool> bNeverStop = false; // a signal ends this command at once
     const auto note = [] { PrintMessage("waiting for a scan that takes an earlier list"); };
-    if (lock.Take(root.UpdateLock(), bNeverStop, note, strError) != ELock::Taken ||
-        !AddPending(root, vecMD5, strError)) {
+    if (!lock.Take(root.UpdateLock(), bNeverStop, note, strError) || !AddPending(root, vecMD5, strError)) {
         return Fail(strError);
     }
     std::sort(vecMD5.begin(), vecMD5.end());
