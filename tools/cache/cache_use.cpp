@@ -19,6 +19,7 @@ CCacheUse::~CCacheUse() {
 }
 
 bool CCacheUse::StartForQuestions(const CInstallRoot &root, std::string &strError) {
+    root.ExportToLibrary();
     const uint32_t ulCode = root.IsSetUp() ? LocalCacheInitReader() : TARN_NOT_CACHED;
     m_bStarted = ulCode == TARN_OK;
     if (ulCode == TARN_NOT_CACHED) {
@@ -36,6 +37,7 @@ bool CCacheUse::StartForDeletions(const CInstallRoot &root, std::string &strErro
         strError = NoCacheText(root);
         return false;
     }
+    root.ExportToLibrary();
     const uint32_t ulCode = LocalCacheInitEx();
     m_bStarted = ulCode == TARN_OK;
     if (!m_bStarted) {

@@ -111,6 +111,7 @@ bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerp
     if (!CheckPendingList(root, listener, strError)) {
         return false;
     }
+    root.ExportToLibrary();
     const uint32_t ulStarted = LocalCacheInit();
     if (ulStarted != TARN_OK) {
         strError = StartFailureText(root, ulStarted);

@@ -97,7 +97,6 @@ EExitStatus RunFind(const _FindOptions &options) {
         return EExitStatus::Success;
     }
     const CInstallRoot root(options.strRoot);
-    root.ExportToLibrary();
     CCacheUse cache;
     std::vector<_FoundDigest> vecFound;
     if (!cache.StartForQuestions(root, strError) || !FindWithProgress(vecMD5, vecFound, strError)) {

@@ -34,7 +34,6 @@ EExitStatus RunForget(const _ForgetOptions &options) {
         return Fail(strError);
     }
     const CInstallRoot root(options.strRoot);
-    root.ExportToLibrary();
     CCacheUse cache;
     if (!cache.StartForDeletions(root, strError)) {
         return Fail(strError);

@@ -61,7 +61,6 @@ uint32_t LookUp(const std::string &strPath, _Known &known) {
 
 EExitStatus RunLookup(const _LookupOptions &options) {
     const CInstallRoot root(options.strRoot);
-    root.ExportToLibrary();
     std::string strError;
     CCacheUse cache;
     if (!cache.StartForQuestions(root, strError)) {

@@ -51,7 +51,6 @@ class CScanCommand {
 };
 
 EExitStatus CScanCommand::Run() {
-    m_root.ExportToLibrary();
     if (!CInterrupt::Install()) {
         return Fail("cannot prepare for signals");
     }

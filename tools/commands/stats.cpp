@@ -28,7 +28,6 @@ std::string StatsText(const CInstallRoot &root, uint64_t ullRecords) {
 
 EExitStatus RunStats(const _StatsOptions &options) {
     const CInstallRoot root(options.strRoot);
-    root.ExportToLibrary();
     std::string strError;
     CCacheUse cache;
     if (!cache.StartForQuestions(root, strError)) {
