@@ -83,6 +83,10 @@ uint32_t CDataBaseAgent::DBTablesInit() {
         TARN_LOG_ERROR("[%s][cache] CheckModuleVersion failed.");
         ulResult = TARN_E_FAIL;
     }
+    if (ulResult == TARN_OK && m_config.bProtect) {
+        m_pIdentity = std::make_unique<CIdentity>(m_connection.Handle());
+        ulResult = m_pIdentity->Open(m_config, m_pCacheTable->m_strTableName);
+    }
     if (ulResult != TARN_OK) {
         DBTablesUnInit();
     }
@@ -101,6 +105,10 @@ uint32_t CDataBaseAgent::StartReader() NO_THREAD_SAFETY_ANALYSIS {
         return TARN_E_OUTOFMEMORY;
     }
     const bool bReadable = m_pCacheTable->OpenExisting() == 0 && m_pVirusTable->OpenExisting() == 0;
+    if (bReadable && m_config.bProtect) {
+        m_pIdentity = std::make_unique<CIdentity>(m_connection.Handle());
+        m_pIdentity->OpenForReading(m_config);
+    }
     return bReadable ? TARN_OK : TARN_E_FAIL;
 }
 
@@ -125,6 +133,7 @@ uint32_t CDataBaseAgent::CheckModuleVersion() {
 }
 
 void CDataBaseAgent::DBTablesUnInit() {
+    m_pIdentity.reset();
     m_pCacheTable.reset();
     m_pVirusTable.reset();
     m_pVersionTable.reset();

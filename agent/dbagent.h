@@ -16,6 +16,7 @@
 
 #include "agent/connection.h"
 #include "agent/find_progress.h"
+#include "agent/identity.h"
 #include "agent/markers.h"
 #include "agent/start_gate.h"
 #include "agent/write_queue.h"
@@ -203,13 +204,21 @@ class TARN_API CDataBaseAgent {
     bool IsDiskSpaceEnough() const;
     bool MakeTables();
     template <typename Table> uint32_t CheckTable(Table *pTable) NO_THREAD_SAFETY_ANALYSIS;
-    uint32_t AnswerLookup(const char *file, int64_t liPathHash, int32_t lAttrHash, char *md5_text,
+    uint32_t AnswerLookup(const char *file, int64_t liPathHash, const struct stat &status, char *md5_text,
                           _SCAN_FILE_RESULT *out);
-    bool QueryHit(const char *file, _CacheRecord &record, int32_t lAttrHash, char *md5_text, _SCAN_FILE_RESULT *out);
+    // 0, 101 (no such row) or a SQLite code. bHasCode is false for a record that must not answer.
+    uint32_t ReadRecord(_CacheRecord &record, bool &bHasCode) REQUIRES_SHARED(m_connection.m_tableLock);
+    // Is this record, which has its code, about this very file?
+    bool IsAbout(const _FileIdentity &file, const _CacheRecord &record, const char *pszDescription);
+    // Takes the file's status and asks for its file system. 0 or an errno value.
+    int IdentifyFile(const char *file, struct stat &status, uint64_t &ullFileSystem);
+    bool QueryHit(const _FileIdentity &file, _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out);
     void NoteHit(int64_t liPathHash);
-    uint32_t QueueRecord(const char *file, std::unique_ptr<_CacheRecord> pRecord, const char *md5_text,
-                         const _SCAN_FILE_RESULT *in);
-    uint32_t FindVirusIndex(const _SCAN_FILE_RESULT *in, int16_t &sVirusIndex);
+    uint32_t QueueRecord(const char *file, const struct stat &status, std::unique_ptr<_CacheRecord> pRecord,
+                         const char *md5_text, const _SCAN_FILE_RESULT *in);
+    uint32_t FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex);
+    bool InsertRecord(_CacheRecord &record) REQUIRES(m_connection.m_tableLock);
+    void SweepCodes() EXCLUDES(m_connection.m_tableLock);
     bool CopyRecordOut(const _CacheRecord &stored, _LOCAL_CACHE_RECORD &record)
         REQUIRES_SHARED(m_connection.m_tableLock);
     size_t WriteBatch() REQUIRES(m_connection.m_tableLock);
@@ -236,6 +245,9 @@ class TARN_API CDataBaseAgent {
     std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVirusTable> m_pVirusTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVersionTable> m_pVersionTable;
+    std::unique_ptr<CIdentity> m_pIdentity; // null without the key "protect"; set at start-up
+    int64_t m_liSweptTo = INT64_MIN;        // the writer thread's alone, with the flag
+    bool m_bSwept = false;
 
     pthread_t m_writerThread = 0;          // set at start-up, joined at shut-down
     cl_timerplus *m_pCleanTimer = nullptr; // the writer thread's alone

@@ -15,13 +15,7 @@ namespace {
 constexpr char kLogSource[] = "dbagent";
 constexpr size_t kRecordsAtOnce = 500; // read under one hold of the lock
 
-// What the file is now. A file that is gone is an ordinary answer here, not an error to be logged.
-void DescribeFile(const char *file, _LOCAL_CACHE_EXPLANATION &explanation) {
-    struct stat status = {};
-    if (lstat(file, &status) != 0) {
-        explanation.lStatusError = errno;
-        return;
-    }
+void DescribeFile(const struct stat &status, _LOCAL_CACHE_EXPLANATION &explanation) {
     explanation.lAttrHash = AttrHashOf(status);
     explanation.liFileSize = status.st_size;
     explanation.liChangeTime = status.st_ctim.tv_sec;
@@ -29,6 +23,14 @@ void DescribeFile(const char *file, _LOCAL_CACHE_EXPLANATION &explanation) {
 }
 
 } // namespace
+
+// A file that is gone is an ordinary answer here, not an error to be logged.
+int CDataBaseAgent::IdentifyFile(const char *file, struct stat &status, uint64_t &ullFileSystem) {
+    if (lstat(file, &status) != 0) {
+        return errno;
+    }
+    return m_pIdentity == nullptr || m_pIdentity->FindFileSystem(file, status, ullFileSystem) ? 0 : ESTALE;
+}
 
 uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_RESULT *out, bool *pbCurrent) {
     if (file == nullptr || md5_text == nullptr || out == nullptr || pbCurrent == nullptr) {
@@ -39,9 +41,11 @@ uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_
         return TARN_E_FAIL;
     }
     struct stat status = {};
-    const bool bThere = lstat(file, &status) == 0;
+    uint64_t ullFileSystem = 0;
+    bool bHasCode = false;
+    const bool bThere = IdentifyFile(file, status, ullFileSystem) == 0;
     const CReadLock lock(m_connection.m_tableLock);
-    if (const uint32_t ulResult = m_pCacheTable->QueryRecord(&record); ulResult != SQLITE_OK) {
+    if (const uint32_t ulResult = ReadRecord(record, bHasCode); ulResult != SQLITE_OK) {
         return ulResult == SQLITE_DONE ? TARN_NOT_CACHED : TARN_E_FAIL;
     }
     if (m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), out->szVirusDesc,
@@ -49,7 +53,7 @@ uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_
         return TARN_E_FAIL;
     }
     CopyVerdictOut(record, md5_text, out);
-    *pbCurrent = bThere && record.lFileAttrHash == AttrHashOf(status);
+    *pbCurrent = bThere && bHasCode && IsAbout({file, ullFileSystem, status}, record, out->szVirusDesc);
     return TARN_OK;
 }
 
@@ -73,9 +77,15 @@ uint32_t CDataBaseAgent::Explain(const char *file, _LOCAL_CACHE_EXPLANATION &exp
     if (!CalcPathHash(file, stored.liFilePathHash)) {
         return TARN_E_FAIL;
     }
-    DescribeFile(file, explanation);
+    struct stat status = {};
+    uint64_t ullFileSystem = 0;
+    explanation.lStatusError = IdentifyFile(file, status, ullFileSystem);
+    if (explanation.lStatusError == 0) {
+        DescribeFile(status, explanation);
+    }
+    bool bHasCode = false;
     const CReadLock lock(m_connection.m_tableLock);
-    const uint32_t ulResult = m_pCacheTable->QueryRecord(&stored);
+    const uint32_t ulResult = ReadRecord(stored, bHasCode);
     if (ulResult == SQLITE_DONE) {
         explanation.ulReason = TARN_WHY_UNKNOWN;
         return TARN_OK;
@@ -84,11 +94,16 @@ uint32_t CDataBaseAgent::Explain(const char *file, _LOCAL_CACHE_EXPLANATION &exp
         return TARN_E_FAIL;
     }
     explanation.ulHasRecord = 1;
-    const bool bDescribed = CopyRecordOut(stored, explanation.record);
-    explanation.ulReason = explanation.lStatusError != 0                   ? TARN_WHY_GONE
-                           : explanation.lAttrHash != stored.lFileAttrHash ? TARN_WHY_CHANGED
-                           : bDescribed                                    ? TARN_WHY_KNOWN
-                                                                           : TARN_WHY_DAMAGED;
+    if (!CopyRecordOut(stored, explanation.record)) {
+        explanation.ulReason = TARN_WHY_DAMAGED;
+    } else if (explanation.lStatusError != 0) {
+        explanation.ulReason = TARN_WHY_GONE;
+    } else if (explanation.lAttrHash != stored.lFileAttrHash) {
+        explanation.ulReason = TARN_WHY_CHANGED;
+    } else {
+        const bool bSame = bHasCode && IsAbout({file, ullFileSystem, status}, stored, explanation.record.szVirusDesc);
+        explanation.ulReason = bSame ? TARN_WHY_KNOWN : TARN_WHY_OTHER;
+    }
     return TARN_OK;
 }
 

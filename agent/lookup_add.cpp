@@ -17,15 +17,6 @@ constexpr char kLogSource[] = "dbagent";
 constexpr char kLookup[] = "CacheLookup"; // the names under which both forms log
 constexpr char kAdd[] = "CacheAdd";
 
-bool CalcAttrHash(const char *file, int32_t &lAttrHash) {
-    uint32_t ulHash = 0;
-    if (CalcFileAttrCrc32(file, &ulHash) == 0) {
-        return false;
-    }
-    lAttrHash = static_cast<int32_t>(ulHash);
-    return true;
-}
-
 // An empty record for the path; null with the reason logged and in ulResult.
 std::unique_ptr<_CacheRecord> NewRecord(const char *file, uint32_t &ulResult) {
     std::unique_ptr<_CacheRecord> pRecord(new (std::nothrow) _CacheRecord());
@@ -52,12 +43,12 @@ uint32_t CDataBaseAgent::CacheLookup(const char *file, char *md5_text, _SCAN_FIL
         TARN_LOG_ERROR("[%s][cache] Calc Path Crc32 failed.");
         return TARN_E_FAIL;
     }
-    int32_t lAttrHash = 0;
-    if (!CalcAttrHash(file, lAttrHash)) {
+    struct stat status = {};
+    if (!TakeStatus(file, status)) {
         TARN_LOG_ERROR("[%s][cache] Calc Attr Crc32 failed.");
         return TARN_E_FAIL;
     }
-    return AnswerLookup(file, liPathHash, lAttrHash, md5_text, out);
+    return AnswerLookup(file, liPathHash, status, md5_text, out);
 }
 
 uint32_t CDataBaseAgent::CacheLookupStat(const char *file, const struct stat &status, char *md5_text,
@@ -67,14 +58,18 @@ uint32_t CDataBaseAgent::CacheLookupStat(const char *file, const struct stat &st
         TARN_LOG_AS(ELogLevel::Error, kLookup, "[%s][cache] Calc Path Crc32 failed.");
         return TARN_E_FAIL;
     }
-    return AnswerLookup(file, liPathHash, AttrHashOf(status), md5_text, out);
+    return AnswerLookup(file, liPathHash, status, md5_text, out);
 }
 
-uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, int32_t lAttrHash, char *md5_text,
+uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, const struct stat &status, char *md5_text,
                                       _SCAN_FILE_RESULT *out) {
+    uint64_t ullFileSystem = 0; // asked before the lock is taken
+    const bool bTold = m_pIdentity == nullptr || m_pIdentity->FindFileSystem(file, status, ullFileSystem);
+    const _FileIdentity identity = {file, ullFileSystem, status};
     _CacheRecord record = {};
     record.liFilePathHash = liPathHash;
-    if (!QueryHit(file, record, lAttrHash, md5_text, out)) {
+    if (!bTold || !QueryHit(identity, record, md5_text, out)) {
+        TARN_LOG_DEBUG_AS(kLookup, "[%s][cache] file:%s is not in cache.", file);
         m_ulMissCount.fetch_add(1, std::memory_order_relaxed);
         return TARN_NOT_CACHED;
     }
@@ -84,19 +79,32 @@ uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, int3
     return TARN_OK;
 }
 
-bool CDataBaseAgent::QueryHit(const char *file, _CacheRecord &record, int32_t lAttrHash, char *md5_text,
-                              _SCAN_FILE_RESULT *out) {
+uint32_t CDataBaseAgent::ReadRecord(_CacheRecord &record, bool &bHasCode) {
+    bHasCode = m_pIdentity == nullptr; // where no codes are kept, none is missed
+    return m_pIdentity == nullptr ? m_pCacheTable->QueryRecord(&record)
+                                  : m_pCacheTable->QueryRecordAndCode(&record, &record.code, &bHasCode);
+}
+
+bool CDataBaseAgent::IsAbout(const _FileIdentity &file, const _CacheRecord &record, const char *pszDescription) {
+    return record.lFileAttrHash == AttrHashOf(file.status) &&
+           (m_pIdentity == nullptr || m_pIdentity->Confirms(file, record, pszDescription));
+}
+
+bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out) {
+    bool bHasCode = false;
+    char szDescription[TARN_VIRUS_DESC_SIZE] = {};
     const CReadLock lock(m_connection.m_tableLock);
-    if (m_pCacheTable->QueryRecord(&record) != 0 || record.lFileAttrHash != lAttrHash ||
-        m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), out->szVirusDesc,
-                                           TARN_VIRUS_DESC_SIZE) == 0) {
-        TARN_LOG_DEBUG_AS(kLookup, "[%s][cache] file:%s is not in cache.", file);
+    if (ReadRecord(record, bHasCode) != 0 || !bHasCode || record.lFileAttrHash != AttrHashOf(file.status) ||
+        m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), szDescription,
+                                           sizeof szDescription) == 0 ||
+        !IsAbout(file, record, szDescription)) {
         return false;
     }
+    std::memcpy(out->szVirusDesc, szDescription, sizeof szDescription);
     CopyVerdictOut(record, md5_text, out);
     const uint32_t ulFlags = out->ulFlags;
     TARN_LOG_DEBUG_AS(kLookup, "[%s][cache] file:%s, md5str:%s, filetype:%u, flag:%u, filepathhash:%llu is in cache.",
-                      file, md5_text, TARN_FILE_TYPE(ulFlags), ulFlags,
+                      file.pszPath, md5_text, TARN_FILE_TYPE(ulFlags), ulFlags,
                       static_cast<unsigned long long>(record.liFilePathHash));
     if (!IsReader()) {
         m_ulHitCount.fetch_add(1, std::memory_order_relaxed);
@@ -122,11 +130,12 @@ uint32_t CDataBaseAgent::CacheAdd(const char *file, const char *md5_text, _SCAN_
     if (pRecord == nullptr) {
         return ulResult;
     }
-    if (!CalcAttrHash(file, pRecord->lFileAttrHash)) {
+    struct stat status = {};
+    if (!TakeStatus(file, status)) {
         TARN_LOG_ERROR("[%s][cache] Calc Attr Crc32 failed.");
         return TARN_E_FAIL;
     }
-    return QueueRecord(file, std::move(pRecord), md5_text, in);
+    return QueueRecord(file, status, std::move(pRecord), md5_text, in);
 }
 
 uint32_t CDataBaseAgent::CacheAddStat(const char *file, const struct stat &status, const char *md5_text,
@@ -136,13 +145,10 @@ uint32_t CDataBaseAgent::CacheAddStat(const char *file, const struct stat &statu
     if (pRecord == nullptr) {
         return ulResult;
     }
-    pRecord->lFileAttrHash = AttrHashOf(status);
-    return QueueRecord(file, std::move(pRecord), md5_text, in);
+    return QueueRecord(file, status, std::move(pRecord), md5_text, in);
 }
 
-uint32_t CDataBaseAgent::FindVirusIndex(const _SCAN_FILE_RESULT *in, int16_t &sVirusIndex) {
-    // The caller's field may be full without an end.
-    const std::string strVirusDesc(in->szVirusDesc, strnlen(in->szVirusDesc, TARN_VIRUS_DESC_SIZE - 1));
+uint32_t CDataBaseAgent::FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex) {
     int iVirusIndex = 0;
     const CWriteLock lock(m_connection.m_tableLock); // the virus table may gain a row
     // An index beyond the record's 16 bits would come back as another description.
@@ -154,14 +160,17 @@ uint32_t CDataBaseAgent::FindVirusIndex(const _SCAN_FILE_RESULT *in, int16_t &sV
     return TARN_OK;
 }
 
-uint32_t CDataBaseAgent::QueueRecord(const char *file, std::unique_ptr<_CacheRecord> pRecord, const char *md5_text,
-                                     const _SCAN_FILE_RESULT *in) {
+uint32_t CDataBaseAgent::QueueRecord(const char *file, const struct stat &status, std::unique_ptr<_CacheRecord> pRecord,
+                                     const char *md5_text, const _SCAN_FILE_RESULT *in) {
+    pRecord->lFileAttrHash = AttrHashOf(status);
     if (CalcFilePathIndex(file, pRecord->szFilePathIndex, kPathIndexLength) == 0) {
         TARN_LOG_AS(ELogLevel::Error, kAdd, "[%s][cache] Calc file path index failed.");
         return TARN_E_FAIL;
     }
+    // The caller's field may be full without an end.
+    const std::string strVirusDesc(in->szVirusDesc, strnlen(in->szVirusDesc, TARN_VIRUS_DESC_SIZE - 1));
     int16_t sVirusIndex = 0;
-    if (const uint32_t ulResult = FindVirusIndex(in, sVirusIndex); ulResult != TARN_OK) {
+    if (const uint32_t ulResult = FindVirusIndex(strVirusDesc, sVirusIndex); ulResult != TARN_OK) {
         return ulResult;
     }
     const uint32_t ulFlags = in->ulFlags;
@@ -171,6 +180,14 @@ uint32_t CDataBaseAgent::QueueRecord(const char *file, std::unique_ptr<_CacheRec
     pRecord->lResultState = ResultStateOf(ulFlags);
     pRecord->liHighMD5 = md5.liHighMD5;
     pRecord->liLowMD5 = md5.liLowMD5;
+    if (m_pIdentity != nullptr) {
+        uint64_t ullFileSystem = 0;
+        if (!m_pIdentity->FindFileSystem(file, status, ullFileSystem)) {
+            TARN_LOG_AS(ELogLevel::Error, kAdd, "[%s][cache] the file system of %s cannot be told.", file);
+            return TARN_E_FAIL;
+        }
+        pRecord->code = m_pIdentity->CodeOf({file, ullFileSystem, status}, *pRecord, strVirusDesc.c_str());
+    }
     m_queue.Add(std::move(pRecord), TARN_FILE_TYPE(ulFlags) == 0); // file type 0 asks for a write at once
     return TARN_OK;
 }

@@ -53,7 +53,7 @@ uint32_t CDataBaseAgent::GetInfo(_LOCAL_CACHE_INFO &info) {
     info.ullLost = m_queue.Lost();
     info.ulExpireInterval = m_config.lExpireInterval;
     info.ulExpirePercent = m_config.lExpirePercent;
-    info.ulIdentity = 0;
+    info.ulIdentity = m_pIdentity != nullptr ? 1 : 0;
     return TARN_OK;
 }
 

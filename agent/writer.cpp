@@ -10,6 +10,7 @@
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
+constexpr size_t kSweepAtOnce = 2000;        // codes looked at under one hold of the lock
 constexpr uint64_t kCleanPeriodMs = 1800000; // 30 minutes
 
 // One piece of start-up work; running out of memory in it must not end the writer.
@@ -60,6 +61,7 @@ void CDataBaseAgent::UpdateRecords() {
     while (RunWritePass(true)) {
         cl_ev_loop_nowait(1);
         cl_event_loop_once(); // the clean timer's callback runs here
+        SweepCodes();
         if (cl_ev_cb_count() == 0) {
             m_queue.Pause();
         }
@@ -118,17 +120,40 @@ size_t CDataBaseAgent::WriteBatch() {
     return nStored;
 }
 
+// The record and, where codes are kept, its code. A record without one only misses.
+bool CDataBaseAgent::InsertRecord(_CacheRecord &record) {
+    uint32_t ulResult = m_pCacheTable->InsertRecord(&record);
+    if (ulResult == 0 && m_pIdentity != nullptr) {
+        _IdentityRecord identity = {record.liFilePathHash, record.code};
+        ulResult = m_pIdentity->m_table.InsertRecord(&identity);
+    }
+    if (ulResult != 0) {
+        TARN_LOG_AS(ELogLevel::Error, "DoBatchWriteJobs", "[%s]InsertRecord failed with error code = %u", ulResult);
+    }
+    return ulResult == 0;
+}
+
 // How many of the batch's records were inserted, up to the first that cannot be.
 size_t CDataBaseAgent::InsertBatch() {
-    constexpr char kFunction[] = "DoBatchWriteJobs";
     size_t nInserted = 0;
     for (const std::unique_ptr<_CacheRecord> &pRecord : m_queue.Records()) {
-        if (const uint32_t ulResult = m_pCacheTable->InsertRecord(pRecord.get()); ulResult != 0) {
-            TARN_LOG_AS(ELogLevel::Error, kFunction, "[%s]InsertRecord failed with error code = %u", ulResult);
+        if (!InsertRecord(*pRecord)) {
             break; // the rest of the batch is dropped; what was inserted is committed
         }
         ++nInserted;
         m_ulAddedCount.fetch_add(1, std::memory_order_relaxed);
     }
     return nInserted;
+}
+
+// Codes outlive their records only where a library without codes deleted or replaced these. Once after each start they
+// are looked through, a group in each pass, so that nobody waits for it.
+void CDataBaseAgent::SweepCodes() {
+    if (m_pIdentity == nullptr || m_bSwept) {
+        return;
+    }
+    const CWriteLock lock(m_connection.m_tableLock);
+    if (m_pIdentity->m_table.SweepAfter(m_pCacheTable->m_strTableName, kSweepAtOnce, m_liSweptTo, &m_bSwept) != 0) {
+        m_bSwept = true; // a busy or failing database is left alone until the next start
+    }
 }

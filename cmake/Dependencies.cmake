@@ -5,6 +5,7 @@ find_package(PkgConfig REQUIRED)
 # the library
 find_package(Threads REQUIRED)
 find_package(SQLite3 3.8.6 REQUIRED)
+pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 
 # support/, the base services, the program and the benchmarks
 pkg_check_modules(NETTLE REQUIRED IMPORTED_TARGET nettle)

@@ -3,8 +3,11 @@ add_library(tarncache SHARED
   util/cacheutil.cpp
   util/dbconfig.cpp
   util/dbfileutil.cpp
+  util/file_systems.cpp
+  util/identity_code.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
+  tables/identitytable.cpp
   tables/schema.cpp
   tables/statement.cpp
   tables/statement_pool.cpp
@@ -19,6 +22,7 @@ add_library(tarncache SHARED
   agent/deletions.cpp
   agent/engine_flags.cpp
   agent/explain.cpp
+  agent/identity.cpp
   agent/lookup_add.cpp
   agent/markers.cpp
   agent/reverse_lookup.cpp
@@ -35,7 +39,7 @@ add_library(tarncache SHARED
   interface/single_file.cpp)
 target_compile_definitions(tarncache PRIVATE TARN_VERSION="${PROJECT_VERSION}")
 target_link_libraries(tarncache
-  PRIVATE tarn_warnings tarn_settings tarn_formats tarn_support tarncore nubbase nubcl_ev SQLite::SQLite3 Threads::Threads)
+  PRIVATE tarn_warnings tarn_settings tarn_formats tarn_support tarncore nubbase nubcl_ev SQLite::SQLite3 PkgConfig::SODIUM Threads::Threads)
 target_include_directories(tarncache INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/interface> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(tarncache PROPERTIES

@@ -73,6 +73,7 @@ typedef struct _LOCAL_CACHE_RECORD {
     2u                      /* size or change time differ from the record's, which may also be that of another file    \
                                whose path has the same hash */
 #define TARN_WHY_GONE 3u    /* a record, but the file's status cannot be taken */
+#define TARN_WHY_OTHER 5u   /* size and change second agree, but it is another file, or the record has no code */
 #define TARN_WHY_DAMAGED 4u /* a record whose virus description cannot be read */
 
 /* What LocalCacheExplain tells. */

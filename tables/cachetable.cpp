@@ -76,6 +76,7 @@ void CCacheTable::OnRelease() {
     m_stSetQueryTime.Finalize();
     m_stDeleteByMD5.Finalize();
     m_queryPool.Clear();
+    m_codePool.Clear();
 }
 
 uint32_t CCacheTable::InsertRecord(_CacheRecord *pRecord) {
@@ -114,6 +115,27 @@ uint32_t CCacheTable::QueryRecord(_CacheRecord *pRecord) {
                    static_cast<long long>(pRecord->liTreatVirus), static_cast<long long>(pRecord->liHighMD5),
                    static_cast<long long>(pRecord->liLowMD5), pRecord->lQueryCounts,
                    static_cast<long long>(pRecord->lTimeStamp));
+    return 0;
+}
+
+uint32_t CCacheTable::QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode) {
+    if (!CanRun(m_stQuery, pRecord)) {
+        TARN_LOG_ERROR("[%s]m_pDB or m_stQuery.pStmt or pRecord is null.");
+        return 1;
+    }
+    // One statement for both tables: each would take and release the locks on the file.
+    constexpr char kSQL[] = "select CT.*, CIT.IC from CT left join CIT on CIT.FPH = CT.FPH where CT.FPH = ?;";
+    CStatement query(m_pDB, m_codePool, kSQL);
+    query.Bind(1, pRecord->liFilePathHash);
+    if (const uint32_t ulResult = query.FetchRow(); ulResult != 0) {
+        return ulResult;
+    }
+    ReadCacheRow(query, *pRecord);
+    const std::string_view code = query.Blob(kColumnFFI + 1);
+    *pbHasCode = code.size() == pCode->size();
+    if (*pbHasCode) {
+        std::copy(code.begin(), code.end(), pCode->begin());
+    }
     return 0;
 }
 

@@ -30,6 +30,8 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
 
     uint32_t InsertRecord(_CacheRecord *pRecord) override;
     uint32_t QueryRecord(_CacheRecord *pRecord) override;
+    // As QueryRecord, with the record's code from the identity table in the same read. *pbHasCode: there is one.
+    uint32_t QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode);
     uint32_t DeleteRecord(_CacheRecord *pRecord) override;
 
     // Adds 1 to the row's query count and sets its time stamp (seconds). An absent row changes nothing.
@@ -75,6 +77,7 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     void FormatMD5Query(char (&szSQL)[kStatementSize], const char *pszWhat, int64_t liHighMD5, int64_t liLowMD5) const;
 
     CStatementPool m_queryPool;
+    CStatementPool m_codePool; // of QueryRecordAndCode
 };
 
 #endif

@@ -4,11 +4,15 @@
 
 #include "interface/tarncache.h"
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
 
 constexpr unsigned int kPathIndexLength = TARN_PATH_INDEX_SIZE - 1; // characters of a file path index that are kept
+
+// What binds a record to its file; see CIdentityKey.
+using IdentityCode = std::array<unsigned char, 16>;
 
 // A scan result as the cache table stores it. The comment names the column.
 struct _CacheRecord {
@@ -21,6 +25,7 @@ struct _CacheRecord {
     int64_t lTimeStamp;                         // TS: seconds since the epoch of the last write or hit
     int32_t lResultState;                       // RS: 4 significant bits
     char szFilePathIndex[kPathIndexLength + 1]; // FFI: NUL-terminated
+    IdentityCode code;                          // of a record on its way to the table; not a column of it
 };
 
 // A record and the full path that the reverse lookup found for it (empty until then).

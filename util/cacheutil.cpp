@@ -57,13 +57,18 @@ bool CalcPathHash(const char *pszPath, int64_t &liPathHash) {
     return true;
 }
 
-int CalcFileAttrCrc32(const char *path, uint32_t *out) {
-    if (IsEmpty(path) || out == nullptr) {
-        return 0;
+bool TakeStatus(const char *pszPath, struct stat &status) {
+    if (lstat(pszPath, &status) != 0) {
+        TARN_LOG_AS(ELogLevel::Error, "CalcFileAttrCrc32", "[%s][cache] get file:%s attr failed, err:%s.", pszPath,
+                    std::strerror(errno));
+        return false;
     }
+    return true;
+}
+
+int CalcFileAttrCrc32(const char *path, uint32_t *out) {
     struct stat status = {};
-    if (lstat(path, &status) != 0) {
-        TARN_LOG_ERROR("[%s][cache] get file:%s attr failed, err:%s.", path, std::strerror(errno));
+    if (IsEmpty(path) || out == nullptr || !TakeStatus(path, status)) {
         return 0;
     }
     *out = static_cast<uint32_t>(AttrHashOf(status));

@@ -92,6 +92,8 @@ void ReadKeys(_DBConfig &config, void *pIni, const char *pszConfigPath) {
     }
     str_snprintf(config.szDBName, sizeof config.szDBName, "%s", pszName);
     SetDefaults(config);
+    const char *pszProtect = ini_file_get(pIni, kSection, "protect");
+    config.bProtect = pszProtect != nullptr && ToInt32(pszProtect) != 0;
     for (const _NumberKey &key : kNumberKeys) {
         if (const char *pszValue = ini_file_get(pIni, kSection, key.pszKey)) {
             key.pSet(config, pszValue);

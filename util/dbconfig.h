@@ -17,6 +17,7 @@ struct _DBConfig {
     uint32_t lExpireInterval;     // days from one expiry pass to the next
     uint32_t lDBQueryCounts;      // writer starts since the last expiry pass
     uint32_t lExpirePercent;      // 0..100, used by the expiry pass and by trimming
+    bool bProtect;                // records are bound to their files; false without the key "protect"
     int32_t lModuleVersion;       // written to an empty version table; no key sets it
 };
 

@@ -1,0 +1,32 @@
+// file_systems.h - what tells one file system from another, asked once for each device.
+#ifndef TARN_UTIL_FILE_SYSTEMS_H
+#define TARN_UTIL_FILE_SYSTEMS_H
+
+#include "support/descriptor.h"
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <sys/types.h>
+
+// Device numbers change from boot to boot on some file systems, and after an unmount another one may get the number.
+// The identity that the file system itself gives (f_fsid) is kept for each device until the mount table changes.
+class CFileSystems {
+  public:
+    CFileSystems();
+    CFileSystems(const CFileSystems &) = delete;
+    CFileSystems &operator=(const CFileSystems &) = delete;
+
+    // The identity of the file system that has this device number; pszPath names something on it. False when the path
+    // leads to another device by now, or cannot be opened. Any thread. Throws std::bad_alloc.
+    [[nodiscard]] bool IdentityOf(dev_t device, const char *pszPath, uint64_t &ullIdentity);
+
+  private:
+    bool HasMountTableChanged() const;
+
+    CDescriptor m_mountTable; // its poll tells each change once; not open: nothing is kept
+    std::mutex m_mutex;       // guards the map, and holds the poll and its consequence together
+    std::map<dev_t, uint64_t> m_mapKnown;
+};
+
+#endif
