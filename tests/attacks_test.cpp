@@ -1,0 +1,138 @@
+// What an unprivileged user who has read the sources could try: each attack first works without the key "protect", so
+// that its case can fail, and fails with it.
+#include "tests/protect_fixture.h"
+
+#include <array>
+#include <fstream>
+#include <random>
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+uint32_t AttrHash(int64_t liSize, int64_t liSecond) {
+    const std::array<int64_t, 2> aliBlock = {liSize, liSecond};
+    return Crc32(0, reinterpret_cast<const unsigned char *>(aliBlock.data()), sizeof aliBlock);
+}
+
+// A size below 2^44 bytes that gives the wanted hash at that second. A CRC is linear over the bits of the size, so this
+// is a small system of equations.
+int64_t ForgeSize(uint32_t ulWanted, int64_t liSecond) {
+    struct _Row {
+        uint32_t ulHash;
+        int64_t liSize;
+    };
+    std::vector<_Row> vecBasis;
+    const uint32_t ulZero = AttrHash(0, liSecond);
+    _Row target = {ulWanted ^ ulZero, 0};
+    for (int iBit = 0; iBit < 44; ++iBit) {
+        _Row row = {AttrHash(int64_t{1} << iBit, liSecond) ^ ulZero, int64_t{1} << iBit};
+        for (const _Row &base : vecBasis) {
+            row = (row.ulHash ^ base.ulHash) < row.ulHash ? _Row{row.ulHash ^ base.ulHash, row.liSize ^ base.liSize}
+                                                          : row;
+        }
+        if (row.ulHash != 0) {
+            vecBasis.push_back(row);
+            std::sort(vecBasis.begin(), vecBasis.end(),
+                      [](const _Row &a, const _Row &b) { return a.ulHash > b.ulHash; });
+        }
+    }
+    for (const _Row &base : vecBasis) {
+        if ((target.ulHash ^ base.ulHash) < target.ulHash) {
+            target = {target.ulHash ^ base.ulHash, target.liSize ^ base.liSize};
+        }
+    }
+    return target.ulHash == 0 ? target.liSize : -1;
+}
+
+uint32_t FolderCrc(const std::string &strFolder) {
+    return Crc32(0, reinterpret_cast<const unsigned char *>(strFolder.data()), strFolder.size()) & 0xFFFFU;
+}
+
+} // namespace
+
+using Attacks = ProtectTest;
+INSTANTIATE_TEST_SUITE_P(Cache, Attacks, testing::Bool(),
+                         [](const auto &info) { return info.param ? "Protected" : "Unprotected"; });
+
+TEST_P(Attacks, ASizeChosenSoThatTheAttributeHashStays) {
+    const std::string strFile = m_install.WriteFile("file");
+    Remember(strFile);
+    struct stat malware = StatusOf(strFile);
+    const uint32_t ulWanted = AttrHash(malware.st_size, malware.st_ctim.tv_sec);
+    malware.st_ctim.tv_sec += 60;
+    EXPECT_EQ(Lookup(strFile, malware), TARN_NOT_CACHED);
+    malware.st_size = ForgeSize(ulWanted, malware.st_ctim.tv_sec);
+    ASSERT_GT(malware.st_size, 0);
+    EXPECT_EQ(Lookup(strFile, malware), Fooled());
+}
+
+TEST_P(Attacks, AFolderChosenSoThatThePathHashIsAnothersFile) {
+    const std::string strHome = m_install.Path("home/");
+    const uint32_t ulWanted = FolderCrc(strHome);
+    std::string strFolder;
+    for (int i = 0; strFolder.empty(); ++i) {
+        const std::string strTried = m_install.Path(std::to_string(i) + "/");
+        strFolder = FolderCrc(strTried) == ulWanted ? strTried : "";
+    }
+    fs::create_directory(strHome);
+    fs::create_directory(strFolder);
+    std::ofstream(strHome + "name") << "clean";
+    std::ofstream(strFolder + "name") << "malwr";
+    Remember(strHome + "name");
+    struct stat malware = StatusOf(strFolder + "name");
+    malware.st_ctim.tv_sec = StatusOf(strHome + "name").st_ctim.tv_sec; // made in the same second
+    EXPECT_EQ(Lookup(strFolder + "name", malware), Fooled());
+    EXPECT_EQ(Lookup(strHome + "name"), TARN_OK);
+}
+
+TEST_P(Attacks, AnotherFileOfTheSameSizeAndSecondInItsPlace) {
+    const std::string strFile = m_install.WriteFile("file");
+    Remember(strFile);
+    struct stat other = StatusOf(strFile);
+    other.st_ino += 1;
+    EXPECT_EQ(Lookup(strFile, other), Fooled());
+    other = StatusOf(strFile);
+    other.st_ctim.tv_nsec ^= 1;
+    EXPECT_EQ(Lookup(strFile, other), Fooled());
+    fs::create_symlink(m_install.Path("lib"), m_install.Path("link")); // a folder exchanged for a link to another
+    EXPECT_EQ(Lookup(m_install.Path("link/../file"), StatusOf(strFile)), TARN_NOT_CACHED);
+    EXPECT_EQ(Lookup(strFile), TARN_OK);
+}
+
+TEST_P(Attacks, AFileOnAnotherFileSystemWithTheSameNumbers) {
+    const std::string strFile = m_install.WriteFile("file");
+    Remember(strFile);
+    struct stat other = StatusOf(strFile);
+    other.st_dev ^= 1; // its device is not the one that the path leads to
+    EXPECT_EQ(Lookup(strFile, other), Fooled());
+}
+
+TEST_P(Attacks, AVerdictChangedInTheDatabaseByHand) {
+    const std::string strFile = m_install.WriteFile("file");
+    Remember(strFile, "Some.Virus");
+    const CSecondConnection other(m_install.Database());
+    for (const char *pszChange : {"FTV = FTV | (-1 << 48)", "FTV = FTV + 8", "RS = RS + 1", "FHMD = 1", "FLMD = 1"}) {
+        ASSERT_TRUE(WaitFor([&] { return other.Run("create table B as select * from CT"); })) << pszChange;
+        ASSERT_TRUE(other.Run(std::string("update CT set ") + pszChange)) << pszChange;
+        EXPECT_EQ(Lookup(strFile), Fooled()) << pszChange;
+        ASSERT_TRUE(other.Run("replace into CT select * from B; drop table B")) << pszChange;
+        EXPECT_EQ(Lookup(strFile), TARN_OK) << pszChange;
+    }
+    ASSERT_TRUE(other.Run("update VDT set VD = 'Harmless'"));
+    Restart(); // descriptions are kept in memory
+    EXPECT_EQ(Lookup(strFile), Fooled());
+}
+
+TEST_P(Attacks, ARestoredOlderDatabaseOrAForeignOneAnswersForNoChangedFile) {
+    const std::string strFile = m_install.WriteFile("file");
+    Remember(strFile);
+    (void)LocalCacheUnInit();
+    fs::copy(m_install.Database(), m_install.Path("backup"));
+    fs::remove(m_install.Path("engine/cache/morcache.key")); // another machine has another key
+    Restart();
+    EXPECT_EQ(Lookup(strFile), Fooled());
+    Remember(strFile);
+    EXPECT_EQ(Lookup(strFile), TARN_OK); // everything misses once
+}
