@@ -86,6 +86,7 @@ uint32_t CDataBaseAgent::DBTablesInit() {
     if (ulResult == TARN_OK && m_config.bProtect) {
         m_pIdentity = std::make_unique<CIdentity>(m_connection.Handle());
         ulResult = m_pIdentity->Open(m_config, m_pCacheTable->m_strTableName);
+        TakeWithdrawalsIntoForce();
     }
     if (ulResult != TARN_OK) {
         DBTablesUnInit();
@@ -108,8 +109,14 @@ uint32_t CDataBaseAgent::StartReader() NO_THREAD_SAFETY_ANALYSIS {
     if (bReadable && m_config.bProtect) {
         m_pIdentity = std::make_unique<CIdentity>(m_connection.Handle());
         m_pIdentity->OpenForReading(m_config);
+        TakeWithdrawalsIntoForce();
     }
     return bReadable ? TARN_OK : TARN_E_FAIL;
+}
+
+void CDataBaseAgent::TakeWithdrawalsIntoForce() {
+    m_pWithdrawals = std::make_unique<CWithdrawals>();
+    m_pWithdrawals->FindPending();
 }
 
 uint32_t CDataBaseAgent::CheckModuleVersion() {
@@ -133,6 +140,7 @@ uint32_t CDataBaseAgent::CheckModuleVersion() {
 }
 
 void CDataBaseAgent::DBTablesUnInit() {
+    m_pWithdrawals.reset();
     m_pIdentity.reset();
     m_pCacheTable.reset();
     m_pVirusTable.reset();

@@ -19,6 +19,7 @@
 #include "agent/identity.h"
 #include "agent/markers.h"
 #include "agent/start_gate.h"
+#include "agent/withdrawals.h"
 #include "agent/write_queue.h"
 #include "platform/nubcl_ev.h"
 #include "tables/cachetable.h"
@@ -28,6 +29,7 @@
 #include "util/dbfileutil.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -188,6 +190,9 @@ class TARN_API CDataBaseAgent {
     // rolled back cleanly reports TARN_OK.
     [[nodiscard]] uint32_t BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> &batch);
 
+    // With the key "protect" instead of the two checks: carries out what is withdrawn, and leaves in force what fails.
+    void ApplyWithdrawals();
+
     // --- reverse_lookup.cpp: any thread
 
     // Fills each MD5's vector with its records and their paths; may take long. TARN_OK, or TARN_E_FAIL with every
@@ -203,12 +208,14 @@ class TARN_API CDataBaseAgent {
     void StartWriter();
     bool IsDiskSpaceEnough() const;
     bool MakeTables();
+    void TakeWithdrawalsIntoForce();
     template <typename Table> uint32_t CheckTable(Table *pTable) NO_THREAD_SAFETY_ANALYSIS;
     uint32_t AnswerLookup(const char *file, int64_t liPathHash, const struct stat &status, char *md5_text,
                           _SCAN_FILE_RESULT *out);
     // 0, 101 (no such row) or a SQLite code. bHasCode is false for a record that must not answer.
     uint32_t ReadRecord(_CacheRecord &record, bool &bHasCode) REQUIRES_SHARED(m_connection.m_tableLock);
     // Is this record, which has its code, about this very file?
+    bool IsWithdrawn(const _CacheRecord &record) const; // and not deleted yet
     bool IsAbout(const _FileIdentity &file, const _CacheRecord &record, const char *pszDescription);
     // Takes the file's status and asks for its file system. 0 or an errno value.
     int IdentifyFile(const char *file, struct stat &status, uint64_t &ullFileSystem);
@@ -224,6 +231,8 @@ class TARN_API CDataBaseAgent {
     size_t WriteBatch() REQUIRES(m_connection.m_tableLock);
     size_t InsertBatch() REQUIRES(m_connection.m_tableLock);
     void ApplyBatch(std::vector<CacheMD5> &batch);
+    bool DeleteDigests(const std::vector<CacheMD5> &digests) EXCLUDES(m_connection.m_tableLock);
+    void RetryWithdrawals();
     bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_connection.m_tableLock);
     bool QueryRequests(RecordMap &requests);
 
@@ -245,8 +254,10 @@ class TARN_API CDataBaseAgent {
     std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVirusTable> m_pVirusTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVersionTable> m_pVersionTable;
-    std::unique_ptr<CIdentity> m_pIdentity; // null without the key "protect"; set at start-up
-    int64_t m_liSweptTo = INT64_MIN;        // the writer thread's alone, with the flag
+    std::unique_ptr<CIdentity> m_pIdentity;                 // null without the key "protect"; set at start-up
+    std::unique_ptr<CWithdrawals> m_pWithdrawals;           // likewise
+    std::chrono::steady_clock::time_point m_nextWithdrawal; // the writer thread's alone, with what follows
+    int64_t m_liSweptTo = INT64_MIN;                        // the writer thread's alone, with the flag
     bool m_bSwept = false;
 
     pthread_t m_writerThread = 0;          // set at start-up, joined at shut-down

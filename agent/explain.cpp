@@ -53,7 +53,8 @@ uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_
         return TARN_E_FAIL;
     }
     CopyVerdictOut(record, md5_text, out);
-    *pbCurrent = bThere && bHasCode && IsAbout({file, ullFileSystem, status}, record, out->szVirusDesc);
+    *pbCurrent =
+        bThere && bHasCode && !IsWithdrawn(record) && IsAbout({file, ullFileSystem, status}, record, out->szVirusDesc);
     return TARN_OK;
 }
 
@@ -102,7 +103,7 @@ uint32_t CDataBaseAgent::Explain(const char *file, _LOCAL_CACHE_EXPLANATION &exp
         explanation.ulReason = TARN_WHY_CHANGED;
     } else {
         const bool bSame = bHasCode && IsAbout({file, ullFileSystem, status}, stored, explanation.record.szVirusDesc);
-        explanation.ulReason = bSame ? TARN_WHY_KNOWN : TARN_WHY_OTHER;
+        explanation.ulReason = !bSame ? TARN_WHY_OTHER : IsWithdrawn(stored) ? TARN_WHY_WITHDRAWN : TARN_WHY_KNOWN;
     }
     return TARN_OK;
 }

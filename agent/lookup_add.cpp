@@ -90,6 +90,10 @@ bool CDataBaseAgent::IsAbout(const _FileIdentity &file, const _CacheRecord &reco
            (m_pIdentity == nullptr || m_pIdentity->Confirms(file, record, pszDescription));
 }
 
+bool CDataBaseAgent::IsWithdrawn(const _CacheRecord &record) const {
+    return m_pWithdrawals != nullptr && m_pWithdrawals->Covers(record);
+}
+
 bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out) {
     bool bHasCode = false;
     char szDescription[TARN_VIRUS_DESC_SIZE] = {};
@@ -97,7 +101,7 @@ bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, c
     if (ReadRecord(record, bHasCode) != 0 || !bHasCode || record.lFileAttrHash != AttrHashOf(file.status) ||
         m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), szDescription,
                                            sizeof szDescription) == 0 ||
-        !IsAbout(file, record, szDescription)) {
+        !IsAbout(file, record, szDescription) || IsWithdrawn(record)) {
         return false;
     }
     std::memcpy(out->szVirusDesc, szDescription, sizeof szDescription);

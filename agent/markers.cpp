@@ -37,12 +37,6 @@ const char *PathOfMarker(const char *pszName) {
     return std::strcmp(pszName, kEngineMarkerName) == 0 ? kEngineMarkerPath : "";
 }
 
-void RemoveFile(const char *pszPath) {
-    char szExpanded[TARN_PATH_SIZE] = {};
-    dirutils_path_transform(pszPath, szExpanded, sizeof szExpanded);
-    (void)std::remove(szExpanded);
-}
-
 } // namespace
 
 bool ReadMarker(const char *pszName, int32_t &lFlag) {
@@ -97,7 +91,20 @@ bool GetUpdateCacheFilePath(char *path, int32_t size) {
     return true;
 }
 
-bool IsUpdateListThere() {
-    char szPath[TARN_PATH_SIZE] = {};
-    return dirutils_path_transform(kUpdateCachePath, szPath, sizeof szPath) != 0 && access(szPath, F_OK) == 0;
+bool IsFileThere(const char *pszPath) {
+    char szExpanded[TARN_PATH_SIZE] = {};
+    return dirutils_path_transform(pszPath, szExpanded, sizeof szExpanded) != 0 && access(szExpanded, F_OK) == 0;
+}
+
+bool MoveFile(const char *pszFrom, const char *pszTo) {
+    char szFrom[TARN_PATH_SIZE] = {};
+    char szTo[TARN_PATH_SIZE] = {};
+    return dirutils_path_transform(pszFrom, szFrom, sizeof szFrom) != 0 &&
+           dirutils_path_transform(pszTo, szTo, sizeof szTo) != 0 && std::rename(szFrom, szTo) == 0;
+}
+
+void RemoveFile(const char *pszPath) {
+    char szExpanded[TARN_PATH_SIZE] = {};
+    dirutils_path_transform(pszPath, szExpanded, sizeof szExpanded);
+    (void)std::remove(szExpanded);
 }

@@ -24,7 +24,9 @@ void RemoveMarker(const char *pszName);
 // Path of the enciphered digest list into path (size bytes). True when the file exists; else logged and false.
 TARN_API bool GetUpdateCacheFilePath(char *path, int32_t size);
 
-// The same question without a path and without a word in the log.
-[[nodiscard]] bool IsUpdateListThere();
+// One of the installation's paths, with its "@". Nothing of these is logged.
+[[nodiscard]] bool IsFileThere(const char *pszPath);
+bool MoveFile(const char *pszFrom, const char *pszTo); // false when there is nothing to move, or it cannot be moved
+void RemoveFile(const char *pszPath);                  // whether there was something makes no difference
 
 #endif

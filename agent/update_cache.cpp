@@ -6,40 +6,14 @@
 #include "formats/installation.h"
 #include "util/log.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <algorithm>
 #include <unistd.h>
 
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
 constexpr size_t kBatchSize = 1000; // deletions in one transaction
-
-struct _FileClose {
-    void operator()(std::FILE *pFile) const { (void)std::fclose(pFile); }
-};
-struct _MemoryFree {
-    void operator()(char *pMemory) const { std::free(pMemory); }
-};
-
-// Like fopen "rb", but a pipe in the list's place cannot hold the thread up.
-std::unique_ptr<std::FILE, _FileClose> OpenForReading(const char *pszPath) {
-    int fd = open(pszPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0 && errno == EWOULDBLOCK) { // a file server holds a lease on it and gives it up soon
-        fd = open(pszPath, O_RDONLY | O_CLOEXEC);
-    }
-    if (fd < 0) {
-        return nullptr;
-    }
-    std::unique_ptr<std::FILE, _FileClose> pFile(fdopen(fd, "rb"));
-    if (pFile == nullptr) {
-        (void)close(fd);
-    }
-    return pFile;
-}
+constexpr std::chrono::seconds kRetryInterval(10);
 
 } // namespace
 
@@ -50,7 +24,7 @@ uint32_t CDataBaseAgent::CheckDeleteFrepCacheRecords() {
     }
     if (const uint32_t ulResult = DeleteCacheRecordsByFileMD5(); ulResult != TARN_OK) {
         TARN_LOG_ERROR("[%s]DeleteCacheRecordsByFileMD5 failed with hr = 0x%08x", ulResult);
-        m_bListRefused = IsUpdateListThere();
+        m_bListRefused = IsFileThere(kUpdateCachePath);
         return TARN_E_FAIL; // marker and list stay for the next start
     }
     (void)ResetCleanCacheFlag(kHashMarkerName);
@@ -63,36 +37,11 @@ uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
         TARN_LOG_ERROR("[%s]GetUpdateCacheFilePath() failed");
         return TARN_E_FAIL;
     }
-    const auto pFile = OpenForReading(szPath);
-    if (pFile == nullptr) {
-        TARN_LOG_ERROR("[%s]fopen %s failed", szPath);
-        return TARN_OK; // a list that cannot be opened counts as done, and is removed
+    CUpdateListText list;
+    if (const uint32_t ulResult = list.Read(szPath); ulResult != TARN_OK) {
+        return ulResult == TARN_NOT_CACHED ? TARN_OK : ulResult; // one that cannot be opened counts as done, and goes
     }
-    struct stat status = {};
-    if (stat(szPath, &status) != 0) {
-        TARN_LOG_ERROR("[%s]_stat(szFilePath, &info) %s failed with hr = 0x%08x", szPath, TARN_E_FAIL);
-        return TARN_E_FAIL;
-    }
-    if (status.st_size <= 0 || static_cast<uint64_t>(status.st_size) > kMaxUpdateListSize) {
-        return TARN_E_FAIL;
-    }
-    const auto nSize = static_cast<size_t>(status.st_size);
-    const std::unique_ptr<char, _MemoryFree> pText(static_cast<char *>(std::calloc(nSize + 1, 1)));
-    if (pText == nullptr) {
-        TARN_LOG_ERROR("[%s]GetFileSize() %s failed with hr = 0x%08x", szPath, TARN_E_OUTOFMEMORY);
-        return TARN_E_OUTOFMEMORY;
-    }
-    // What a short read leaves out stays zero and deciphers to no digest.
-    [[maybe_unused]] const size_t nRead = std::fread(pText.get(), 1, nSize, pFile.get());
-    ParseMemToChar(pText.get(), nSize);
-    char szVersionId[kVersionIdSize] = {};
-    char *pszDigests = SplitVersionLine(pText.get(), szVersionId);
-    if (pszDigests == nullptr) {
-        TARN_LOG_ERROR("[%s]ParseToGetVersionID() failed");
-        return TARN_E_INVALIDARG;
-    }
-    TARN_LOG_DEBUG("[%s]Open file %s and get VersionID = %s", szPath, szVersionId);
-    const uint32_t ulResult = ParseAndDeleteCacheRecordsByFileMD5(pszDigests);
+    const uint32_t ulResult = ParseAndDeleteCacheRecordsByFileMD5(list.Digests());
     if (ulResult != TARN_OK) {
         TARN_LOG_ERROR("[%s]ParseAndDeleteCacheRecordsByFileMD5() failed, hr=0x%08x", ulResult);
     }
@@ -138,6 +87,49 @@ void CDataBaseAgent::ApplyBatch(std::vector<CacheMD5> &batch) {
                     "[%s]BatchDeleteCacheRecordsByFileMD5 failed");
     }
     batch.clear();
+}
+
+void CDataBaseAgent::ApplyWithdrawals() {
+    if (m_pWithdrawals->IsEnginePending()) {
+        m_pWithdrawals->TakeEngine();
+        if (DeleteByEngine(kWithdrawnEngine) == TARN_OK) {
+            m_pWithdrawals->EngineDone();
+        }
+    }
+    m_bListRefused = false;
+    if (m_pWithdrawals->IsListPending()) {
+        const uint32_t ulResult = m_pWithdrawals->TakeList();
+        m_bListRefused = ulResult == TARN_E_INVALIDARG;
+        if (ulResult == TARN_OK && DeleteDigests(m_pWithdrawals->Digests())) {
+            m_pWithdrawals->ListDone();
+        }
+    }
+    m_nextWithdrawal = std::chrono::steady_clock::now() + kRetryInterval;
+}
+
+// False when one batch failed or the cache is being shut down: all of them are then deleted again, at a later pass or
+// the next start, which costs little.
+bool CDataBaseAgent::DeleteDigests(const std::vector<CacheMD5> &digests) {
+    for (size_t nDone = 0; nDone < digests.size(); nDone += kBatchSize) {
+        if (!m_queue.IsRunning()) {
+            return false;
+        }
+        const size_t nEnd = std::min(nDone + kBatchSize, digests.size());
+        const std::vector<CacheMD5> vecBatch(&digests[nDone], &digests[0] + nEnd);
+        const CWriteLock lock(m_connection.m_tableLock);
+        if (!DeleteBatchAndCommit(vecBatch)) {
+            (void)RollbackTransaction();
+            return false;
+        }
+    }
+    return true;
+}
+
+void CDataBaseAgent::RetryWithdrawals() {
+    if (m_pWithdrawals != nullptr && (m_pWithdrawals->IsEnginePending() || m_pWithdrawals->IsListPending()) &&
+        std::chrono::steady_clock::now() >= m_nextWithdrawal) {
+        ApplyWithdrawals();
+    }
 }
 
 uint32_t CDataBaseAgent::BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> &batch) {

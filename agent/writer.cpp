@@ -42,8 +42,12 @@ void *CDataBaseAgent::UpdateWorkThread(void *agent) {
 }
 
 void CDataBaseAgent::UpdateRecords() {
-    RunStartStep([this] { (void)CheckDeleteAllCacheRecords(); }); // no marker is the normal case
-    RunStartStep([this] { (void)CheckDeleteFrepCacheRecords(); });
+    if (m_pWithdrawals != nullptr) {
+        RunStartStep([this] { ApplyWithdrawals(); });
+    } else {
+        RunStartStep([this] { (void)CheckDeleteAllCacheRecords(); }); // no marker is the normal case
+        RunStartStep([this] { (void)CheckDeleteFrepCacheRecords(); });
+    }
     m_pCleanTimer = cl_timerplus_start(0, kCleanPeriodMs, CleanTimerCallback, this, 0, 0);
     if (m_pCleanTimer == nullptr) {
         TARN_LOG_SEVERE("[%s]Start timer failed");
@@ -62,6 +66,7 @@ void CDataBaseAgent::UpdateRecords() {
         cl_ev_loop_nowait(1);
         cl_event_loop_once(); // the clean timer's callback runs here
         SweepCodes();
+        RunStartStep([this] { RetryWithdrawals(); });
         if (cl_ev_cb_count() == 0) {
             m_queue.Pause();
         }

@@ -31,6 +31,7 @@ add_library(tarncache SHARED
   agent/transactions.cpp
   agent/update_cache.cpp
   agent/update_list.cpp
+  agent/withdrawals.cpp
   agent/write_queue.cpp
   agent/writer.cpp
   interface/tarncache.cpp

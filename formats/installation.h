@@ -19,6 +19,10 @@ constexpr char kHashMarkerName[] = "clean_engine_hash_flag";
 constexpr char kHashMarkerPath[] = "@/../engine/clean_engine_hash_flag";
 constexpr char kUpdateCachePath[] = "@/../engine/kelmorehash/update_cache.dat";
 
+// What the cache has set aside and not carried out yet, with the key "protect".
+constexpr char kEngineTakenPath[] = "@/../engine/clean_engine_flag.taken";
+constexpr char kListTakenPath[] = "@/../engine/kelmorehash/update_cache.taken";
+
 // One of these paths as it counts from the installation folder: "config/tarncfg.ini".
 template <size_t nSize> consteval const char *FromRoot(const char (&szPath)[nSize]) {
     constexpr std::string_view kToRoot = "@/../";

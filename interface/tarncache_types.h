@@ -70,11 +70,12 @@ typedef struct _LOCAL_CACHE_RECORD {
 #define TARN_WHY_KNOWN 0u   /* it would: a record of the file as it is */
 #define TARN_WHY_UNKNOWN 1u /* no record of this path */
 #define TARN_WHY_CHANGED                                                                                               \
-    2u                      /* size or change time differ from the record's, which may also be that of another file    \
-                               whose path has the same hash */
-#define TARN_WHY_GONE 3u    /* a record, but the file's status cannot be taken */
-#define TARN_WHY_OTHER 5u   /* size and change second agree, but it is another file, or the record has no code */
-#define TARN_WHY_DAMAGED 4u /* a record whose virus description cannot be read */
+    2u                        /* size or change time differ from the record's, which may also be that of another file  \
+                                 whose path has the same hash */
+#define TARN_WHY_GONE 3u      /* a record, but the file's status cannot be taken */
+#define TARN_WHY_DAMAGED 4u   /* a record whose virus description cannot be read */
+#define TARN_WHY_OTHER 5u     /* size and change second agree, but it is another file, or the record has no code */
+#define TARN_WHY_WITHDRAWN 6u /* an update has withdrawn it; it is about to be deleted */
 
 /* What LocalCacheExplain tells. */
 typedef struct _LOCAL_CACHE_EXPLANATION {

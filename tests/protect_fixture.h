@@ -24,9 +24,9 @@ class ProtectTest : public testing::TestWithParam<bool> {
         EXPECT_EQ(LocalCacheInit(), TARN_OK);
         EXPECT_EQ(LocalCacheWaitReady(60000), TARN_OK);
     }
-    void Remember(const std::string &strPath, const std::string &strDesc = "") {
+    void Remember(const std::string &strPath, const std::string &strDesc = "", int32_t lEngine = 1) {
         const struct stat status = StatusOf(strPath);
-        const _SCAN_FILE_RESULT verdict = Verdict(1, 1, strDesc);
+        const _SCAN_FILE_RESULT verdict = Verdict(lEngine, 1, strDesc);
         ASSERT_EQ(LocalCacheAddStat(strPath.c_str(), &status, DigestText(7).c_str(), &verdict), TARN_OK);
         ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
     }

@@ -1,0 +1,108 @@
+#include "agent/withdrawals.h"
+
+#include "agent/update_list.h"
+#include "formats/installation.h"
+#include "util/log.h"
+
+#include <algorithm>
+#include <tuple>
+
+namespace {
+
+constexpr char kLogSource[] = "dbagent";
+
+bool IsLess(const CacheMD5 &first, const CacheMD5 &second) {
+    return std::tie(first.liHighMD5, first.liLowMD5) < std::tie(second.liHighMD5, second.liLowMD5);
+}
+
+} // namespace
+
+void CWithdrawals::FindPending() {
+    m_bEngine = IsFileThere(kEngineMarkerPath) || IsFileThere(kEngineTakenPath);
+    const bool bList = IsFileThere(kHashMarkerPath) && IsFileThere(kUpdateCachePath);
+    m_eList = bList || IsFileThere(kListTakenPath) ? EList::Unread : EList::None;
+}
+
+bool CWithdrawals::Covers(const _CacheRecord &record) const {
+    if (m_bEngine && VerdictEngineCode(record.liTreatVirus) == kWithdrawnEngine) {
+        return true;
+    }
+    if (m_eList == EList::None) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return m_eList == EList::Unread ||
+           (m_eList == EList::Read && std::binary_search(m_vecDigests.begin(), m_vecDigests.end(),
+                                                         CacheMD5{record.liHighMD5, record.liLowMD5}, IsLess));
+}
+
+void CWithdrawals::TakeEngine() {
+    (void)MoveFile(kEngineMarkerPath, kEngineTakenPath); // an earlier one that is there means the same
+}
+
+void CWithdrawals::EngineDone() {
+    RemoveFile(kEngineTakenPath);
+    m_bEngine = IsFileThere(kEngineMarkerPath);
+}
+
+// 1. The list is renamed, so that an updater who leaves another one does not lose it to our removal.
+// 2. It is read. A list that is none goes back where it was; its marker was never touched.
+// 3. The marker goes. After a crash before this, the next start finds the list set aside and the marker without a list,
+//    and comes here again.
+uint32_t CWithdrawals::TakeList() {
+    if (m_eList == EList::Read) {
+        return TARN_OK;
+    }
+    if (!IsFileThere(kListTakenPath) && !MoveFile(kUpdateCachePath, kListTakenPath)) {
+        TARN_LOG_ERROR("[%s][cache] the list of digests cannot be set aside.");
+        return TARN_E_FAIL;
+    }
+    const uint32_t ulResult = ReadDigests();
+    if (ulResult == TARN_OK) {
+        if (!IsFileThere(kUpdateCachePath)) {
+            RemoveFile(kHashMarkerPath);
+        }
+        m_eList = EList::Read;
+    } else if (ulResult == TARN_E_INVALIDARG) {
+        if (!IsFileThere(kUpdateCachePath)) { // else a newer one has taken its place
+            (void)MoveFile(kListTakenPath, kUpdateCachePath);
+        }
+        RemoveFile(kListTakenPath);
+        m_eList = EList::None;
+    }
+    return ulResult;
+}
+
+uint32_t CWithdrawals::ReadDigests() {
+    CUpdateListText list;
+    switch (list.Read(kListTakenPath)) {
+    case TARN_OK:
+        break;
+    case TARN_NOT_CACHED: // no descriptor or no memory is left: for the moment, and no fault of the list
+    case TARN_E_OUTOFMEMORY:
+        return TARN_E_FAIL;
+    default:
+        return TARN_E_INVALIDARG;
+    }
+    m_vecDigests.clear();
+    CDigestLines lines(list.Digests());
+    char szDigest[kDigestTextSize] = {};
+    uint32_t ulResult = TARN_E_INVALIDARG; // a list without a line
+    while (lines.Next(szDigest)) {
+        ulResult = TARN_OK;
+        TARN_LOG_INFO("[%s]will clean cache md5: %s", szDigest);
+        if (CacheMD5 md5 = {}; ParseDigest(szDigest, md5)) {
+            m_vecDigests.push_back(md5);
+        }
+    }
+    std::sort(m_vecDigests.begin(), m_vecDigests.end(), IsLess);
+    return ulResult;
+}
+
+void CWithdrawals::ListDone() {
+    RemoveFile(kListTakenPath);
+    const bool bAnother = IsFileThere(kHashMarkerPath) && IsFileThere(kUpdateCachePath);
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    m_eList = bAnother ? EList::Unread : EList::None;
+    m_vecDigests.clear();
+}
