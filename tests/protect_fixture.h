@@ -22,7 +22,9 @@ class ProtectTest : public testing::TestWithParam<bool> {
         m_install.WriteFile("config/tarncfg.ini",
                             std::string("[cacheeng]\nexpiretime=4102444800\n") + (bProtect ? "protect=1\n" : ""));
         EXPECT_EQ(LocalCacheInit(), TARN_OK);
-        EXPECT_EQ(LocalCacheWaitReady(60000), TARN_OK);
+        // The start is counted behind its vacuum, which keeps other connections out.
+        EXPECT_TRUE(
+            WaitFor([this] { return ReadWholeFile(m_install.Config()).find("counts=1") != std::string::npos; }));
     }
     void Remember(const std::string &strPath, const std::string &strDesc = "", int32_t lEngine = 1) {
         const struct stat status = StatusOf(strPath);
