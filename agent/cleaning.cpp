@@ -57,6 +57,7 @@ void CDataBaseAgent::DoCleanCachesJob() {
     const uint32_t ulInterval = m_config.lExpireInterval * kSecondsPerDay; // wraps too
     m_config.liExpireTime = time(nullptr) + int64_t{ulInterval};
     m_config.lDBQueryCounts = 0;
+    PublishExpiry();
     ++m_ulWeedOutRuns;
     (void)WriteDBConfig(&m_config); // when it fails the next start repeats the pass
 }

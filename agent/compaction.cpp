@@ -54,6 +54,9 @@ class CQuietConnection : public CConnectionGuard {
 
   private:
     static bool IsActive(sqlite3 *pDB) {
+        if (sqlite3_get_autocommit(pDB) == 0) {
+            return true; // a caller's transaction
+        }
         sqlite3_stmt *pStmt = sqlite3_next_stmt(pDB, nullptr);
         while (pStmt != nullptr && sqlite3_stmt_busy(pStmt) == 0) {
             pStmt = sqlite3_next_stmt(pDB, pStmt);

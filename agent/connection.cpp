@@ -24,7 +24,11 @@ uint32_t CConnection::OpenForReading(const std::string &strPath) {
     if (sqlite3_open_v2(strPath.c_str(), &m_pDB, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
         sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs) == SQLITE_OK &&
         sqlite3_exec(m_pDB, "select count(*) from sqlite_master;", nullptr, nullptr, nullptr) == SQLITE_OK) {
-        return TARN_OK;
+        if (HasUsableMode()) {
+            return TARN_OK;
+        }
+        Abandon();
+        return TARN_E_FAIL;
     }
     TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] %s cannot be read, err:%s.", strPath.c_str(),
                 m_pDB != nullptr ? sqlite3_errmsg(m_pDB) : sqlite3_errstr(SQLITE_NOMEM));
@@ -32,17 +36,24 @@ uint32_t CConnection::OpenForReading(const std::string &strPath) {
     return TARN_E_FAIL;
 }
 
-uint32_t CConnection::Configure(int32_t lCachePages) {
+bool CConnection::HasUsableMode() {
     if (sqlite3_db_mutex(m_pDB) == nullptr) {
         TARN_LOG_AS(ELogLevel::Severe, kOpen,
                     "[%s][cache] the host has switched off SQLite's serialized mode, which lookups rely on.");
-        (void)CloseDB();
-        return TARN_E_FAIL;
+        return false;
     }
 #ifdef SQLITE_DBCONFIG_DQS_DML
     // Some statement texts quote values with double quotes, which an SQLite may be built to refuse.
     (void)sqlite3_db_config(m_pDB, SQLITE_DBCONFIG_DQS_DML, 1, nullptr);
 #endif
+    return true;
+}
+
+uint32_t CConnection::Configure(int32_t lCachePages) {
+    if (!HasUsableMode()) {
+        (void)CloseDB();
+        return TARN_E_FAIL;
+    }
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "%s=%d;", "pragma cache_size", lCachePages);
     char *pszError = nullptr;

@@ -57,6 +57,7 @@ class TARN_API CConnection {
     [[nodiscard]] bool MeasureFile(uint64_t &ullFileBytes, uint64_t &ullFreeBytes) const REQUIRES_SHARED(m_tableLock);
 
   private:
+    bool HasUsableMode();
     uint32_t PrepareEndStatements();
     uint32_t StepTransaction(_SQLStmt &stStep);
 

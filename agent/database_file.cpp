@@ -94,29 +94,30 @@ uint32_t CDataBaseAgent::DBTablesInit() {
     return ulResult;
 }
 
-// Makes nothing, so it needs no free space, and a table that is missing or different is not made anew.
-uint32_t CDataBaseAgent::StartReader() NO_THREAD_SAFETY_ANALYSIS {
-    uint32_t ulResult = CreateLocks();
-    ulResult = ulResult != TARN_OK ? ulResult : ReadExistingDBConfig(&m_config);
-    ulResult = ulResult != TARN_OK ? ulResult : m_connection.OpenForReading(DatabasePath(m_config));
-    if (ulResult != TARN_OK) {
-        return ulResult;
-    }
+void CDataBaseAgent::TakeWithdrawalsIntoForce() {
+    m_pWithdrawals = std::make_unique<CWithdrawals>();
+    m_pWithdrawals->FindPending();
+}
+
+uint32_t CDataBaseAgent::OpenExistingDB() {
+    return m_connection.OpenForReading(DatabasePath(m_config));
+}
+
+// NO_THREAD_SAFETY_ANALYSIS in the header: start-up only, nobody else is there yet.
+uint32_t CDataBaseAgent::OpenExistingTables() {
     if (!MakeTables()) {
         return TARN_E_OUTOFMEMORY;
     }
-    const bool bReadable = m_pCacheTable->OpenExisting() == 0 && m_pVirusTable->OpenExisting() == 0;
-    if (bReadable && m_config.bProtect) {
+    if (m_pCacheTable->OpenExisting() != 0 || m_pVirusTable->OpenExisting() != 0) {
+        TARN_LOG_AS(ELogLevel::Error, "AgentInit", "[%s][cache] a table is missing or has another schema.");
+        return TARN_E_FAIL;
+    }
+    if (m_config.bProtect) {
         m_pIdentity = std::make_unique<CIdentity>(m_connection.Handle());
         m_pIdentity->OpenForReading(m_config);
         TakeWithdrawalsIntoForce();
     }
-    return bReadable ? TARN_OK : TARN_E_FAIL;
-}
-
-void CDataBaseAgent::TakeWithdrawalsIntoForce() {
-    m_pWithdrawals = std::make_unique<CWithdrawals>();
-    m_pWithdrawals->FindPending();
+    return TARN_OK;
 }
 
 uint32_t CDataBaseAgent::CheckModuleVersion() {

@@ -19,21 +19,32 @@ CDataBaseAgent::CDataBaseAgent() = default;
 CDataBaseAgent::~CDataBaseAgent() = default;
 
 uint32_t CDataBaseAgent::AgentInit(int mode) {
-    m_eMode = static_cast<EMode>(mode);
+    m_eMode = mode == 0 ? EMode::Full : EMode::Direct;
+    const uint32_t ulResult = TakeStart(&CDataBaseAgent::StartDatabase);
+    if (ulResult == TARN_OK && m_eMode == EMode::Full) {
+        StartWriter();
+    }
+    return ulResult;
+}
+
+uint32_t CDataBaseAgent::AgentInitReader() {
+    m_eMode = EMode::Reader;
+    return TakeStart(&CDataBaseAgent::StartReader);
+}
+
+uint32_t CDataBaseAgent::TakeStart(uint32_t (CDataBaseAgent::*start)()) {
     uint32_t ulResult = TARN_E_OUTOFMEMORY;
     try {
-        ulResult = IsReader() ? StartReader() : StartDatabase();
+        ulResult = (this->*start)();
     } catch (const std::bad_alloc &) {
-        TARN_LOG_SEVERE("[%s][cache] out of memory.");
+        TARN_LOG_AS(ELogLevel::Severe, kInit, "[%s][cache] out of memory.");
     }
     if (ulResult != TARN_OK) {
         (void)AgentUnInit(); // the failure that counts is the one of the start
         return ulResult;
     }
+    PublishExpiry();
     m_queue.Start();
-    if (m_eMode == EMode::Full) {
-        StartWriter();
-    }
     return TARN_OK;
 }
 
@@ -70,6 +81,18 @@ uint32_t CDataBaseAgent::StartDatabase() {
     }
     TARN_LOG_AS(ELogLevel::Info, kInit, "[%s][cache] tables init success.");
     return TARN_OK;
+}
+
+// Makes nothing, so it needs no free space, and a table that is missing or different is not made anew.
+uint32_t CDataBaseAgent::StartReader() {
+    uint32_t ulResult = CreateLocks();
+    ulResult = ulResult != TARN_OK ? ulResult : ReadExistingDBConfig(&m_config);
+    if (ulResult == TARN_E_FAIL) {
+        TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] the configuration or the database cannot be read.");
+    }
+    ulResult = ulResult != TARN_OK ? ulResult : OpenExistingDB();
+    ulResult = ulResult != TARN_OK ? ulResult : OpenExistingTables();
+    return ulResult;
 }
 
 bool CDataBaseAgent::IsDiskSpaceEnough() const {

@@ -44,7 +44,7 @@ struct _DBStatistics {
 };
 static_assert(sizeof(_DBStatistics) == 20);
 
-// How the agent is started: the argument of AgentInit.
+// How the agent was started.
 enum class EMode : int { Full = TARN_MODE_FULL, Direct = TARN_MODE_DIRECT, Reader = TARN_MODE_READER };
 
 class TARN_API CDataBaseAgent {
@@ -58,10 +58,12 @@ class TARN_API CDataBaseAgent {
 
     // --- dbagent.cpp: start-up and shut-down, under g_DBMutex
 
-    // Locks, configuration, free space, database, tables; mode 0 also starts the writer thread, mode 2 (EMode::Reader)
-    // opens what is there for reading. TARN_OK; TARN_E_FAIL, TARN_E_OUTOFMEMORY or a table's code, TARN_NOT_CACHED (a
-    // reader without a database), with everything taken down again. A writer that cannot be started is logged only.
+    // Locks, configuration, free space, database, tables; mode 0 also starts the writer thread. TARN_OK; TARN_E_FAIL,
+    // TARN_E_OUTOFMEMORY or a table's code, with everything taken down again. A writer that cannot be started is logged
+    // only.
     [[nodiscard]] uint32_t AgentInit(int mode);
+    // Opens what is there, for questions alone. Also TARN_NOT_CACHED: there is no database.
+    [[nodiscard]] uint32_t AgentInitReader();
     // Ends the writer (it writes both queues a last time), then releases everything. The result of CloseDB.
     uint32_t AgentUnInit();
     [[nodiscard]] bool IsReader() const { return m_eMode == EMode::Reader; }
@@ -95,7 +97,7 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t CacheAddStat(const char *file, const struct stat &status, const char *md5_text,
                                         const _SCAN_FILE_RESULT *in);
 
-    // --- explain.cpp: any thread, table lock for reading; no hit is counted
+    // --- questions.cpp: any thread, table lock for reading; no hit is counted
 
     // The stored verdict, whether the file is unchanged or not. TARN_OK: *pbCurrent says whether the file is as it was;
     // TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_FAIL.
@@ -104,7 +106,7 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t Explain(const char *file, _LOCAL_CACHE_EXPLANATION &explanation);
     // As LocalCacheEnumerate. No lock is held while onRecord runs.
     [[nodiscard]] uint32_t EnumerateRecords(int (*onRecord)(const _LOCAL_CACHE_RECORD *, void *), void *context);
-    // As LocalCacheCheck.
+    // As LocalCacheCheck (check.cpp).
     [[nodiscard]] uint32_t CheckSoundness(void (*onFinding)(const char *, void *), void *context);
 
     // --- writer.cpp: the writer thread
@@ -119,7 +121,7 @@ class TARN_API CDataBaseAgent {
     // DoBatchWriteJobs. Returns whether the agent was running when the queues were swapped.
     bool RunWritePass(bool bWait) EXCLUDES(m_connection.m_tableLock, m_queue.m_mutex);
 
-    // --- transactions.cpp: table lock held for writing. TARN_OK or TARN_E_FAIL.
+    // --- the connection's: table lock held for writing. TARN_OK or TARN_E_FAIL.
 
     [[nodiscard]] uint32_t BeginTransactoion(TransactionType type) REQUIRES(m_connection.m_tableLock) {
         return m_connection.BeginTransactoion(type); // TARN_E_INVALIDARG for an unknown type
@@ -156,7 +158,7 @@ class TARN_API CDataBaseAgent {
     void TimerCleanCaches();
     [[nodiscard]] uint32_t TrimRecords();
 
-    // --- compaction.cpp: the writer thread
+    // --- the connection's too: the writer thread
 
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
     int64_t AdjustDBToActualSize() { return m_connection.AdjustDBToActualSize(m_config.lCacheSize); }
@@ -184,7 +186,7 @@ class TARN_API CDataBaseAgent {
     // Reads, deciphers and applies the list. TARN_OK; TARN_E_FAIL, TARN_E_OUTOFMEMORY, TARN_E_INVALIDARG (no version
     // line or no digest line), TARN_E_ABORT (shut-down).
     [[nodiscard]] uint32_t DeleteCacheRecordsByFileMD5();
-    // Applies the digest lines of text, which is cut up in place, 1000 to a transaction. Codes as above.
+    // Applies the digest lines of text, 1000 to a transaction. Codes as above.
     [[nodiscard]] uint32_t ParseAndDeleteCacheRecordsByFileMD5(char *text);
     // One batch in one transaction, table lock for writing. The result of the rollback when it failed: a batch that was
     // rolled back cleanly reports TARN_OK.
@@ -205,6 +207,12 @@ class TARN_API CDataBaseAgent {
     uint32_t CreateLocks();
     uint32_t StartDatabase();
     uint32_t StartReader();
+    uint32_t TakeStart(uint32_t (CDataBaseAgent::*start)());
+    uint32_t OpenExistingDB();
+    uint32_t OpenExistingTables() NO_THREAD_SAFETY_ANALYSIS;
+    bool HasExpectedTables();
+    void PublishExpiry();
+    void TakeUpdates();
     void StartWriter();
     bool IsDiskSpaceEnough() const;
     bool MakeTables();
@@ -243,10 +251,12 @@ class TARN_API CDataBaseAgent {
     std::atomic<uint32_t> m_ulCacheSize = 0;
     std::atomic<uint32_t> m_ulWeedOutCount = 0;
     std::atomic<uint32_t> m_ulWeedOutRuns = 0;
+    // The running state of the expiry policy as others may read it.
+    std::atomic<int64_t> m_liNextExpiry = 0;
+    std::atomic<uint32_t> m_ulStartsSinceExpiry = 0;
 
     EMode m_eMode = EMode::Full; // set at start-up
-    // Filled at start-up. The two running values are then changed by the writer thread alone, under the table lock.
-    _DBConfig m_config = {};
+    _DBConfig m_config = {};     // filled at start-up; its running values are then the writer thread's alone
     CConnection m_connection;
     CWriteQueue m_queue;
     CStartGate m_startGate;

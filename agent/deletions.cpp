@@ -35,9 +35,8 @@ uint32_t CDataBaseAgent::DeleteAllRecords() {
 }
 
 uint32_t CDataBaseAgent::DeleteByEngine(int16_t sEngine) {
-    EngineSet engines = {sEngine};
     const CWriteLock lock(m_connection.m_tableLock);
-    if (m_pCacheTable->BatchDeleteRecordsByEngineIds(engines) == 0) {
+    if (m_pCacheTable->DeleteRecordsByEngine(static_cast<uint16_t>(sEngine)) == 0) {
         TARN_LOG_ERROR("[%s][cache] delete records of engine %d failed.", sEngine);
         return TARN_E_FAIL;
     }

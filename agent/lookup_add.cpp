@@ -70,7 +70,7 @@ uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, cons
     record.liFilePathHash = liPathHash;
     if (!bTold || !QueryHit(identity, record, md5_text, out)) {
         TARN_LOG_DEBUG_AS(kLookup, "[%s][cache] file:%s is not in cache.", file);
-        m_ulMissCount.fetch_add(1, std::memory_order_relaxed);
+        m_ulMissCount.fetch_add(IsReader() ? 0 : 1, std::memory_order_relaxed);
         return TARN_NOT_CACHED;
     }
     if (!IsReader()) {

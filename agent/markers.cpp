@@ -93,14 +93,16 @@ bool GetUpdateCacheFilePath(char *path, int32_t size) {
 
 bool IsFileThere(const char *pszPath) {
     char szExpanded[TARN_PATH_SIZE] = {};
-    return dirutils_path_transform(pszPath, szExpanded, sizeof szExpanded) != 0 && access(szExpanded, F_OK) == 0;
+    dirutils_path_transform(pszPath, szExpanded, sizeof szExpanded);
+    return szExpanded[0] != '\0' && access(szExpanded, F_OK) == 0;
 }
 
 bool MoveFile(const char *pszFrom, const char *pszTo) {
     char szFrom[TARN_PATH_SIZE] = {};
     char szTo[TARN_PATH_SIZE] = {};
-    return dirutils_path_transform(pszFrom, szFrom, sizeof szFrom) != 0 &&
-           dirutils_path_transform(pszTo, szTo, sizeof szTo) != 0 && std::rename(szFrom, szTo) == 0;
+    dirutils_path_transform(pszFrom, szFrom, sizeof szFrom);
+    dirutils_path_transform(pszTo, szTo, sizeof szTo);
+    return std::rename(szFrom, szTo) == 0;
 }
 
 void RemoveFile(const char *pszPath) {

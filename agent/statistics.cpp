@@ -41,8 +41,6 @@ uint32_t CDataBaseAgent::GetInfo(_LOCAL_CACHE_INFO &info) {
             return TARN_E_FAIL;
         }
         info.ullRecords = static_cast<uint64_t>(iCount);
-        info.liNextExpiry = m_config.liExpireTime;
-        info.ulStartsSinceExpiry = m_config.lDBQueryCounts;
     }
     info.ulMode = static_cast<uint32_t>(m_eMode);
     info.ullRecordCap = CCacheTable::kMaxRecords;
@@ -51,6 +49,8 @@ uint32_t CDataBaseAgent::GetInfo(_LOCAL_CACHE_INFO &info) {
     info.ullAdded = m_ulAddedCount;
     info.ullQueued = m_queue.Waiting();
     info.ullLost = m_queue.Lost();
+    info.liNextExpiry = m_liNextExpiry;
+    info.ulStartsSinceExpiry = m_ulStartsSinceExpiry;
     info.ulExpireInterval = m_config.lExpireInterval;
     info.ulExpirePercent = m_config.lExpirePercent;
     info.ulIdentity = m_pIdentity != nullptr ? 1 : 0;
@@ -67,4 +67,9 @@ uint32_t CDataBaseAgent::CountByFileHash(const char *md5_text, uint64_t &ullCoun
     }
     ullCount = static_cast<uint64_t>(liCount);
     return TARN_OK;
+}
+
+void CDataBaseAgent::PublishExpiry() {
+    m_liNextExpiry = m_config.liExpireTime;
+    m_ulStartsSinceExpiry = m_config.lDBQueryCounts;
 }

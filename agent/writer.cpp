@@ -2,6 +2,7 @@
 // writing.
 #include "agent/dbagent.h"
 
+#include "formats/installation.h"
 #include "support/call_guard.h"
 #include "util/log.h"
 
@@ -13,12 +14,14 @@ constexpr char kLogSource[] = "dbagent";
 constexpr size_t kSweepAtOnce = 2000;        // codes looked at under one hold of the lock
 constexpr uint64_t kCleanPeriodMs = 1800000; // 30 minutes
 
-// One piece of start-up work; running out of memory in it must not end the writer.
-template <typename Step> void RunStartStep(Step step) {
+// One piece of start-up work; running out of memory in it must not end the writer. False when it did not end by itself.
+template <typename Step> bool RunStartStep(Step step) {
     try {
         step();
+        return true;
     } catch (const std::exception &error) {
         TARN_LOG_AS(ELogLevel::Error, "UpdateRecords", "[%s][cache] maintenance ended early: %s", error.what());
+        return false;
     }
 }
 
@@ -37,36 +40,31 @@ void *CDataBaseAgent::UpdateWorkThread(void *agent) {
         TARN_LOG_SEVERE("[%s][cache] writer thread ended: %s", error.what());
     }
     pAgent->m_queue.WriterEnded();
-    pAgent->m_startGate.Open(pAgent->m_bListRefused ? TARN_E_FAIL : TARN_OK); // whatever kept the work from its end
+    // Those who wait for the start-up work are let go also when the thread ended before it was done.
+    pAgent->m_startGate.Open(pAgent->m_bListRefused ? TARN_E_FAIL : TARN_OK);
     return nullptr;
 }
 
 void CDataBaseAgent::UpdateRecords() {
-    if (m_pWithdrawals != nullptr) {
-        RunStartStep([this] { ApplyWithdrawals(); });
-    } else {
-        RunStartStep([this] { (void)CheckDeleteAllCacheRecords(); }); // no marker is the normal case
-        RunStartStep([this] { (void)CheckDeleteFrepCacheRecords(); });
-    }
+    TakeUpdates();
     m_pCleanTimer = cl_timerplus_start(0, kCleanPeriodMs, CleanTimerCallback, this, 0, 0);
     if (m_pCleanTimer == nullptr) {
         TARN_LOG_SEVERE("[%s]Start timer failed");
+        m_queue.WriterEnded();
         return;
     }
-    RunStartStep([this] { DoCleanCachesJob(); });
+    (void)RunStartStep([this] { DoCleanCachesJob(); });
     m_startGate.Open(m_bListRefused ? TARN_E_FAIL : TARN_OK);
-    RunStartStep([this] { (void)AdjustDBToActualSize(); }); // logged there; the cache works uncompacted too
-    {
-        const CWriteLock lock(m_connection.m_tableLock); // GetInfo reads it
-        ++m_config.lDBQueryCounts;
-    }
+    (void)RunStartStep([this] { (void)AdjustDBToActualSize(); }); // logged there; the cache works uncompacted too
+    ++m_config.lDBQueryCounts;
+    PublishExpiry();
     (void)WriteDBConfig(&m_config); // a start that is not counted only makes the next expiry pass stricter
-    // Ends behind a pass that saw the end of running: what was queued during the pass before is written too.
+    // A pass that sees the end of running is the last one: it also takes what was queued during the pass before.
     while (RunWritePass(true)) {
         cl_ev_loop_nowait(1);
         cl_event_loop_once(); // the clean timer's callback runs here
         SweepCodes();
-        RunStartStep([this] { RetryWithdrawals(); });
+        (void)RunStartStep([this] { RetryWithdrawals(); });
         if (cl_ev_cb_count() == 0) {
             m_queue.Pause();
         }
@@ -75,6 +73,19 @@ void CDataBaseAgent::UpdateRecords() {
     cl_timerplus_stop(m_pCleanTimer);
     cl_timerplus_close(m_pCleanTimer);
     m_pCleanTimer = nullptr;
+    m_queue.WriterEnded();
+}
+
+// What engine updates have left.
+void CDataBaseAgent::TakeUpdates() {
+    if (m_pWithdrawals != nullptr) {
+        (void)RunStartStep([this] { ApplyWithdrawals(); }); // what fails stays in force
+        return;
+    }
+    (void)RunStartStep([this] { (void)CheckDeleteAllCacheRecords(); }); // no marker is the normal case
+    if (!RunStartStep([this] { (void)CheckDeleteFrepCacheRecords(); })) {
+        m_bListRefused = IsFileThere(kUpdateCachePath);
+    }
 }
 
 bool CDataBaseAgent::RunWritePass(bool bWait) {

@@ -21,10 +21,10 @@ add_library(tarncache SHARED
   agent/dbagent.cpp
   agent/deletions.cpp
   agent/engine_flags.cpp
-  agent/explain.cpp
   agent/identity.cpp
   agent/lookup_add.cpp
   agent/markers.cpp
+  agent/questions.cpp
   agent/reverse_lookup.cpp
   agent/start_gate.cpp
   agent/statistics.cpp

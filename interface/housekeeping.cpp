@@ -35,7 +35,10 @@ uint32_t LocalCacheEnumerate(int (*onRecord)(const _LOCAL_CACHE_RECORD *record, 
 }
 
 uint32_t LocalCacheCheck(void (*onFinding)(const char *text, void *context), void *context) {
-    return Ask(true, [=](CDataBaseAgent &agent) { return agent.CheckSoundness(onFinding, context); });
+    // Not for readers: reading the whole file keeps another process from writing for longer than it waits.
+    return Ask(true, [=](CDataBaseAgent &agent) {
+        return agent.IsReader() ? TARN_E_FAIL : agent.CheckSoundness(onFinding, context);
+    });
 }
 
 uint32_t LocalCacheDeleteByFileHash(const char *md5) {

@@ -36,7 +36,9 @@ uint32_t CacheInit(EMode eMode) {
             if (pAgent == nullptr) {
                 return TARN_E_OUTOFMEMORY;
             }
-            if (const uint32_t ulResult = pAgent->AgentInit(static_cast<int>(eMode)); ulResult != TARN_OK) {
+            if (const uint32_t ulResult =
+                    eMode == EMode::Reader ? pAgent->AgentInitReader() : pAgent->AgentInit(static_cast<int>(eMode));
+                ulResult != TARN_OK) {
                 return ulResult;
             }
             g_pAgent = pAgent.release();
@@ -81,7 +83,7 @@ uint32_t LocalCacheUnInit(void) {
         }
         if (--g_liInitCount == 0) {
             _DBStatistics statistics = {};
-            if (const std::unique_ptr<CDataBaseAgent> pAgent{g_pAgent.load()}) {
+            if (const std::unique_ptr<CDataBaseAgent> pAgent(g_pAgent.load()); pAgent != nullptr) {
                 // Counters that cannot be read are logged as they were; nothing may keep the agent from shutting down.
                 (void)CallWithoutThrowing([&] { return pAgent->GetCacheStatistic(&statistics); });
                 (void)pAgent->AgentUnInit();
@@ -98,5 +100,9 @@ uint32_t LocalCacheWaitReady(uint32_t timeoutMs) {
 }
 
 uint32_t LocalCacheFlush(uint32_t timeoutMs, uint64_t *lost) {
-    return Change(true, [=](CDataBaseAgent &agent) { return agent.Flush(timeoutMs, lost); });
+    if (lost != nullptr) {
+        *lost = 0;
+    }
+    return Ask(true,
+               [=](CDataBaseAgent &agent) { return agent.IsReader() ? TARN_E_FAIL : agent.Flush(timeoutMs, lost); });
 }

@@ -66,6 +66,9 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     // Appends one new record, zeroed path, for each row with this MD5. 1 success, 0 failure; 1 without a connection.
     // The caller frees the records with delete, after a failure too.
     int QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut);
+    // Deletes every row of one engine, which is given by its 16 bits as they are stored: the statement above knows
+    // engines below 32768 only. As BatchDeleteRecordsByEngineIds.
+    int DeleteRecordsByEngine(uint16_t usEngine);
     // "(3,7,12)" in ascending order; "()" for an empty set.
     std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
 

@@ -193,6 +193,22 @@ int CCacheTable::BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds) 
     return iStep == SQLITE_DONE ? 1 : 0;
 }
 
+int CCacheTable::DeleteRecordsByEngine(uint16_t usEngine) {
+    if (!IsConnected(m_pDB, __func__)) {
+        return 1;
+    }
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "delete from %s where (%s >> 32 & 0xffff) = %u;", m_strTableName.c_str(),
+                 ColumnName(kColumnFTV).c_str(), static_cast<unsigned int>(usEngine));
+    CStatement deletion(m_pDB, szSQL);
+    (void)deletion.Step();
+    const int iStep = deletion.RetryWhileBusy(1);
+    if (iStep != SQLITE_DONE) {
+        LogFailedStep(deletion, __func__);
+    }
+    return iStep == SQLITE_DONE ? 1 : 0;
+}
+
 void CCacheTable::FormatMD5Query(char (&szSQL)[kStatementSize], const char *pszWhat, int64_t liHighMD5,
                                  int64_t liLowMD5) const {
     str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s=%lld and %s=%lld;", pszWhat, m_strTableName.c_str(),

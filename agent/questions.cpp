@@ -126,6 +126,10 @@ uint32_t CDataBaseAgent::EnumerateRecords(int (*onRecord)(const _LOCAL_CACHE_REC
             }
         }
         for (const _LOCAL_CACHE_RECORD &record : vecRecords) {
+            if (record.liPathHash <= liAfter && liAfter != INT64_MIN) {
+                TARN_LOG_ERROR("[%s][cache] the records are out of order."); // a damaged index would never end
+                return TARN_E_FAIL;
+            }
             if (onRecord(&record, context) != 0) {
                 return TARN_OK;
             }
