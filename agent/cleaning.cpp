@@ -42,13 +42,13 @@ void CDataBaseAgent::DoCleanCachesJob() {
     const int64_t liCutOff = m_config.lExpirePercent == 100 ? liNow : liNow - kRecencyMarginSeconds;
     TARN_LOG_DEBUG("[%s][cache] iQueryTimes:%d.", iQueryTimes);
     const CWriteLock lock(m_connection.m_tableLock);
-    int iDeleted = static_cast<int>(m_ulWeedOutCount);
+    int iDeleted = static_cast<int>(m_counters.ulWeedOutCount);
     if (const uint32_t ulResult = m_pCacheTable->DeleteExpireRecords(iQueryTimes, liCutOff, &iDeleted); ulResult != 0) {
         TARN_LOG_ERROR("[%s][cache] Expire records failed with error code msg = %s",
                        sqlite3_errstr(static_cast<int>(ulResult)));
         return; // the date stays, so the next start tries again
     }
-    m_ulWeedOutCount = static_cast<uint32_t>(iDeleted); // replaces the count, where trimming adds to it
+    m_counters.ulWeedOutCount = static_cast<uint32_t>(iDeleted); // replaces the count, where trimming adds to it
     if (const uint32_t ulResult = m_pCacheTable->ResetAllRecordsQueryCount(0); ulResult != 0) {
         LogFailedReset(sqlite3_errstr(static_cast<int>(ulResult)));
         return;
@@ -58,7 +58,7 @@ void CDataBaseAgent::DoCleanCachesJob() {
     m_config.liExpireTime = time(nullptr) + int64_t{ulInterval};
     m_config.lDBQueryCounts = 0;
     PublishExpiry();
-    ++m_ulWeedOutRuns;
+    ++m_counters.ulWeedOutRuns;
     (void)WriteDBConfig(&m_config); // when it fails the next start repeats the pass
 }
 
@@ -93,6 +93,6 @@ uint32_t CDataBaseAgent::TrimRecords() {
     if (ulResult != 0) {
         TARN_LOG_AS(ELogLevel::Error, "TimerCleanCaches", "[%s][cache] delete excess records failed with error");
     }
-    m_ulWeedOutCount += static_cast<uint32_t>(iDeleted);
+    m_counters.ulWeedOutCount += static_cast<uint32_t>(iDeleted);
     return ulResult == 0 ? TARN_OK : TARN_E_FAIL;
 }

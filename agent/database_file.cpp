@@ -22,6 +22,15 @@ std::string DatabasePath(const _DBConfig &config) {
     return std::string(config.szDBDir) + config.szDBName;
 }
 
+template <typename Table> uint32_t CheckTable(Table *pTable) {
+    const uint32_t ulResult = TableCreateCheckRebuild(pTable);
+    if (ulResult != TARN_OK) {
+        TARN_LOG_AS(ELogLevel::Error, "DBTablesInit", "[%s][cache] Create Table %s failed.",
+                    pTable->m_strTableName.c_str());
+    }
+    return ulResult;
+}
+
 } // namespace
 
 uint32_t CDataBaseAgent::OpenDB() {
@@ -51,15 +60,6 @@ uint32_t CDataBaseAgent::RebuildDB() {
     return m_connection.Open(strPath) ? TARN_OK : TARN_E_FAIL;
 }
 
-template <typename Table> uint32_t CDataBaseAgent::CheckTable(Table *pTable) {
-    const uint32_t ulResult = TableCreateCheckRebuild(pTable);
-    if (ulResult != TARN_OK) {
-        TARN_LOG_AS(ELogLevel::Error, "DBTablesInit", "[%s][cache] Create Table %s failed.",
-                    pTable->m_strTableName.c_str());
-    }
-    return ulResult;
-}
-
 bool CDataBaseAgent::MakeTables() {
     m_pCacheTable.reset(new (std::nothrow) CCacheTable(m_connection.Handle()));
     m_pVirusTable.reset(new (std::nothrow) CVirusTable(m_connection.Handle()));
@@ -76,17 +76,15 @@ uint32_t CDataBaseAgent::DBTablesInit() {
         DBTablesUnInit();
         return TARN_E_OUTOFMEMORY;
     }
-    uint32_t ulResult = CheckTable(m_pCacheTable.get());
-    ulResult = ulResult != TARN_OK ? ulResult : CheckTable(m_pVirusTable.get());
-    ulResult = ulResult != TARN_OK ? ulResult : CheckTable(m_pVersionTable.get());
+    uint32_t ulResult = CheckTables();
     if (ulResult == TARN_OK && CheckModuleVersion() != 0) {
         TARN_LOG_ERROR("[%s][cache] CheckModuleVersion failed.");
         ulResult = TARN_E_FAIL;
     }
     if (ulResult == TARN_OK && m_config.bProtect) {
-        m_pIdentity = std::make_unique<CIdentity>(m_connection.Handle());
-        ulResult = m_pIdentity->Open(m_config, m_pCacheTable->m_strTableName);
-        TakeWithdrawalsIntoForce();
+        m_pProtection = std::make_unique<CProtection>(m_connection.Handle());
+        m_pProtection->m_withdrawals.FindPending();
+        ulResult = m_pProtection->m_identity.Open(m_config, m_pCacheTable->m_strTableName);
     }
     if (ulResult != TARN_OK) {
         DBTablesUnInit();
@@ -94,9 +92,10 @@ uint32_t CDataBaseAgent::DBTablesInit() {
     return ulResult;
 }
 
-void CDataBaseAgent::TakeWithdrawalsIntoForce() {
-    m_pWithdrawals = std::make_unique<CWithdrawals>();
-    m_pWithdrawals->FindPending();
+uint32_t CDataBaseAgent::CheckTables() {
+    uint32_t ulResult = CheckTable(m_pCacheTable.get());
+    ulResult = ulResult != TARN_OK ? ulResult : CheckTable(m_pVirusTable.get());
+    return ulResult != TARN_OK ? ulResult : CheckTable(m_pVersionTable.get());
 }
 
 uint32_t CDataBaseAgent::OpenExistingDB() {
@@ -113,9 +112,9 @@ uint32_t CDataBaseAgent::OpenExistingTables() {
         return TARN_E_FAIL;
     }
     if (m_config.bProtect) {
-        m_pIdentity = std::make_unique<CIdentity>(m_connection.Handle());
-        m_pIdentity->OpenForReading(m_config);
-        TakeWithdrawalsIntoForce();
+        m_pProtection = std::make_unique<CProtection>(m_connection.Handle());
+        m_pProtection->m_withdrawals.FindPending();
+        m_pProtection->m_identity.OpenForReading(m_config);
     }
     return TARN_OK;
 }
@@ -141,8 +140,7 @@ uint32_t CDataBaseAgent::CheckModuleVersion() {
 }
 
 void CDataBaseAgent::DBTablesUnInit() {
-    m_pWithdrawals.reset();
-    m_pIdentity.reset();
+    m_pProtection.reset();
     m_pCacheTable.reset();
     m_pVirusTable.reset();
     m_pVersionTable.reset();

@@ -12,6 +12,13 @@ namespace {
 constexpr char kLogSource[] = "dbagent";
 constexpr char kInit[] = "AgentInit";
 
+bool IsDiskSpaceEnough(const _DBConfig &config) {
+    struct statfs fileSystem = {};
+    (void)statfs(config.szDBDir, &fileSystem); // on failure the free space counts as 0
+    const uint64_t ullFreeBytes = static_cast<uint64_t>(fileSystem.f_bsize) * fileSystem.f_bfree;
+    return config.liDiskThreshold <= ullFreeBytes;
+}
+
 } // namespace
 
 CDataBaseAgent::CDataBaseAgent() = default;
@@ -65,7 +72,7 @@ uint32_t CDataBaseAgent::StartDatabase() {
         return ulResult;
     }
     TARN_LOG_AS(ELogLevel::Info, kInit, "[%s][cache] read db config success.");
-    if (!IsDiskSpaceEnough()) {
+    if (!IsDiskSpaceEnough(m_config)) {
         TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] DiskSpace is lower threshold failed.");
         return TARN_E_FAIL;
     }
@@ -93,13 +100,6 @@ uint32_t CDataBaseAgent::StartReader() {
     ulResult = ulResult != TARN_OK ? ulResult : OpenExistingDB();
     ulResult = ulResult != TARN_OK ? ulResult : OpenExistingTables();
     return ulResult;
-}
-
-bool CDataBaseAgent::IsDiskSpaceEnough() const {
-    struct statfs fileSystem = {};
-    (void)statfs(m_config.szDBDir, &fileSystem); // on failure the free space counts as 0
-    const uint64_t ullFreeBytes = static_cast<uint64_t>(fileSystem.f_bsize) * fileSystem.f_bfree;
-    return m_config.liDiskThreshold <= ullFreeBytes;
 }
 
 void CDataBaseAgent::StartWriter() {

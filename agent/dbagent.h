@@ -15,11 +15,10 @@
 #define TARN_AGENT_DBAGENT_H
 
 #include "agent/connection.h"
+#include "agent/counters.h"
 #include "agent/find_progress.h"
-#include "agent/identity.h"
-#include "agent/markers.h"
+#include "agent/protection.h"
 #include "agent/start_gate.h"
-#include "agent/withdrawals.h"
 #include "agent/write_queue.h"
 #include "platform/nubcl_ev.h"
 #include "tables/cachetable.h"
@@ -28,21 +27,9 @@
 #include "util/dbconfig.h"
 #include "util/dbfileutil.h"
 
-#include <atomic>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
-
-// The agent's counters, in the order in which they are reported.
-struct _DBStatistics {
-    uint32_t ulHitCount;
-    uint32_t ulAddedCount;
-    uint32_t ulCacheSize;
-    uint32_t ulWeedOutCount;
-    uint32_t ulWeedOutRuns;
-};
-static_assert(sizeof(_DBStatistics) == 20);
 
 // How the agent was started.
 enum class EMode : int { Full = TARN_MODE_FULL, Direct = TARN_MODE_DIRECT, Reader = TARN_MODE_READER };
@@ -214,17 +201,12 @@ class TARN_API CDataBaseAgent {
     void PublishExpiry();
     void TakeUpdates();
     void StartWriter();
-    bool IsDiskSpaceEnough() const;
     bool MakeTables();
-    void TakeWithdrawalsIntoForce();
-    template <typename Table> uint32_t CheckTable(Table *pTable) NO_THREAD_SAFETY_ANALYSIS;
+    uint32_t CheckTables() NO_THREAD_SAFETY_ANALYSIS;
     uint32_t AnswerLookup(const char *file, int64_t liPathHash, const struct stat &status, char *md5_text,
                           _SCAN_FILE_RESULT *out);
     // 0, 101 (no such row) or a SQLite code. bHasCode is false for a record that must not answer.
     uint32_t ReadRecord(_CacheRecord &record, bool &bHasCode) REQUIRES_SHARED(m_connection.m_tableLock);
-    // Is this record, which has its code, about this very file?
-    bool IsWithdrawn(const _CacheRecord &record) const; // and not deleted yet
-    bool IsAbout(const _FileIdentity &file, const _CacheRecord &record, const char *pszDescription);
     // Takes the file's status and asks for its file system. 0 or an errno value.
     int IdentifyFile(const char *file, struct stat &status, uint64_t &ullFileSystem);
     bool QueryHit(const _FileIdentity &file, _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out);
@@ -244,19 +226,9 @@ class TARN_API CDataBaseAgent {
     bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_connection.m_tableLock);
     bool QueryRequests(RecordMap &requests);
 
-    // Counters: read and raised by any thread.
-    std::atomic<uint32_t> m_ulHitCount = 0;
-    std::atomic<uint32_t> m_ulMissCount = 0;
-    std::atomic<uint32_t> m_ulAddedCount = 0;
-    std::atomic<uint32_t> m_ulCacheSize = 0;
-    std::atomic<uint32_t> m_ulWeedOutCount = 0;
-    std::atomic<uint32_t> m_ulWeedOutRuns = 0;
-    // The running state of the expiry policy as others may read it.
-    std::atomic<int64_t> m_liNextExpiry = 0;
-    std::atomic<uint32_t> m_ulStartsSinceExpiry = 0;
-
     EMode m_eMode = EMode::Full; // set at start-up
     _DBConfig m_config = {};     // filled at start-up; its running values are then the writer thread's alone
+    _Counters m_counters;
     CConnection m_connection;
     CWriteQueue m_queue;
     CStartGate m_startGate;
@@ -264,11 +236,7 @@ class TARN_API CDataBaseAgent {
     std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVirusTable> m_pVirusTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVersionTable> m_pVersionTable;
-    std::unique_ptr<CIdentity> m_pIdentity;                 // null without the key "protect"; set at start-up
-    std::unique_ptr<CWithdrawals> m_pWithdrawals;           // likewise
-    std::chrono::steady_clock::time_point m_nextWithdrawal; // the writer thread's alone, with what follows
-    int64_t m_liSweptTo = INT64_MIN;                        // the writer thread's alone, with the flag
-    bool m_bSwept = false;
+    std::unique_ptr<CProtection> m_pProtection; // null without the key "protect"; set at start-up
 
     pthread_t m_writerThread = 0;          // set at start-up, joined at shut-down
     cl_timerplus *m_pCleanTimer = nullptr; // the writer thread's alone

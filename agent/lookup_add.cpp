@@ -64,13 +64,14 @@ uint32_t CDataBaseAgent::CacheLookupStat(const char *file, const struct stat &st
 uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, const struct stat &status, char *md5_text,
                                       _SCAN_FILE_RESULT *out) {
     uint64_t ullFileSystem = 0; // asked before the lock is taken
-    const bool bTold = m_pIdentity == nullptr || m_pIdentity->FindFileSystem(file, status, ullFileSystem);
+    const bool bTold =
+        m_pProtection == nullptr || m_pProtection->m_identity.FindFileSystem(file, status, ullFileSystem);
     const _FileIdentity identity = {file, ullFileSystem, status};
     _CacheRecord record = {};
     record.liFilePathHash = liPathHash;
     if (!bTold || !QueryHit(identity, record, md5_text, out)) {
         TARN_LOG_DEBUG_AS(kLookup, "[%s][cache] file:%s is not in cache.", file);
-        m_ulMissCount.fetch_add(IsReader() ? 0 : 1, std::memory_order_relaxed);
+        m_counters.ulMisses.fetch_add(IsReader() ? 0 : 1, std::memory_order_relaxed);
         return TARN_NOT_CACHED;
     }
     if (!IsReader()) {
@@ -80,18 +81,9 @@ uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, cons
 }
 
 uint32_t CDataBaseAgent::ReadRecord(_CacheRecord &record, bool &bHasCode) {
-    bHasCode = m_pIdentity == nullptr; // where no codes are kept, none is missed
-    return m_pIdentity == nullptr ? m_pCacheTable->QueryRecord(&record)
-                                  : m_pCacheTable->QueryRecordAndCode(&record, &record.code, &bHasCode);
-}
-
-bool CDataBaseAgent::IsAbout(const _FileIdentity &file, const _CacheRecord &record, const char *pszDescription) {
-    return record.lFileAttrHash == AttrHashOf(file.status) &&
-           (m_pIdentity == nullptr || m_pIdentity->Confirms(file, record, pszDescription));
-}
-
-bool CDataBaseAgent::IsWithdrawn(const _CacheRecord &record) const {
-    return m_pWithdrawals != nullptr && m_pWithdrawals->Covers(record);
+    bHasCode = m_pProtection == nullptr; // where no codes are kept, none is missed
+    return m_pProtection == nullptr ? m_pCacheTable->QueryRecord(&record)
+                                    : m_pCacheTable->QueryRecordAndCode(&record, &record.code, &bHasCode);
 }
 
 bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out) {
@@ -101,7 +93,7 @@ bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, c
     if (ReadRecord(record, bHasCode) != 0 || !bHasCode || record.lFileAttrHash != AttrHashOf(file.status) ||
         m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), szDescription,
                                            sizeof szDescription) == 0 ||
-        !IsAbout(file, record, szDescription) || IsWithdrawn(record)) {
+        (m_pProtection != nullptr && !m_pProtection->Allows(file, record, szDescription))) {
         return false;
     }
     std::memcpy(out->szVirusDesc, szDescription, sizeof szDescription);
@@ -111,7 +103,7 @@ bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, c
                       file.pszPath, md5_text, TARN_FILE_TYPE(ulFlags), ulFlags,
                       static_cast<unsigned long long>(record.liFilePathHash));
     if (!IsReader()) {
-        m_ulHitCount.fetch_add(1, std::memory_order_relaxed);
+        m_counters.ulHits.fetch_add(1, std::memory_order_relaxed);
     }
     return true;
 }
@@ -184,13 +176,13 @@ uint32_t CDataBaseAgent::QueueRecord(const char *file, const struct stat &status
     pRecord->lResultState = ResultStateOf(ulFlags);
     pRecord->liHighMD5 = md5.liHighMD5;
     pRecord->liLowMD5 = md5.liLowMD5;
-    if (m_pIdentity != nullptr) {
+    if (m_pProtection != nullptr) {
         uint64_t ullFileSystem = 0;
-        if (!m_pIdentity->FindFileSystem(file, status, ullFileSystem)) {
+        if (!m_pProtection->m_identity.FindFileSystem(file, status, ullFileSystem)) {
             TARN_LOG_AS(ELogLevel::Error, kAdd, "[%s][cache] the file system of %s cannot be told.", file);
             return TARN_E_FAIL;
         }
-        pRecord->code = m_pIdentity->CodeOf({file, ullFileSystem, status}, *pRecord, strVirusDesc.c_str());
+        pRecord->code = m_pProtection->m_identity.CodeOf({file, ullFileSystem, status}, *pRecord, strVirusDesc.c_str());
     }
     m_queue.Add(std::move(pRecord), TARN_FILE_TYPE(ulFlags) == 0); // file type 0 asks for a write at once
     return TARN_OK;

@@ -29,7 +29,8 @@ int CDataBaseAgent::IdentifyFile(const char *file, struct stat &status, uint64_t
     if (lstat(file, &status) != 0) {
         return errno;
     }
-    return m_pIdentity == nullptr || m_pIdentity->FindFileSystem(file, status, ullFileSystem) ? 0 : ESTALE;
+    return m_pProtection == nullptr || m_pProtection->m_identity.FindFileSystem(file, status, ullFileSystem) ? 0
+                                                                                                             : ESTALE;
 }
 
 uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_RESULT *out, bool *pbCurrent) {
@@ -54,7 +55,8 @@ uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_
     }
     CopyVerdictOut(record, md5_text, out);
     *pbCurrent =
-        bThere && bHasCode && !IsWithdrawn(record) && IsAbout({file, ullFileSystem, status}, record, out->szVirusDesc);
+        bThere && bHasCode && record.lFileAttrHash == AttrHashOf(status) &&
+        (m_pProtection == nullptr || m_pProtection->Allows({file, ullFileSystem, status}, record, out->szVirusDesc));
     return TARN_OK;
 }
 
@@ -102,8 +104,11 @@ uint32_t CDataBaseAgent::Explain(const char *file, _LOCAL_CACHE_EXPLANATION &exp
     } else if (explanation.lAttrHash != stored.lFileAttrHash) {
         explanation.ulReason = TARN_WHY_CHANGED;
     } else {
-        const bool bSame = bHasCode && IsAbout({file, ullFileSystem, status}, stored, explanation.record.szVirusDesc);
-        explanation.ulReason = !bSame ? TARN_WHY_OTHER : IsWithdrawn(stored) ? TARN_WHY_WITHDRAWN : TARN_WHY_KNOWN;
+        const _FileIdentity identity = {file, ullFileSystem, status};
+        const bool bAllowed = m_pProtection == nullptr ||
+                              (bHasCode && m_pProtection->Allows(identity, stored, explanation.record.szVirusDesc));
+        const bool bWithdrawn = !bAllowed && m_pProtection->m_withdrawals.Covers(stored);
+        explanation.ulReason = bAllowed ? TARN_WHY_KNOWN : bWithdrawn ? TARN_WHY_WITHDRAWN : TARN_WHY_OTHER;
     }
     return TARN_OK;
 }

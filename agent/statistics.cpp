@@ -21,13 +21,14 @@ uint32_t CDataBaseAgent::GetCacheStatistic(_DBStatistics *out) {
         const CReadLock lock(m_connection.m_tableLock);
         int iCount = 0;
         if (m_pCacheTable->QueryRecordsCount(&iCount) == 0) {
-            m_ulCacheSize = static_cast<uint32_t>(iCount);
+            m_counters.ulCacheSize = static_cast<uint32_t>(iCount);
         } else {
             TARN_LOG_ERROR("[%s][cache] QueryRecordsCount failed!");
             ulResult = TARN_E_FAIL;
         }
     }
-    *out = {m_ulHitCount, m_ulAddedCount, m_ulCacheSize, m_ulWeedOutCount, m_ulWeedOutRuns};
+    *out = {m_counters.ulHits, m_counters.ulAdded, m_counters.ulCacheSize, m_counters.ulWeedOutCount,
+            m_counters.ulWeedOutRuns};
     return ulResult;
 }
 
@@ -44,16 +45,16 @@ uint32_t CDataBaseAgent::GetInfo(_LOCAL_CACHE_INFO &info) {
     }
     info.ulMode = static_cast<uint32_t>(m_eMode);
     info.ullRecordCap = CCacheTable::kMaxRecords;
-    info.ullHits = m_ulHitCount;
-    info.ullMisses = m_ulMissCount;
-    info.ullAdded = m_ulAddedCount;
+    info.ullHits = m_counters.ulHits;
+    info.ullMisses = m_counters.ulMisses;
+    info.ullAdded = m_counters.ulAdded;
     info.ullQueued = m_queue.Waiting();
     info.ullLost = m_queue.Lost();
-    info.liNextExpiry = m_liNextExpiry;
-    info.ulStartsSinceExpiry = m_ulStartsSinceExpiry;
+    info.liNextExpiry = m_counters.liNextExpiry;
+    info.ulStartsSinceExpiry = m_counters.ulStartsSinceExpiry;
     info.ulExpireInterval = m_config.lExpireInterval;
     info.ulExpirePercent = m_config.lExpirePercent;
-    info.ulIdentity = m_pIdentity != nullptr ? 1 : 0;
+    info.ulIdentity = m_pProtection != nullptr ? 1 : 0;
     return TARN_OK;
 }
 
@@ -70,6 +71,6 @@ uint32_t CDataBaseAgent::CountByFileHash(const char *md5_text, uint64_t &ullCoun
 }
 
 void CDataBaseAgent::PublishExpiry() {
-    m_liNextExpiry = m_config.liExpireTime;
-    m_ulStartsSinceExpiry = m_config.lDBQueryCounts;
+    m_counters.liNextExpiry = m_config.liExpireTime;
+    m_counters.ulStartsSinceExpiry = m_config.lDBQueryCounts;
 }

@@ -90,21 +90,21 @@ void CDataBaseAgent::ApplyBatch(std::vector<CacheMD5> &batch) {
 }
 
 void CDataBaseAgent::ApplyWithdrawals() {
-    if (m_pWithdrawals->IsEnginePending()) {
-        m_pWithdrawals->TakeEngine();
+    if (m_pProtection->m_withdrawals.IsEnginePending()) {
+        m_pProtection->m_withdrawals.TakeEngine();
         if (DeleteByEngine(kWithdrawnEngine) == TARN_OK) {
-            m_pWithdrawals->EngineDone();
+            m_pProtection->m_withdrawals.EngineDone();
         }
     }
     m_bListRefused = false;
-    if (m_pWithdrawals->IsListPending()) {
-        const uint32_t ulResult = m_pWithdrawals->TakeList();
+    if (m_pProtection->m_withdrawals.IsListPending()) {
+        const uint32_t ulResult = m_pProtection->m_withdrawals.TakeList();
         m_bListRefused = ulResult == TARN_E_INVALIDARG;
-        if (ulResult == TARN_OK && DeleteDigests(m_pWithdrawals->Digests())) {
-            m_pWithdrawals->ListDone();
+        if (ulResult == TARN_OK && DeleteDigests(m_pProtection->m_withdrawals.Digests())) {
+            m_pProtection->m_withdrawals.ListDone();
         }
     }
-    m_nextWithdrawal = std::chrono::steady_clock::now() + kRetryInterval;
+    m_pProtection->m_nextTry = std::chrono::steady_clock::now() + kRetryInterval;
 }
 
 // False when one batch failed or the cache is being shut down: all of them are then deleted again, at a later pass or
@@ -126,8 +126,9 @@ bool CDataBaseAgent::DeleteDigests(const std::vector<CacheMD5> &digests) {
 }
 
 void CDataBaseAgent::RetryWithdrawals() {
-    if (m_pWithdrawals != nullptr && (m_pWithdrawals->IsEnginePending() || m_pWithdrawals->IsListPending()) &&
-        std::chrono::steady_clock::now() >= m_nextWithdrawal) {
+    if (m_pProtection != nullptr &&
+        (m_pProtection->m_withdrawals.IsEnginePending() || m_pProtection->m_withdrawals.IsListPending()) &&
+        std::chrono::steady_clock::now() >= m_pProtection->m_nextTry) {
         ApplyWithdrawals();
     }
 }

@@ -78,7 +78,7 @@ void CDataBaseAgent::UpdateRecords() {
 
 // What engine updates have left.
 void CDataBaseAgent::TakeUpdates() {
-    if (m_pWithdrawals != nullptr) {
+    if (m_pProtection != nullptr) {
         (void)RunStartStep([this] { ApplyWithdrawals(); }); // what fails stays in force
         return;
     }
@@ -139,9 +139,9 @@ size_t CDataBaseAgent::WriteBatch() {
 // The record and, where codes are kept, its code. A record without one only misses.
 bool CDataBaseAgent::InsertRecord(_CacheRecord &record) {
     uint32_t ulResult = m_pCacheTable->InsertRecord(&record);
-    if (ulResult == 0 && m_pIdentity != nullptr) {
+    if (ulResult == 0 && m_pProtection != nullptr) {
         _IdentityRecord identity = {record.liFilePathHash, record.code};
-        ulResult = m_pIdentity->m_table.InsertRecord(&identity);
+        ulResult = m_pProtection->m_identity.m_table.InsertRecord(&identity);
     }
     if (ulResult != 0) {
         TARN_LOG_AS(ELogLevel::Error, "DoBatchWriteJobs", "[%s]InsertRecord failed with error code = %u", ulResult);
@@ -157,7 +157,7 @@ size_t CDataBaseAgent::InsertBatch() {
             break; // the rest of the batch is dropped; what was inserted is committed
         }
         ++nInserted;
-        m_ulAddedCount.fetch_add(1, std::memory_order_relaxed);
+        m_counters.ulAdded.fetch_add(1, std::memory_order_relaxed);
     }
     return nInserted;
 }
@@ -165,11 +165,12 @@ size_t CDataBaseAgent::InsertBatch() {
 // Codes outlive their records only where a library without codes deleted or replaced these. Once after each start they
 // are looked through, a group in each pass, so that nobody waits for it.
 void CDataBaseAgent::SweepCodes() {
-    if (m_pIdentity == nullptr || m_bSwept) {
+    if (m_pProtection == nullptr || m_pProtection->m_bSwept) {
         return;
     }
     const CWriteLock lock(m_connection.m_tableLock);
-    if (m_pIdentity->m_table.SweepAfter(m_pCacheTable->m_strTableName, kSweepAtOnce, m_liSweptTo, &m_bSwept) != 0) {
-        m_bSwept = true; // a busy or failing database is left alone until the next start
+    if (m_pProtection->m_identity.m_table.SweepAfter(m_pCacheTable->m_strTableName, kSweepAtOnce,
+                                                     m_pProtection->m_liSweptTo, &m_pProtection->m_bSwept) != 0) {
+        m_pProtection->m_bSwept = true; // a busy or failing database is left alone until the next start
     }
 }

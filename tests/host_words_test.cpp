@@ -87,6 +87,10 @@ TEST_F(HostWords, DeletionsTakeWhatTheyNameAndNothingElse) {
     EXPECT_EQ(Count(7), 2U);
     EXPECT_EQ(LocalCacheDeleteByEngine(0x10002), TARN_OK); // the low 16 bits
     EXPECT_EQ(Count(8), 0U);
+    ASSERT_EQ(Add(m_install.Path("1"), -3, "", 9), TARN_OK);
+    ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
+    EXPECT_EQ(LocalCacheDeleteByEngine(-3), TARN_OK);
+    EXPECT_EQ(Count(9), 0U);
     EXPECT_EQ(Info().ullRecords, 2U);
     EXPECT_EQ(LocalCacheTrim(), TARN_OK);
     EXPECT_EQ(Info().ullRecords, 2U); // far below the cap
