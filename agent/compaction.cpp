@@ -38,9 +38,9 @@ class CSmallPageCache {
     int m_iConfiguredPages;
 };
 
-// Holds the connection's own mutex from a moment on in which no lookup is between its step and its end: SQLite refuses
-// to vacuum while a statement is active, and a busy cache would never be compacted. Gives up waiting for such a moment
-// after the usual time-out. Lookups wait for that mutex during a vacuum anyway.
+// The same guard, taken when no statement and no transaction of a caller is open: SQLite refuses to vacuum otherwise,
+// and a busy cache would never be compacted. After the usual time-out it is taken all the same, and the vacuum says why
+// it fails. Lookups wait for this mutex during a vacuum anyway.
 class CQuietConnection : public CConnectionGuard {
   public:
     explicit CQuietConnection(sqlite3 *pDB) : CConnectionGuard(pDB) {

@@ -67,6 +67,12 @@ void CWriteQueue::WakeWriter() {
     m_workCondition.Signal();
 }
 
+// A flush races with callers who go on adding and with the writer's passes:
+// 1. It notes how many records have been queued, and which swap of the hit maps takes the hits that are noted now: the
+//    next one when there are any, else the last one.
+// 2. Meanwhile the writer neither rests nor waits for work, so that every pass takes what is due.
+// 3. A pass settles its records when it ends, written or lost, and with them the swaps up to its own.
+// 4. The flush ends when both have come past its marks, whatever was queued behind it.
 uint32_t CWriteQueue::WaitUntilSettled(uint32_t ulTimeoutMs) {
     const timespec deadline = DeadlineAfter(ulTimeoutMs);
     const CMutexLock lock(m_mutex);
@@ -92,7 +98,7 @@ uint64_t CWriteQueue::Waiting() {
 }
 
 void CWriteQueue::WaitForWork() {
-    if (m_bRunning && m_nFlushing == 0 && m_lFlags <= 0 && (m_vecAddFront.empty() || m_mapHitFront.empty())) {
+    if (m_bRunning && m_nFlushing == 0 && m_lFlags == 0 && (m_vecAddFront.empty() || m_mapHitFront.empty())) {
         (void)m_workCondition.WaitUntil(m_mutex, NextWholeSecond()); // without work a pass does little
     }
 }

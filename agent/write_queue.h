@@ -76,9 +76,9 @@ class CWriteQueue {
     size_t m_nFlushing GUARDED_BY(m_mutex) = 0; // callers that wait; the writer does not rest meanwhile
     uint64_t m_ullQueued GUARDED_BY(m_mutex) = 0;
     uint64_t m_ullSettled GUARDED_BY(m_mutex) = 0;
-    uint64_t m_ullHitSwaps GUARDED_BY(m_mutex) = 0; // of the hit maps, begun and settled
-    uint64_t m_ullHitSwapsSettled GUARDED_BY(m_mutex) = 0;
-    std::atomic<bool> m_bRunning = false; // changed under the mutex; maintenance reads it without
+    uint64_t m_ullHitSwaps GUARDED_BY(m_mutex) = 0;        // how often the hit maps were swapped
+    uint64_t m_ullHitSwapsSettled GUARDED_BY(m_mutex) = 0; // and how many of these maps are written or lost
+    std::atomic<bool> m_bRunning = false;                  // changed under the mutex; maintenance reads it without
     std::atomic<bool> m_bHasWriter = false;
     std::atomic<uint64_t> m_ullLost = 0;
 

@@ -3,12 +3,15 @@
  * Ask before a scan whether the file is known and unchanged (LocalCacheLookup); add the verdict after a scan
  * (LocalCacheAdd). Verdicts survive restarts, clean and infected ones alike.
  *
- * Threads: LocalCacheInit, LocalCacheInitEx and LocalCacheUnInit are serialised inside. Every other function may be
- * called from any number of threads at once, but never at the same time as the last LocalCacheUnInit.
+ * Threads: LocalCacheInit, LocalCacheInitEx, LocalCacheInitReader and LocalCacheUnInit are serialised inside. Every
+ * other function may be called from any number of threads at once, but never at the same time as the last
+ * LocalCacheUnInit.
  *
- * Integrators: regular files only; take the file's status (lstat) before the scan and compare it after; do not add a
- * file that changed in between or whose status changed within the last two seconds. Never open the database file
- * yourself: closing any descriptor of it drops the process's locks on it. Do not fork and use the cache on both sides.
+ * Integrators: regular files only. Take the file's status before the scan, and hand it to LocalCacheLookupStat and
+ * LocalCacheAddStat; do not add a file whose status changed within the last two seconds. Wait with LocalCacheWaitReady
+ * before the first lookup, and ask LocalCacheFlush at the end what was lost. To ask only, start with
+ * LocalCacheInitReader. Never open the database file yourself: closing any descriptor of it drops the process's locks
+ * on it. Do not fork and use the cache on both sides.
  */
 #ifndef TARNCACHE_H
 #define TARNCACHE_H
@@ -41,8 +44,9 @@ TARN_API uint32_t LocalCacheInit(void);
 TARN_API uint32_t LocalCacheInitEx(void);
 
 /* Starts for questions alone: opens the database for reading; makes, repairs, replaces and writes nothing, asks for no
- * free space, and works beside a running cache of another process. Lookups (which do not count as hits), peek, explain,
- * counts, info, enumerate, check and find work; all else is TARN_E_FAIL. The mode of the first user holds here too.
+ * free space, and works beside a running cache of another process. Lookups (which count neither as hits nor as misses),
+ * peek, explain, counts, info, enumerate and find work, LocalCacheWaitReady returns at once; all else is TARN_E_FAIL.
+ * The mode of the first user holds here too.
  * TARN_OK; TARN_NOT_CACHED: there is no database yet; TARN_E_FAIL: it cannot be opened or read. */
 TARN_API uint32_t LocalCacheInitReader(void);
 
@@ -52,7 +56,7 @@ TARN_API uint32_t LocalCacheInitReader(void);
 TARN_API uint32_t LocalCacheWaitReady(uint32_t timeoutMs);
 
 /* Waits until all that was queued before the call, additions and noted hits, is on disk or lost, and hurries the
- * writer. timeoutMs: milliseconds. *lost (may be NULL): records dropped since the start, set with every result below.
+ * writer. timeoutMs: milliseconds. *lost (may be NULL): records dropped since the start; 0 without a running cache.
  * TARN_OK; TARN_E_TIMEOUT; TARN_E_FAIL without a writer thread while something is queued. TARN_E_NOT_INITIALIZED. */
 TARN_API uint32_t LocalCacheFlush(uint32_t timeoutMs, uint64_t *lost);
 
@@ -75,7 +79,8 @@ TARN_API uint32_t LocalCacheLookupStat(const char *path, const struct stat *stat
 
 /* What does the cache know of this path, for people and tools: unlike a lookup it also shows the verdict of a file that
  * has changed since, and does not count as a hit. TARN_OK: *state is set; unless it is TARN_PEEK_UNKNOWN, *md5 and the
- * named fields of *result hold the stored verdict. TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_FAIL. */
+ * named fields of *result hold the stored verdict. On failure *state and *md5 are untouched. TARN_E_INVALIDARG;
+ * TARN_E_NOT_INITIALIZED; TARN_E_FAIL. */
 TARN_API uint32_t LocalCachePeek(const char *path, char *md5, _SCAN_FILE_RESULT *result, uint32_t *state);
 
 /* Queues one verdict; the writer stores it within about two seconds, replacing what the cache knew of the path.
@@ -109,13 +114,13 @@ TARN_API uint32_t LocalCacheGetStatistic(_LOCAL_CACHE_STATISTIC *statistic);
  * TARN_E_NOT_INITIALIZED; TARN_E_FAIL (*info untouched). */
 TARN_API uint32_t LocalCacheGetInfo(_LOCAL_CACHE_INFO *info);
 
-/* How many stored records carry this MD5? No walk. TARN_OK, also for none; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED;
- * TARN_E_FAIL (*count untouched). */
+/* How many stored records carry this MD5 (text that is none counts as 16 zero bytes, as it does when it is added)? No
+ * walk. TARN_OK, also for none; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_FAIL (*count untouched). */
 TARN_API uint32_t LocalCacheCountByFileHash(const char *md5, uint64_t *count);
 
 /* Tells what is stored for a path, what the file is now, and why a lookup would or would not answer. Not counted as a
- * hit. path: absolute. TARN_OK: *explanation is set up to its size. TARN_E_INVALIDARG (NULL, empty, or a size below 8);
- * TARN_E_NOT_INITIALIZED; TARN_E_FAIL (*explanation untouched). */
+ * hit. path: absolute. TARN_OK: *explanation is set up to its size, or to the end of what the library knows.
+ * TARN_E_INVALIDARG (NULL, empty, or a size below 8); TARN_E_NOT_INITIALIZED; TARN_E_FAIL (*explanation untouched). */
 TARN_API uint32_t LocalCacheExplain(const char *path, _LOCAL_CACHE_EXPLANATION *explanation);
 
 /* Calls onRecord for every stored record, in ascending order of path hashes, until it returns non-zero. Records are
@@ -124,9 +129,10 @@ TARN_API uint32_t LocalCacheExplain(const char *path, _LOCAL_CACHE_EXPLANATION *
  * TARN_E_FAIL. */
 TARN_API uint32_t LocalCacheEnumerate(int (*onRecord)(const _LOCAL_CACHE_RECORD *record, void *context), void *context);
 
-/* Checks the database file and the agreement of its tables and changes nothing. onFinding (may be NULL) is called with
- * each finding, a line of text that is valid during the call. Lookups wait for parts of it, a second in a large cache.
- * TARN_OK: sound; TARN_E_FAIL: it is not, or cannot be checked; TARN_E_NOT_INITIALIZED. */
+/* Checks the database file and the agreement of its tables and changes nothing. onFinding (may be NULL) is then
+ * called with each finding, a line of text that is valid during the call; no lock is held. Lookups wait for parts of
+ * the check, a second or two in a large cache, and so do writers of other processes: let none be at work. Not for
+ * readers. TARN_OK: sound; TARN_E_FAIL: it is not, or cannot be checked; TARN_E_NOT_INITIALIZED. */
 TARN_API uint32_t LocalCacheCheck(void (*onFinding)(const char *text, void *context), void *context);
 
 /* Which files on this machine carry these MD5s? md5s: count slots of 33 bytes, each a NUL-terminated text. Walks the
@@ -138,7 +144,8 @@ TARN_API uint32_t LocalCacheFindFilesByHash(const char *md5s, uint64_t count, _C
 
 /* Sets the function that LocalCacheFindFilesByHash and LocalCacheLookUpByHashes call on the walking thread for each
  * folder they enter; NULL ends it, and when this returns the former function is not running any more. Not to be called
- * from inside onFolder. folder: absolute, ends in "/", valid during the call. TARN_OK; TARN_E_NOT_INITIALIZED. */
+ * from inside onFolder, from where no walk may be begun either. folder: absolute, ends in "/", valid during the call.
+ * TARN_OK; TARN_E_NOT_INITIALIZED. */
 TARN_API uint32_t LocalCacheSetFindProgress(void (*onFolder)(const char *folder, void *context), void *context);
 
 /* Frees the array and its first record's path text; the path texts of the other records stay with the caller. */
