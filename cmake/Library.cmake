@@ -5,6 +5,7 @@ add_library(tarncache SHARED
   util/dbfileutil.cpp
   util/file_systems.cpp
   util/identity_code.cpp
+  util/walk_targets.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
   tables/identitytable.cpp

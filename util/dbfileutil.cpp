@@ -3,9 +3,9 @@
 #include "platform/nubbase.h"
 #include "util/file_identity.h"
 #include "util/log.h"
+#include "util/walk_targets.h"
 
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -13,7 +13,6 @@
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <unordered_set>
 
 namespace {
 
@@ -24,17 +23,6 @@ struct _DirClose {
     void operator()(DIR *pDir) const { (void)closedir(pDir); }
 };
 using DirHandle = std::unique_ptr<DIR, _DirClose>;
-
-// A directory's own index, NUL-terminated; empty when it cannot be computed.
-struct _DirIndex {
-    char szIndex[kPathIndexLength + 1] = {};
-    explicit _DirIndex(const char *dirPath) {
-        if (CalcFilePathIndex(dirPath, szIndex, kPathIndexLength) == 0) {
-            TARN_LOG_AS(ELogLevel::Error, "FilterDir", "[%s]CalFilePathIndex failed.");
-        }
-    }
-    bool IsValid() const { return szIndex[0] != '\0'; }
-};
 
 // opendir that does not follow a link put in the directory's place since it was listed.
 DirHandle OpenDirectory(const std::string &strDir) {
@@ -51,88 +39,6 @@ DirHandle OpenDirectory(const std::string &strDir) {
     }
     return pDir;
 }
-
-// Path hash -> record, in one flat table: a walk asks it for every file it meets, and a node-based map would cost
-// several cache misses each time.
-class CRecordIndex {
-  public:
-    explicit CRecordIndex(size_t nRecords) : m_vecSlots(std::bit_ceil(2 * nRecords + 1)) {}
-
-    // The first record with a hash keeps it.
-    void Add(_CacheRecordEx *pRecord) {
-        _Slot &slot = Find(pRecord->liFilePathHash);
-        if (slot.pRecord == nullptr) {
-            slot = {pRecord->liFilePathHash, pRecord};
-        }
-    }
-    _CacheRecordEx *Record(int64_t liFilePathHash) { return Find(liFilePathHash).pRecord; }
-
-  private:
-    struct _Slot {
-        int64_t liFilePathHash;
-        _CacheRecordEx *pRecord; // null: free
-    };
-
-    // The slot of this hash, or the free one where it belongs. The low bits of a path hash, a CRC, spread evenly.
-    _Slot &Find(int64_t liFilePathHash) {
-        auto n = static_cast<size_t>(liFilePathHash) & (m_vecSlots.size() - 1);
-        while (m_vecSlots[n].pRecord != nullptr && m_vecSlots[n].liFilePathHash != liFilePathHash) {
-            n = (n + 1) & (m_vecSlots.size() - 1);
-        }
-        return m_vecSlots[n];
-    }
-
-    std::vector<_Slot> m_vecSlots; // a power of two, at most half full
-};
-
-size_t CountRecords(const RecordMap &records) {
-    size_t nRecords = 0;
-    for (const auto &[strMD5, vecRecords] : records) {
-        nRecords += vecRecords.size();
-    }
-    return nRecords;
-}
-
-// What one walk looks for, in a form whose cost does not grow with the number of records.
-class CWalkTargets {
-  public:
-    explicit CWalkTargets(const RecordMap &records) : m_table(CountRecords(records)) {
-        for (const auto &[strMD5, vecRecords] : records) {
-            for (_CacheRecordEx *pRecord : vecRecords) {
-                if (pRecord != nullptr) {
-                    m_table.Add(pRecord);
-                    AddPrefixes(pRecord->szFilePathIndex);
-                }
-            }
-        }
-    }
-
-    bool ShouldEnter(const char *dirPath) const {
-        const _DirIndex index(dirPath);
-        return !index.IsValid() || m_setPrefixes.count(index.szIndex) != 0;
-    }
-
-    // szPath is the whole buffer, zero-padded, and so is the record's field afterwards. An empty field is zeroed
-    // already: writing 4 KiB into each of many records would cost more than finding them.
-    void Resolve(int64_t liFilePathHash, const char (&szPath)[TARN_PATH_SIZE]) {
-        if (_CacheRecordEx *pRecord = m_table.Record(liFilePathHash)) {
-            const bool bEmpty = pRecord->szFilePath[0] == '\0';
-            std::memcpy(pRecord->szFilePath, szPath, bEmpty ? std::strlen(szPath) + 1 : TARN_PATH_SIZE);
-        }
-    }
-
-  private:
-    // Once an index is in, so are all its prefixes; many records share one.
-    void AddPrefixes(const char (&szIndex)[kPathIndexLength + 1]) {
-        std::string strPrefix(szIndex, strnlen(szIndex, sizeof szIndex));
-        while (!strPrefix.empty() && m_setPrefixes.insert(strPrefix).second) {
-            strPrefix.pop_back();
-        }
-    }
-
-    std::unordered_set<std::string> m_setPrefixes;
-    CRecordIndex m_table;
-};
 
 void VisitFile(CWalkTargets &targets, const char (&szPath)[TARN_PATH_SIZE]) {
     int64_t liFilePathHash = 0;
@@ -220,6 +126,15 @@ bool CdbFileUtil::FilterDir(const char *dirPath, std::vector<std::string> indexe
     });
 }
 
+// The end of a directory is judged by errno, which the host's function may leave changed.
+void CdbFileUtil::TellFolder(const char *pszFolder) {
+    if (m_onFolder) {
+        const int iError = errno;
+        m_onFolder(pszFolder);
+        errno = iError;
+    }
+}
+
 uint32_t CdbFileUtil::FindFilesByCchRecords(RecordMap &records) {
     CWalkTargets targets(records);
     m_listDirs.emplace_back("/");
@@ -234,9 +149,7 @@ uint32_t CdbFileUtil::FindFilesByCchRecords(RecordMap &records) {
             TARN_LOG_DEBUG_AS(kWalk, "[%s]open dir:%s failed, err:%s.", strDir.c_str(), std::strerror(errno));
             continue;
         }
-        if (m_onFolder) {
-            m_onFolder(strDir.c_str());
-        }
+        TellFolder(strDir.c_str());
         ReadDirectory(targets, pDir.get(), strDir, m_listDirs);
     }
     TARN_LOG_DEBUG_AS(kWalk, "[%s]already finish enum files.");

@@ -5,15 +5,12 @@
 #define TARN_UTIL_DBFILEUTIL_H
 
 #include "interface/tarncache.h"
-#include "util/cache_record.h"
+#include "util/record_map.h"
 
 #include <functional>
 #include <list>
-#include <map>
 #include <string>
 #include <vector>
-
-using RecordMap = std::map<std::string, std::vector<_CacheRecordEx *>>; // MD5 text -> its records, the caller's
 
 class TARN_API CdbFileUtil {
   public:
@@ -30,6 +27,8 @@ class TARN_API CdbFileUtil {
     // m_onFolder, when it is set, is called for each directory that is read (absolute, ending in '/').
     uint32_t FindFilesByCchRecords(RecordMap &records);
 
+    // The next two belong to the fixed interface of this class; nothing in the library calls them.
+
     // Appends each record's path index, in map order, duplicates kept, null pointers skipped.
     void GetAllFilePathIndex(const RecordMap &records, std::vector<std::string> &indexes);
 
@@ -40,6 +39,8 @@ class TARN_API CdbFileUtil {
     std::function<void(const char *)> m_onFolder;
 
   private:
+    void TellFolder(const char *pszFolder);
+
     std::list<std::string> m_listDirs; // directories still to be read, each ending in '/'
 };
 
