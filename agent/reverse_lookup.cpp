@@ -10,15 +10,6 @@ namespace {
 
 constexpr char kLogSource[] = "dbagent";
 
-void FreeRecords(RecordMap &requests) {
-    for (auto &[strMD5, vecRecords] : requests) {
-        for (const _CacheRecordEx *pRecord : vecRecords) {
-            delete pRecord;
-        }
-        vecRecords.clear();
-    }
-}
-
 } // namespace
 
 bool CDataBaseAgent::QueryRequests(RecordMap &requests) {

@@ -26,13 +26,7 @@ class CRequest {
                                  std::vector<_CacheRecordEx *>());
         }
     }
-    ~CRequest() {
-        for (const auto &[strMD5, vecRecords] : m_mapRecords) {
-            for (const _CacheRecordEx *pRecord : vecRecords) {
-                delete pRecord;
-            }
-        }
-    }
+    ~CRequest() { FreeRecords(m_mapRecords); }
     CRequest(const CRequest &) = delete;
     CRequest &operator=(const CRequest &) = delete;
 

@@ -12,4 +12,14 @@
 // made the map frees them with FreeRecords.
 using RecordMap = std::map<std::string, std::vector<_CacheRecordEx *>>;
 
+// Deletes every record. The MD5s stay, with nothing behind them.
+inline void FreeRecords(RecordMap &records) {
+    for (auto &[strMD5, vecRecords] : records) {
+        for (const _CacheRecordEx *pRecord : vecRecords) {
+            delete pRecord;
+        }
+        vecRecords.clear();
+    }
+}
+
 #endif
