@@ -1,8 +1,8 @@
 # libtarncache: the layers as explicit lists, one shared library.
 add_library(tarncache SHARED
-  util/cacheutil.cpp
   util/dbconfig.cpp
   util/dbfileutil.cpp
+  util/file_identity.cpp
   util/file_systems.cpp
   util/identity_code.cpp
   util/walk_targets.cpp

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr char kLogSource[] = "cacheutil";
+constexpr char kLogSource[] = "cacheutil"; // what readers of the log know this file by
 
 // Only 16 bits of the directory's CRC seed the name's CRC and are stored; every stored hash depends on it.
 constexpr uint32_t kDirectoryCrcMask = 0xFFFF;
