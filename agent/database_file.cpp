@@ -18,10 +18,6 @@ namespace {
 constexpr char kLogSource[] = "dbagent";
 constexpr char kFallbackName[] = "morcachebak.db";
 
-std::string DatabasePath(const _DBConfig &config) {
-    return std::string(config.szDBDir) + config.szDBName;
-}
-
 template <typename Table> uint32_t CheckTable(Table *pTable) {
     const uint32_t ulResult = TableCreateCheckRebuild(pTable);
     if (ulResult != TARN_OK) {

@@ -18,7 +18,9 @@ namespace {
 constexpr char kLogSource[] = "dbconfig";
 constexpr char kSection[] = "cacheeng";
 constexpr char kDefaultName[] = "morcache.db";
-// No search bit on purpose: it serves root alone, who needs none. Another user's folder is made by its set-up.
+constexpr char kReadFunction[] = "ReadDBConfig"; // both ways of reading log in its name
+// The search bit is left out on purpose: a folder made here serves root alone, who needs none. For any other user the
+// one who installs makes the folder.
 constexpr mode_t kDatabaseDirMode = 0660;
 
 struct _IniFree {
@@ -33,9 +35,8 @@ uint32_t ToUint32(const char *pszValue) {
     return static_cast<uint32_t>(ToInt32(pszValue));
 }
 
-// The number keys: what each means when it is missing, and how its text is logged and stored. Text that is not a number
-// counts as 0.
-constexpr char kReadFunction[] = "ReadDBConfig";
+// One function for each number key, because each logs its text in its own words and stores it in its own unit. A text
+// that is no number counts as 0.
 
 void SetCacheSize(_DBConfig &config, const char *pszValue) {
     TARN_LOG_DEBUG_AS(kReadFunction, "[%s][cache] read cache size:%s.", pszValue);
@@ -122,6 +123,10 @@ uint32_t LoadKeys(_DBConfig &config, const char *pszConfigPath) {
 
 } // namespace
 
+std::string DatabasePath(const _DBConfig &config) {
+    return std::string(config.szDBDir) + config.szDBName;
+}
+
 uint32_t ReadDBConfig(_DBConfig *pDBCfg) {
     if (pDBCfg == nullptr) {
         TARN_LOG_ERROR("[%s][cache] arg pDBCfg is null.");
@@ -150,12 +155,13 @@ uint32_t ReadExistingDBConfig(_DBConfig *pDBCfg) {
     if (const uint32_t ulResult = LoadKeys(*pDBCfg, szConfigPath); ulResult != TARN_OK) {
         return ulResult;
     }
-    const std::string strDatabase = std::string(pDBCfg->szDBDir) + pDBCfg->szDBName;
+    const std::string strDatabase = DatabasePath(*pDBCfg);
     struct stat status = {};
     if (stat(strDatabase.c_str(), &status) != 0) {
         return errno == ENOENT ? TARN_NOT_CACHED : TARN_E_FAIL;
     }
-    return status.st_size == 0 ? TARN_NOT_CACHED : TARN_OK; // one that another process is making is empty at first
+    // A database that another process is just making is empty at first.
+    return status.st_size == 0 ? TARN_NOT_CACHED : TARN_OK;
 }
 
 uint32_t WriteDBConfig(_DBConfig *pDBCfg) {

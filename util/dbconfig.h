@@ -1,12 +1,14 @@
 // dbconfig.h - the cache's settings and running state in section "cacheeng" of the product's shared ini file.
 //
-// Neither function locks: reading happens before the writer thread exists, writing on that thread or during start-up.
+// None of the functions locks: reading happens before the writer thread exists, writing on that thread or during
+// start-up.
 #ifndef TARN_UTIL_DBCONFIG_H
 #define TARN_UTIL_DBCONFIG_H
 
 #include "interface/tarncache.h"
 
 #include <cstdint>
+#include <string>
 
 struct _DBConfig {
     char szDBDir[TARN_PATH_SIZE]; // folder of the database file, ends in '/'; never read from the file
@@ -20,6 +22,9 @@ struct _DBConfig {
     bool bProtect;                // records are bound to their files; false without the key "protect"
     int32_t lModuleVersion;       // written to an empty version table; no key sets it
 };
+
+// The path of the database file.
+[[nodiscard]] std::string DatabasePath(const _DBConfig &config);
 
 // Fills every field of a zeroed record from the file or by default, and makes the database folder when it is missing.
 // TARN_OK, or TARN_E_FAIL (null record; folder cannot be made: record untouched; file cannot be loaded: only szDBDir is
