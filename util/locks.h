@@ -11,8 +11,8 @@
 #include <ctime>
 #include <pthread.h>
 
-inline void AbortOnLockError(int error) {
-    if (error != 0) {
+inline void AbortOnLockError(int iError) {
+    if (iError != 0) {
         std::abort();
     }
 }
@@ -29,109 +29,89 @@ inline timespec DeadlineAfter(uint64_t ullMilliseconds) {
     return deadline;
 }
 
-// A mutex with an explicit life: Create and Destroy return errno values; destroying one that is not there succeeds.
-class CAPABILITY("mutex") CMutex {
+// A pthread object with an explicit life. The derived class creates it; Create and Destroy return errno values.
+template <typename T, int (*pDestroy)(T *)> class CPthreadObject {
   public:
-    CMutex() = default;
-    CMutex(const CMutex &) = delete;
-    CMutex &operator=(const CMutex &) = delete;
-    ~CMutex() { (void)Destroy(); }
+    CPthreadObject(const CPthreadObject &) = delete;
+    CPthreadObject &operator=(const CPthreadObject &) = delete;
 
-    [[nodiscard]] int Create() {
-        const int error = pthread_mutex_init(&m_mutex, nullptr);
-        m_bCreated = error == 0;
-        return error;
-    }
+    // Succeeds for one that is not there. After a failure it still is.
     [[nodiscard]] int Destroy() {
-        const int error = m_bCreated ? pthread_mutex_destroy(&m_mutex) : 0;
-        m_bCreated = m_bCreated && error != 0;
-        return error;
+        const int iError = m_bCreated ? pDestroy(&m_object) : 0;
+        m_bCreated = m_bCreated && iError != 0;
+        return iError;
     }
-    [[nodiscard]] bool IsCreated() const { return m_bCreated; }
-    void Lock() ACQUIRE() { AbortOnLockError(pthread_mutex_lock(&m_mutex)); }
-    void Unlock() RELEASE() { AbortOnLockError(pthread_mutex_unlock(&m_mutex)); }
-    pthread_mutex_t *Handle() { return &m_mutex; }
+
+  protected:
+    CPthreadObject() = default;
+    ~CPthreadObject() { (void)Destroy(); } // fails only while somebody uses the object, and nobody may any more
+
+    // Passes on the result of the call that was to create the object.
+    int NoteCreation(int iError) {
+        m_bCreated = iError == 0;
+        return iError;
+    }
+
+    T m_object = {};
 
   private:
-    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
     bool m_bCreated = false;
 };
 
-// A condition used with a CMutex; waits end at an absolute time of the clock it was created with. Life as CMutex.
-class CCondition {
+class CAPABILITY("mutex") CMutex : public CPthreadObject<pthread_mutex_t, pthread_mutex_destroy> {
   public:
-    CCondition() = default;
-    CCondition(const CCondition &) = delete;
-    CCondition &operator=(const CCondition &) = delete;
-    ~CCondition() { (void)Destroy(); }
+    [[nodiscard]] int Create() { return NoteCreation(pthread_mutex_init(&m_object, nullptr)); }
+    void Lock() ACQUIRE() { AbortOnLockError(pthread_mutex_lock(&m_object)); }
+    void Unlock() RELEASE() { AbortOnLockError(pthread_mutex_unlock(&m_object)); }
+    pthread_mutex_t *Handle() { return &m_object; }
+};
 
+// A condition used with a CMutex; waits end at an absolute time of the clock it was created with.
+class CCondition : public CPthreadObject<pthread_cond_t, pthread_cond_destroy> {
+  public:
     [[nodiscard]] int Create(clockid_t clock) {
         pthread_condattr_t attributes;
-        int error = pthread_condattr_init(&attributes);
-        if (error != 0) {
-            return error;
+        int iError = pthread_condattr_init(&attributes);
+        if (iError != 0) {
+            return iError;
         }
-        error = pthread_condattr_setclock(&attributes, clock);
-        if (error == 0) {
-            error = pthread_cond_init(&m_cond, &attributes);
+        iError = pthread_condattr_setclock(&attributes, clock);
+        if (iError == 0) {
+            iError = pthread_cond_init(&m_object, &attributes);
         }
         (void)pthread_condattr_destroy(&attributes);
-        m_bCreated = error == 0;
-        return error;
+        return NoteCreation(iError);
     }
-    [[nodiscard]] int Destroy() {
-        const int error = m_bCreated ? pthread_cond_destroy(&m_cond) : 0;
-        m_bCreated = m_bCreated && error != 0;
-        return error;
-    }
-    void Signal() { AbortOnLockError(pthread_cond_signal(&m_cond)); }
-    void SignalAll() { AbortOnLockError(pthread_cond_broadcast(&m_cond)); }
-    // False at the deadline, true for anything else that ends the wait.
+    void Signal() { AbortOnLockError(pthread_cond_signal(&m_object)); }
+    void SignalAll() { AbortOnLockError(pthread_cond_broadcast(&m_object)); }
+    // True when the wait ended before the deadline, by a signal or for no reason at all; false at the deadline and on
+    // an error, so that a loop that waits for something cannot spin.
     bool WaitUntil(CMutex &mutex, const timespec &deadline) REQUIRES(mutex) {
-        return pthread_cond_timedwait(&m_cond, mutex.Handle(), &deadline) == 0;
+        return pthread_cond_timedwait(&m_object, mutex.Handle(), &deadline) == 0;
     }
-
-  private:
-    pthread_cond_t m_cond = PTHREAD_COND_INITIALIZER;
-    bool m_bCreated = false;
 };
 
 // A reader-writer lock that prefers writers: with the default kind a few busy readers keep a writer out for minutes.
-// The price: one thread must never take the read side twice. Life as CMutex.
-class CAPABILITY("rwlock") CRwLock {
+// The price: one thread must never take the read side twice.
+class CAPABILITY("rwlock") CRwLock : public CPthreadObject<pthread_rwlock_t, pthread_rwlock_destroy> {
   public:
-    CRwLock() = default;
-    CRwLock(const CRwLock &) = delete;
-    CRwLock &operator=(const CRwLock &) = delete;
-    ~CRwLock() { (void)Destroy(); }
-
     [[nodiscard]] int Create() {
         pthread_rwlockattr_t attributes;
-        int error = pthread_rwlockattr_init(&attributes);
-        if (error != 0) {
-            return error;
+        int iError = pthread_rwlockattr_init(&attributes);
+        if (iError != 0) {
+            return iError;
         }
-        error = pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-        if (error == 0) {
-            error = pthread_rwlock_init(&m_lock, &attributes);
+        iError = pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+        if (iError == 0) {
+            iError = pthread_rwlock_init(&m_object, &attributes);
         }
         (void)pthread_rwlockattr_destroy(&attributes);
-        m_bCreated = error == 0;
-        return error;
+        return NoteCreation(iError);
     }
-    [[nodiscard]] int Destroy() {
-        const int error = m_bCreated ? pthread_rwlock_destroy(&m_lock) : 0;
-        m_bCreated = m_bCreated && error != 0;
-        return error;
-    }
-    void LockRead() ACQUIRE_SHARED() { AbortOnLockError(pthread_rwlock_rdlock(&m_lock)); }
-    void LockWrite() ACQUIRE() { AbortOnLockError(pthread_rwlock_wrlock(&m_lock)); }
-    void UnlockRead() RELEASE_SHARED() { AbortOnLockError(pthread_rwlock_unlock(&m_lock)); }
-    void UnlockWrite() RELEASE() { AbortOnLockError(pthread_rwlock_unlock(&m_lock)); }
-
-  private:
-    pthread_rwlock_t m_lock = PTHREAD_RWLOCK_INITIALIZER;
-    bool m_bCreated = false;
+    void LockRead() ACQUIRE_SHARED() { AbortOnLockError(pthread_rwlock_rdlock(&m_object)); }
+    void LockWrite() ACQUIRE() { AbortOnLockError(pthread_rwlock_wrlock(&m_object)); }
+    void UnlockRead() RELEASE_SHARED() { AbortOnLockError(pthread_rwlock_unlock(&m_object)); }
+    void UnlockWrite() RELEASE() { AbortOnLockError(pthread_rwlock_unlock(&m_object)); }
 };
 
 class SCOPED_CAPABILITY CMutexLock {
