@@ -22,7 +22,7 @@ class CDescriptor {
     CDescriptor &operator=(const CDescriptor &) = delete;
     ~CDescriptor() {
         const int iError = errno;
-        (void)Close();
+        (void)Close(); // who wants to know calls it himself
         errno = iError;
     }
 
@@ -31,7 +31,7 @@ class CDescriptor {
     // Leaves the closing to the caller.
     [[nodiscard]] int Release() noexcept { return std::exchange(m_fd, -1); }
     // Returns what close() does: a file system may report a lost write only here.
-    int Close() noexcept {
+    [[nodiscard]] int Close() noexcept {
         const int fd = Release();
         return fd < 0 ? 0 : ::close(fd);
     }
@@ -46,6 +46,7 @@ enum class ELastLink { Follow, Refuse };
 // Opens for reading without waiting on a pipe or a device, without taking a terminal, and without changing the access
 // time where the system allows that. The name counts from the folder, which may be AT_FDCWD. Not open on failure, with
 // errno set.
-CDescriptor OpenForReading(int fdFolder, const char *pszName, ELastLink eLastLink, int iExtraFlags = 0) noexcept;
+[[nodiscard]] CDescriptor OpenForReading(int fdFolder, const char *pszName, ELastLink eLastLink,
+                                         int iExtraFlags = 0) noexcept;
 
 #endif

@@ -56,7 +56,7 @@ class CTemporaryFile {
     ~CTemporaryFile() {
         if (m_bRemove) {
             const int iError = errno;
-            (void)unlink(m_strPath.c_str());
+            (void)unlink(m_strPath.c_str()); // the failure that led here is the one to report
             errno = iError;
         }
     }

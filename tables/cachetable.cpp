@@ -35,6 +35,7 @@ CCacheTable::CCacheTable(sqlite3 *pDB) : CTableBase(pDB) {
 }
 
 CCacheTable::~CCacheTable() {
+    // The base finalizes these three as well, but only after this body, and they go before the extra ones.
     FinalizeStatements();
     CCacheTable::OnRelease();
 }

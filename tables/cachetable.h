@@ -25,52 +25,53 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
 
     // Makes the index over the MD5 columns where it is missing and prepares m_stSetQueryTime.
     // 0; 1 without a connection; else the SQLite code of the failed preparation.
-    uint32_t OnCreate() override;
+    [[nodiscard]] uint32_t OnCreate() override;
     void OnRelease() override;
 
-    uint32_t InsertRecord(_CacheRecord *pRecord) override;
-    uint32_t QueryRecord(_CacheRecord *pRecord) override;
+    [[nodiscard]] uint32_t InsertRecord(_CacheRecord *pRecord) override;
+    [[nodiscard]] uint32_t QueryRecord(_CacheRecord *pRecord) override;
     // As QueryRecord, with the record's code from the identity table in the same read. *pbHasCode: there is one.
-    uint32_t QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode);
-    uint32_t DeleteRecord(_CacheRecord *pRecord) override;
+    [[nodiscard]] uint32_t QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode);
+    [[nodiscard]] uint32_t DeleteRecord(_CacheRecord *pRecord) override;
 
     // Adds 1 to the row's query count and sets its time stamp (seconds). An absent row changes nothing.
     void AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStamp);
     // Row count. 0 or the SQLite code (*piCounts untouched); 1 for a null argument.
-    uint32_t QueryRecordsCount(int *piCounts);
+    [[nodiscard]] uint32_t QueryRecordsCount(int *piCounts);
     // Number of rows with this MD5. As QueryRecordsCount.
-    uint32_t CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount);
+    [[nodiscard]] uint32_t CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount);
     // The next page of the table: the rows with a path hash above the given one, ascending, nMost (2 or more) at most;
     // INT64_MIN asks for the first page. Fewer rows than nMost: there are no more. Rows whose key is no integer
     // (damage) are left out. 0 or the SQLite code (vecOut then holds what was read); 1 without a connection.
-    uint32_t QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, std::vector<_CacheRecord> &vecOut);
+    [[nodiscard]] uint32_t QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, std::vector<_CacheRecord> &vecOut);
     // Sets every row's query count. 0 or the SQLite code; 1 without a connection.
-    uint32_t ResetAllRecordsQueryCount(int iValue);
+    [[nodiscard]] uint32_t ResetAllRecordsQueryCount(int iValue);
     // Empties the table. 1 success, 0 failure; 1 without a connection. A busy database is not tried again.
-    int DeleteAllRecords();
+    [[nodiscard]] int DeleteAllRecords();
 
     // Bulk operations, each one statement.
 
     // From 1,000,000 rows on, deletes the excess over a million plus iExtraTenThousands * 10,000 rows, oldest time
     // stamp first. 0 or the SQLite code; 1 without a connection. *piDeleted (may be null) is set when a deletion was
     // done.
-    uint32_t DeleteExcessRecords(int iExtraTenThousands, int *piDeleted);
+    [[nodiscard]] uint32_t DeleteExcessRecords(int iExtraTenThousands, int *piDeleted);
     // Deletes rows with a query count of at most iMaxQueryCount and a time stamp of at most liOlderThan (seconds).
     // 0 (also after a failed preparation) or the SQLite code; 1 without a connection. *piDeleted as above.
-    uint32_t DeleteExpireRecords(int iMaxQueryCount, int64_t liOlderThan, int *piDeleted);
+    [[nodiscard]] uint32_t DeleteExpireRecords(int iMaxQueryCount, int64_t liOlderThan, int *piDeleted);
     // Deletes every row with this MD5. 1 success, 0 failure; 1 without a connection.
-    int DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5);
+    [[nodiscard]] int DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5);
     // Deletes every row whose verdict came from one of the engines. 1 success (an empty set too), 0 failure; 1 without
     // a connection.
-    int BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds);
+    [[nodiscard]] int BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds);
     // Appends one new record, zeroed path, for each row with this MD5. 1 success, 0 failure; 1 without a connection.
     // The caller frees the records with delete, after a failure too.
-    int QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut);
+    [[nodiscard]] int QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5,
+                                             std::vector<_CacheRecordEx *> &vecOut);
     // Deletes every row of one engine, which is given by its 16 bits as they are stored: the statement above knows
     // engines below 32768 only. As BatchDeleteRecordsByEngineIds.
-    int DeleteRecordsByEngine(uint16_t usEngine);
+    [[nodiscard]] int DeleteRecordsByEngine(uint16_t usEngine);
     // "(3,7,12)" in ascending order; "()" for an empty set.
-    std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
+    [[nodiscard]] std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
 
     _SQLStmt m_stSetQueryTime; // adds a hit to a row
     _SQLStmt m_stDeleteByMD5;  // prepared by its first use

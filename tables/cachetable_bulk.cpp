@@ -148,7 +148,7 @@ int CCacheTable::DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5) {
     }
     deletion.Bind(1, liHighMD5);
     deletion.Bind(2, liLowMD5);
-    (void)deletion.Step();
+    (void)deletion.Step(); // the next line gives its result
     const int iStep = deletion.RetryWhileBusy(1);
     if (!IsDoneOrBusy(iStep)) {
         LogFailedStep(deletion, __func__);
@@ -185,7 +185,7 @@ int CCacheTable::BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds) 
         return 0;
     }
     TARN_LOG_DEBUG("[%s]sql: %s", szSQL);
-    (void)deletion.Step();
+    (void)deletion.Step(); // the next line gives its result
     const int iStep = deletion.RetryWhileBusy(1, false);
     if (!IsDoneOrBusy(iStep)) {
         LogFailedPreparation(deletion, __func__); // also for a failed step: log readers look for this text

@@ -20,17 +20,17 @@ class TARN_API CIdentityTable : public CTableBase<_IdentityRecord> {
 
     void RegisterSQLs();
 
-    uint32_t InsertRecord(_IdentityRecord *pRecord) override;
+    [[nodiscard]] uint32_t InsertRecord(_IdentityRecord *pRecord) override;
     // A stored code of another length counts as none: 101.
-    uint32_t QueryRecord(_IdentityRecord *pRecord) override;
-    uint32_t DeleteRecord(_IdentityRecord *pRecord) override;
+    [[nodiscard]] uint32_t QueryRecord(_IdentityRecord *pRecord) override;
+    [[nodiscard]] uint32_t DeleteRecord(_IdentityRecord *pRecord) override;
 
     // Lets every deletion from the cache table on this connection, whatever its kind, take the codes with it, in the
     // same transaction. The trigger lives in the connection alone; the file does not hold it. 0, or 1 (logged).
-    uint32_t FollowDeletions(const std::string &strCacheTable);
+    [[nodiscard]] uint32_t FollowDeletions(const std::string &strCacheTable);
     // Deletes the codes without a record among the nMost keys above liAfter, which then becomes the last of these keys;
     // *pbEnd tells that there are no more. 0 or the SQLite code, liAfter unchanged.
-    uint32_t SweepAfter(const std::string &strCacheTable, size_t nMost, int64_t &liAfter, bool *pbEnd);
+    [[nodiscard]] uint32_t SweepAfter(const std::string &strCacheTable, size_t nMost, int64_t &liAfter, bool *pbEnd);
 };
 
 #endif

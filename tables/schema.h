@@ -35,10 +35,10 @@ class TARN_API CTableSchema {
     // Builds every text from the name and the columns; what was registered before is replaced. Prepares nothing.
     void RegisterTexts(const std::string &strName, std::vector<_TableColumnValue> vecColumns);
     // Prepares the three statements that are not prepared yet. 0, or the SQLite codes OR-ed together.
-    int PrepareStatements();
+    [[nodiscard]] int PrepareStatements();
     void FinalizeStatements();
     // "select count(*)" into *piCount. As QueryNumber.
-    uint32_t CountRows(int *piCount) const;
+    [[nodiscard]] uint32_t CountRows(int *piCount) const;
 
   protected:
     explicit CTableSchema(sqlite3 *pDB) : m_pDB(pDB) {}
@@ -49,7 +49,7 @@ class TARN_API CTableSchema {
         return m_pDB != nullptr && statement.pStmt != nullptr && pRecord != nullptr;
     }
     // Runs m_stDelete, which must be prepared. 0 (an absent key too) or the SQLite code.
-    uint32_t DeleteByKey(int64_t liKey);
+    [[nodiscard]] uint32_t DeleteByKey(int64_t liKey);
     const std::string &ColumnName(int iPosition) const {
         return m_vecColumns[static_cast<size_t>(iPosition)].strColumnName;
     }
@@ -57,14 +57,14 @@ class TARN_API CTableSchema {
 
 // Runs one statement without results; tries again once, with a 1500 ms time-out, when the database is busy.
 // 0, or 1 (null connection, failed statement; logged).
-TARN_API int __implExecDDL(sqlite3 *pDB, const std::string &strSQL);
+[[nodiscard]] TARN_API int __implExecDDL(sqlite3 *pDB, const std::string &strSQL);
 
 // Compares the stored CREATE text with the expected one, ignoring case. 0 when it matches; a SQLite code when the check
 // cannot be prepared; else 1.
-TARN_API int __implCheckIntegrity(sqlite3 *pDB, const std::string &strCheckSQL, std::string strCreateSQL);
+[[nodiscard]] TARN_API int __implCheckIntegrity(sqlite3 *pDB, const std::string &strCheckSQL, std::string strCreateSQL);
 
 // True when the connection's last call failed for a reason that says nothing about the schema: the file is locked, the
 // disk is full or failing, memory is short.
-TARN_API bool IsDatabaseOutOfReach(sqlite3 *pDB);
+[[nodiscard]] TARN_API bool IsDatabaseOutOfReach(sqlite3 *pDB);
 
 #endif

@@ -112,7 +112,7 @@ int CStatement::RetryWhileBusy(int nMost, bool bSetTimeout) {
         }
         sqlite3_reset(m_pStmt);
         m_iResult = SQLITE_OK;
-        (void)Step();
+        (void)Step(); // its result is in m_iResult
     }
     return m_iResult;
 }

@@ -30,7 +30,7 @@ struct TARN_API _SQLStmt {
     ~_SQLStmt() { Finalize(); }
 
     // Prepares the text; a handle that is there is kept. 0 or the SQLite code.
-    int Prepare(sqlite3 *pDB);
+    [[nodiscard]] int Prepare(sqlite3 *pDB);
     // Finalizes and nulls the handle.
     void Finalize();
 };
@@ -76,10 +76,10 @@ class TARN_API CStatement {
     void BindUnchecked(int iPosition, int64_t liValue);
 
     // SQLITE_ROW, SQLITE_DONE or the failing code. A statement that is done or failed is not run again.
-    int Step();
+    [[nodiscard]] int Step();
     // While the last step found the database busy: resets and steps again, up to nMost times, each time with the
     // time-out of 1500 ms set on the connection before (if asked), which stays set. The result of the last step.
-    int RetryWhileBusy(int nMost, bool bSetTimeout = true);
+    [[nodiscard]] int RetryWhileBusy(int nMost, bool bSetTimeout = true);
     // Steps once. 0 when the statement is done, else what the step gave.
     [[nodiscard]] uint32_t Run();
     // Steps once. 0 on a row; 101 (SQLITE_DONE): no row; else the failing code.
@@ -111,6 +111,6 @@ class TARN_API CStatement {
 };
 
 // The first column of a query's first row. 0 or the SQLite code (101: no row); *pliNumber is untouched on failure.
-uint32_t QueryNumber(sqlite3 *pDB, const char *pszSQL, int64_t *pliNumber);
+[[nodiscard]] uint32_t QueryNumber(sqlite3 *pDB, const char *pszSQL, int64_t *pliNumber);
 
 #endif

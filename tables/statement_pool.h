@@ -14,7 +14,7 @@
 class CStatementPool {
   public:
     // An idle statement, or null: the caller prepares one.
-    StatementHandle Take();
+    [[nodiscard]] StatementHandle Take();
     // Takes back a statement that is reset and has no bindings; null: what Take led to could not be prepared.
     void GiveBack(StatementHandle pStatement) noexcept;
     // Finalizes every statement that is not lent out. Call before the connection is closed.

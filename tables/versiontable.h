@@ -18,11 +18,11 @@ class TARN_API CVersionTable : public CTableBase<_VersionRecord> {
     // Sets the name and builds the statement texts; calling it again changes nothing.
     void RegisterSQLs();
 
-    uint32_t InsertRecord(_VersionRecord *pRecord) override;
-    uint32_t QueryRecord(_VersionRecord *pRecord) override;
-    uint32_t DeleteRecord(_VersionRecord *pRecord) override;
+    [[nodiscard]] uint32_t InsertRecord(_VersionRecord *pRecord) override;
+    [[nodiscard]] uint32_t QueryRecord(_VersionRecord *pRecord) override;
+    [[nodiscard]] uint32_t DeleteRecord(_VersionRecord *pRecord) override;
     // 0 or the SQLite code (iCounts untouched); 1 without a connection.
-    uint32_t QueryRecordCounts(int &iCounts);
+    [[nodiscard]] uint32_t QueryRecordCounts(int &iCounts);
 };
 
 #endif

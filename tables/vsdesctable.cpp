@@ -149,7 +149,7 @@ uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *
     str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s = %s%s%s;", ColumnName(0).c_str(),
                  m_strTableName.c_str(), ColumnName(1).c_str(), pszQuote, strVirusDesc.c_str(), pszQuote);
     CStatement query(m_pDB, szSQL);
-    (void)query.Step();
+    (void)query.Step(); // the next line gives its result
     const int iStep = query.RetryWhileBusy(1);
     if (iStep == SQLITE_ROW) {
         *pVirusIndex = query.Int(0);

@@ -24,28 +24,28 @@ class TARN_API CVirusTable : public CTableBase<_VirusRecord> {
     // Sets the name and builds the statement texts; calling it again changes nothing.
     void RegisterSQLs();
 
-    uint32_t InsertRecord(_VirusRecord *pRecord) override;
+    [[nodiscard]] uint32_t InsertRecord(_VirusRecord *pRecord) override;
     // As the interface says, and 1 for a stored text that is empty.
-    uint32_t QueryRecord(_VirusRecord *pRecord) override;
-    uint32_t DeleteRecord(_VirusRecord *pRecord) override;
+    [[nodiscard]] uint32_t QueryRecord(_VirusRecord *pRecord) override;
+    [[nodiscard]] uint32_t DeleteRecord(_VirusRecord *pRecord) override;
     // 0 or the SQLite code (iCounts untouched); 1 without a connection.
-    uint32_t QueryRecordCounts(int &iCounts);
+    [[nodiscard]] uint32_t QueryRecordCounts(int &iCounts);
 
     // The description's index, adding the description when it is new; -1 for an empty one. Cut to 63 characters.
     // 1 success (also for a null argument, which is logged), 0 failure.
-    int GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex);
+    [[nodiscard]] int GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex);
     // The description of an index, cut to fit; zeroes the whole buffer for an index below 0.
     // 1 success (also for a null argument, which is logged), 0 for an unknown index (buffer untouched).
-    int GetVirusDescByIndex(int iVirusIndex, char *pszVirusDesc, unsigned int ccbVirusDesc);
+    [[nodiscard]] int GetVirusDescByIndex(int iVirusIndex, char *pszVirusDesc, unsigned int ccbVirusDesc);
     // Finds the description in the table, or adds it under the row count as its index, and notes it in the map, whose
     // mutex must not be held. 0 success, else a SQLite code or 1.
-    uint32_t LoadRecords(std::map<int, std::string> *pMap, const char *pszVirusDesc, int *pVirusIndex);
+    [[nodiscard]] uint32_t LoadRecords(std::map<int, std::string> *pMap, const char *pszVirusDesc, int *pVirusIndex);
 
     std::map<int, std::string> m_mapVirusDesc; // what is known so far; only grows
 
   private:
-    uint32_t AddDescription(const std::string &strVirusDesc, int *pVirusIndex);
-    bool FindInMap(const std::string &strVirusDesc, int *pVirusIndex);
+    [[nodiscard]] uint32_t AddDescription(const std::string &strVirusDesc, int *pVirusIndex);
+    [[nodiscard]] bool FindInMap(const std::string &strVirusDesc, int *pVirusIndex);
 
     std::mutex m_mapMutex; // guards m_mapVirusDesc: lookups add to it under the read lock
 };

@@ -16,17 +16,17 @@
 // Destroyed through the concrete class only.
 template <typename Record> class IBaseTable {
   public:
-    virtual uint32_t OnCreate() = 0; // prepares the table's extra statements
-    virtual void OnRelease() = 0;    // finalizes them
-    virtual uint32_t CreateTable() = 0;
-    virtual uint32_t CheckTableIntegrity() = 0;
-    virtual uint32_t DropTable() = 0;
+    [[nodiscard]] virtual uint32_t OnCreate() = 0; // prepares the table's extra statements
+    virtual void OnRelease() = 0;                  // finalizes them
+    [[nodiscard]] virtual uint32_t CreateTable() = 0;
+    [[nodiscard]] virtual uint32_t CheckTableIntegrity() = 0;
+    [[nodiscard]] virtual uint32_t DropTable() = 0;
     // Replaces the whole row with the record's key.
-    virtual uint32_t InsertRecord(Record *pRecord) = 0;
+    [[nodiscard]] virtual uint32_t InsertRecord(Record *pRecord) = 0;
     // Fills the record found by its key. 101 (SQLITE_DONE): no such row, record unchanged.
-    virtual uint32_t QueryRecord(Record *pRecord) = 0;
+    [[nodiscard]] virtual uint32_t QueryRecord(Record *pRecord) = 0;
     // By key; an absent row is no failure.
-    virtual uint32_t DeleteRecord(Record *pRecord) = 0;
+    [[nodiscard]] virtual uint32_t DeleteRecord(Record *pRecord) = 0;
 
   protected:
     IBaseTable() = default;
@@ -38,9 +38,9 @@ template <typename Record> class IBaseTable {
 // The schema operations, the same for every table.
 template <typename Record> class CTableBase : public IBaseTable<Record>, public CTableSchema {
   public:
-    uint32_t OnCreate() override { return 0; } // most tables have no extra statements
+    [[nodiscard]] uint32_t OnCreate() override { return 0; } // most tables have no extra statements
     void OnRelease() override {}
-    uint32_t CreateTable() override {
+    [[nodiscard]] uint32_t CreateTable() override {
         if (const int iResult = __implExecDDL(m_pDB, m_strCreateSQL); iResult != 0) {
             return static_cast<uint32_t>(iResult);
         }
@@ -54,14 +54,14 @@ template <typename Record> class CTableBase : public IBaseTable<Record>, public 
     // Instead of CreateTable, on a connection for reading: looks whether the table is there as expected and prepares
     // what queries need. Executes and changes nothing; insertions and deletions stay refused. 0; 1 when the table is
     // absent, different or cannot be read; else the SQLite code of a failed preparation. Failed checks are logged.
-    uint32_t OpenExisting() {
+    [[nodiscard]] uint32_t OpenExisting() {
         const uint32_t ulResult = CheckTableIntegrity();
         return ulResult != 0 ? ulResult : static_cast<uint32_t>(m_stQuery.Prepare(m_pDB));
     }
-    uint32_t CheckTableIntegrity() override {
+    [[nodiscard]] uint32_t CheckTableIntegrity() override {
         return static_cast<uint32_t>(__implCheckIntegrity(m_pDB, m_strCheckSQL, m_strCreateSQL));
     }
-    uint32_t DropTable() override { return static_cast<uint32_t>(__implExecDDL(m_pDB, m_strDropSQL)); }
+    [[nodiscard]] uint32_t DropTable() override { return static_cast<uint32_t>(__implExecDDL(m_pDB, m_strDropSQL)); }
 
   protected:
     explicit CTableBase(sqlite3 *pDB) : CTableSchema(pDB) {}
@@ -70,7 +70,7 @@ template <typename Record> class CTableBase : public IBaseTable<Record>, public 
 
 // Create; when that fails or the stored schema differs, drop (the rows are lost) and create again. A database that is
 // just out of reach keeps its rows. TARN_OK or TARN_E_FAIL.
-template <typename T> uint32_t TableCreateCheckRebuild(T *pTable) {
+template <typename T> [[nodiscard]] uint32_t TableCreateCheckRebuild(T *pTable) {
     if (pTable->CreateTable() == 0 && pTable->CheckTableIntegrity() == 0) {
         return TARN_OK;
     }

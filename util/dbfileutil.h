@@ -25,7 +25,7 @@ class TARN_API CdbFileUtil {
     // skipped. Unmatched records keep what their path field held. An empty field has to be zeroed throughout, as in a
     // new record.
     // m_onFolder, when it is set, is called for each directory that is read (absolute, ending in '/').
-    uint32_t FindFilesByCchRecords(RecordMap &records);
+    [[nodiscard]] uint32_t FindFilesByCchRecords(RecordMap &records);
 
     // The next two belong to the fixed interface of this class; nothing in the library calls them.
 
@@ -34,7 +34,7 @@ class TARN_API CdbFileUtil {
 
     // True: skip the directory (absolute, ending in '/'), since no index begins with its own. The walk itself asks a
     // prefix set with the same answers.
-    bool FilterDir(const char *dirPath, std::vector<std::string> indexes);
+    [[nodiscard]] bool FilterDir(const char *dirPath, std::vector<std::string> indexes);
 
     std::function<void(const char *)> m_onFolder;
 

@@ -47,7 +47,7 @@ template <typename T, int (*pDestroy)(T *)> class CPthreadObject {
     ~CPthreadObject() { (void)Destroy(); } // fails only while somebody uses the object, and nobody may any more
 
     // Passes on the result of the call that was to create the object.
-    int NoteCreation(int iError) {
+    [[nodiscard]] int NoteCreation(int iError) {
         m_bCreated = iError == 0;
         return iError;
     }
@@ -86,7 +86,7 @@ class CCondition : public CPthreadObject<pthread_cond_t, pthread_cond_destroy> {
     void SignalAll() { AbortOnLockError(pthread_cond_broadcast(&m_object)); }
     // True when the wait ended before the deadline, by a signal or for no reason at all; false at the deadline and on
     // an error, so that a loop that waits for something cannot spin.
-    bool WaitUntil(CMutex &mutex, const timespec &deadline) REQUIRES(mutex) {
+    [[nodiscard]] bool WaitUntil(CMutex &mutex, const timespec &deadline) REQUIRES(mutex) {
         return pthread_cond_timedwait(&m_object, mutex.Handle(), &deadline) == 0;
     }
 };

@@ -15,6 +15,6 @@ constexpr const char *kLevelNames[] = {"off", "severe", "error", "info", "debug"
 
 // One line with its line end: "2024-05-01T09:30:00.123Z error 4711/4712 dbagent:88 message", time in UTC, process and
 // thread id. Source and message are escaped: file names are chosen by strangers. Throws only std::bad_alloc.
-std::string FormatLogLine(int iLevel, std::string_view source, int iLine, std::string_view message);
+[[nodiscard]] std::string FormatLogLine(int iLevel, std::string_view source, int iLine, std::string_view message);
 
 #endif

@@ -85,7 +85,7 @@ bool CThreadLoop::Make() noexcept {
 void CThreadLoop::FollowFork() noexcept {
     const pid_t process = getpid();
     if (m_process != process) {
-        (void)uv_loop_fork(&m_loop);
+        (void)uv_loop_fork(&m_loop); // after a failure the timers stand still, and nothing else could be done
         m_process = process;
     }
 }
@@ -119,7 +119,7 @@ void CThreadLoop::RunOnce() noexcept {
     }
     FollowFork();
     m_bRunning = true;
-    (void)uv_run(&m_loop, m_bNoWait ? UV_RUN_NOWAIT : UV_RUN_ONCE);
+    (void)uv_run(&m_loop, m_bNoWait ? UV_RUN_NOWAIT : UV_RUN_ONCE); // tells only whether timers remain
     m_bRunning = false;
 }
 
