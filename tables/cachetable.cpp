@@ -159,12 +159,41 @@ void CCacheTable::AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStam
     (void)update.Step(); // a hit that cannot be counted is not worth a report
 }
 
+uint32_t CCacheTable::ResetAllRecordsQueryCount(int iValue) {
+    if (m_pDB == nullptr) {
+        TARN_LOG_ERROR("[%s]m_pDB is null.");
+        return 1;
+    }
+    char szSQL[kStatementSize] = {};
+    str_snprintf(szSQL, sizeof szSQL, "update %s set QC = %d;", m_strTableName.c_str(), iValue);
+    CStatement reset(m_pDB, szSQL);
+    const uint32_t ulResult = reset.Run();
+    return ulResult == SQLITE_ROW ? 0 : ulResult;
+}
+
 uint32_t CCacheTable::QueryRecordsCount(int *piCounts) {
     if (m_pDB == nullptr || piCounts == nullptr) {
         TARN_LOG_ERROR("[%s]m_pDB or piCounts is null.");
         return 1;
     }
     return CountRows(piCounts);
+}
+
+void CCacheTable::FormatMD5Query(char (&szSQL)[kStatementSize], const char *pszWhat, int64_t liHighMD5,
+                                 int64_t liLowMD5) const {
+    str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s=%lld and %s=%lld;", pszWhat, m_strTableName.c_str(),
+                 ColumnName(kColumnFHMD).c_str(), static_cast<long long>(liHighMD5), ColumnName(kColumnFLMD).c_str(),
+                 static_cast<long long>(liLowMD5));
+}
+
+uint32_t CCacheTable::CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount) {
+    if (m_pDB == nullptr || pliCount == nullptr) {
+        TARN_LOG_ERROR("[%s]m_pDB or pliCount is null.");
+        return 1;
+    }
+    char szSQL[kStatementSize] = {};
+    FormatMD5Query(szSQL, "count(*)", liHighMD5, liLowMD5);
+    return QueryNumber(m_pDB, szSQL, pliCount);
 }
 
 uint32_t CCacheTable::QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, std::vector<_CacheRecord> &vecOut) {

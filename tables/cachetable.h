@@ -63,13 +63,13 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     // Deletes every row whose verdict came from one of the engines. 1 success (an empty set too), 0 failure; 1 without
     // a connection.
     [[nodiscard]] int BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds);
+    // Deletes every row of one engine, which is given by its 16 bits as they are stored: the statement above knows
+    // engines below 32768 only. As BatchDeleteRecordsByEngineIds.
+    [[nodiscard]] int DeleteRecordsByEngine(uint16_t usEngine);
     // Appends one new record, zeroed path, for each row with this MD5. 1 success, 0 failure; 1 without a connection.
     // The caller frees the records with delete, after a failure too.
     [[nodiscard]] int QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5,
                                              std::vector<_CacheRecordEx *> &vecOut);
-    // Deletes every row of one engine, which is given by its 16 bits as they are stored: the statement above knows
-    // engines below 32768 only. As BatchDeleteRecordsByEngineIds.
-    [[nodiscard]] int DeleteRecordsByEngine(uint16_t usEngine);
     // "(3,7,12)" in ascending order; "()" for an empty set.
     [[nodiscard]] std::string EngineSetToStr(std::set<int16_t> &setEngineIds);
 

@@ -60,17 +60,6 @@ uint32_t RunBulkDeletion(sqlite3 *pDB, CStatement &deletion, const char *pszFunc
 
 } // namespace
 
-uint32_t CCacheTable::ResetAllRecordsQueryCount(int iValue) {
-    if (!IsConnected(m_pDB, __func__)) {
-        return 1;
-    }
-    char szSQL[kStatementSize] = {};
-    str_snprintf(szSQL, sizeof szSQL, "update %s set QC = %d;", m_strTableName.c_str(), iValue);
-    CStatement reset(m_pDB, szSQL);
-    const uint32_t ulResult = reset.Run();
-    return ulResult == SQLITE_ROW ? 0 : ulResult;
-}
-
 int CCacheTable::DeleteAllRecords() {
     if (!IsConnected(m_pDB, __func__)) {
         return 1;
@@ -201,29 +190,12 @@ int CCacheTable::DeleteRecordsByEngine(uint16_t usEngine) {
     str_snprintf(szSQL, sizeof szSQL, "delete from %s where (%s >> 32 & 0xffff) = %u;", m_strTableName.c_str(),
                  ColumnName(kColumnFTV).c_str(), static_cast<unsigned int>(usEngine));
     CStatement deletion(m_pDB, szSQL);
-    (void)deletion.Step();
+    (void)deletion.Step(); // the next line gives its result
     const int iStep = deletion.RetryWhileBusy(1);
     if (iStep != SQLITE_DONE) {
         LogFailedStep(deletion, __func__);
     }
     return iStep == SQLITE_DONE ? 1 : 0;
-}
-
-void CCacheTable::FormatMD5Query(char (&szSQL)[kStatementSize], const char *pszWhat, int64_t liHighMD5,
-                                 int64_t liLowMD5) const {
-    str_snprintf(szSQL, sizeof szSQL, "select %s from %s where %s=%lld and %s=%lld;", pszWhat, m_strTableName.c_str(),
-                 ColumnName(kColumnFHMD).c_str(), static_cast<long long>(liHighMD5), ColumnName(kColumnFLMD).c_str(),
-                 static_cast<long long>(liLowMD5));
-}
-
-uint32_t CCacheTable::CountRecordsByMD5(int64_t liHighMD5, int64_t liLowMD5, int64_t *pliCount) {
-    if (m_pDB == nullptr || pliCount == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB or pliCount is null.");
-        return 1;
-    }
-    char szSQL[kStatementSize] = {};
-    FormatMD5Query(szSQL, "count(*)", liHighMD5, liLowMD5);
-    return QueryNumber(m_pDB, szSQL, pliCount);
 }
 
 int CCacheTable::QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std::vector<_CacheRecordEx *> &vecOut) {
