@@ -50,7 +50,7 @@ void AppendEscapedByte(std::string &strOut, char byte) {
     char szDigits[2] = {};
     EncodeHex({&byte, 1}, szDigits);
     strOut += 'x';
-    strOut.append(szDigits, sizeof(szDigits));
+    strOut.append(szDigits, sizeof szDigits);
 }
 
 } // namespace

@@ -25,7 +25,7 @@ std::string FolderOf(const std::string &strPath) {
 
 // What a replacement replaces: no link in its last part.
 int FindTarget(const char *pszPath, _Target &target) {
-    const std::unique_ptr<char, decltype(&free)> pResolved(realpath(pszPath, nullptr), &free);
+    const std::unique_ptr<char, decltype(&std::free)> pResolved(realpath(pszPath, nullptr), &std::free);
     if (pResolved != nullptr) {
         target.strPath = pResolved.get();
         target.bExists = true;
@@ -93,7 +93,7 @@ class CTemporaryFile {
         if (eExisting == EExisting::Keep) { // a rename would replace what another process has put there meanwhile
             return link(m_strPath.c_str(), strTarget.c_str()) == 0 || errno == EEXIST;
         }
-        m_bRemove = rename(m_strPath.c_str(), strTarget.c_str()) != 0;
+        m_bRemove = std::rename(m_strPath.c_str(), strTarget.c_str()) != 0;
         return !m_bRemove;
     }
 
@@ -120,7 +120,7 @@ int LoadWholeFile(const CDescriptor &file, size_t nLimit, std::string &strText) 
     strText.reserve(static_cast<size_t>(status.st_size));
     char szBlock[16384];
     for (;;) {
-        const ssize_t nRead = read(file.Get(), szBlock, sizeof(szBlock));
+        const ssize_t nRead = read(file.Get(), szBlock, sizeof szBlock);
         if (nRead == 0) {
             return 0;
         }

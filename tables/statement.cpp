@@ -31,7 +31,7 @@ CStatement::CStatement(sqlite3 *pDB, const char *pszSQL) : m_pDB(pDB) {
 }
 
 CStatement::CStatement(sqlite3 *pDB, _SQLStmt &stKept) : m_pDB(pDB) {
-    const CConnectionGuard guard(m_pDB);
+    const CConnectionGuard lock(m_pDB);
     NoteCall(stKept.Prepare(m_pDB));
     m_pStmt = stKept.pStmt;
     sqlite3_reset(m_pStmt);
@@ -55,7 +55,7 @@ CStatement::~CStatement() {
 }
 
 void CStatement::Prepare(const char *pszSQL) {
-    const CConnectionGuard guard(m_pDB);
+    const CConnectionGuard lock(m_pDB);
     NoteCall(sqlite3_prepare_v2(m_pDB, pszSQL, -1, &m_pStmt, nullptr));
     m_pOwn.reset(m_pStmt);
 }
@@ -98,7 +98,7 @@ void CStatement::BindUnchecked(int iPosition, int64_t liValue) {
 
 int CStatement::Step() {
     if (m_iResult == SQLITE_OK || m_iResult == SQLITE_ROW) {
-        const CConnectionGuard guard(m_pDB);
+        const CConnectionGuard lock(m_pDB);
         NoteCall(sqlite3_step(m_pStmt));
     }
     return m_iResult;

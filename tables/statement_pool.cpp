@@ -1,7 +1,7 @@
 #include "tables/statement_pool.h"
 
 StatementHandle CStatementPool::Take() {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     // Room for everything that is out, so that taking it back needs no memory.
     m_vecIdle.reserve(m_vecIdle.size() + m_nLent + 1);
     ++m_nLent;
@@ -14,7 +14,7 @@ StatementHandle CStatementPool::Take() {
 }
 
 void CStatementPool::GiveBack(StatementHandle pStatement) noexcept {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     --m_nLent;
     if (pStatement != nullptr) {
         m_vecIdle.push_back(std::move(pStatement));
@@ -22,6 +22,6 @@ void CStatementPool::GiveBack(StatementHandle pStatement) noexcept {
 }
 
 void CStatementPool::Clear() {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_vecIdle.clear();
 }

@@ -85,7 +85,7 @@ uint32_t CVirusTable::QueryRecordCounts(int &iCounts) {
 }
 
 bool CVirusTable::FindInMap(const std::string &strVirusDesc, int *pVirusIndex) {
-    const std::lock_guard<std::mutex> guard(m_mapMutex);
+    const std::lock_guard<std::mutex> lock(m_mapMutex);
     const auto it = std::find_if(m_mapVirusDesc.begin(), m_mapVirusDesc.end(),
                                  [&](const auto &entry) { return entry.second == strVirusDesc; });
     if (it == m_mapVirusDesc.end()) {
@@ -160,7 +160,7 @@ uint32_t CVirusTable::LoadRecords(std::map<int, std::string> *pMap, const char *
     } else {
         return static_cast<uint32_t>(iStep);
     }
-    const std::lock_guard<std::mutex> guard(m_mapMutex);
+    const std::lock_guard<std::mutex> lock(m_mapMutex);
     pMap->emplace(*pVirusIndex, strVirusDesc);
     return 0;
 }
@@ -175,7 +175,7 @@ int CVirusTable::GetVirusDescByIndex(int iVirusIndex, char *pszVirusDesc, unsign
         return 1;
     }
     {
-        const std::lock_guard<std::mutex> guard(m_mapMutex);
+        const std::lock_guard<std::mutex> lock(m_mapMutex);
         if (const auto it = m_mapVirusDesc.find(iVirusIndex); it != m_mapVirusDesc.end()) {
             str_snprintf(pszVirusDesc, ccbVirusDesc, "%s", it->second.c_str());
             return 1;
@@ -187,7 +187,7 @@ int CVirusTable::GetVirusDescByIndex(int iVirusIndex, char *pszVirusDesc, unsign
         return 0;
     }
     {
-        const std::lock_guard<std::mutex> guard(m_mapMutex);
+        const std::lock_guard<std::mutex> lock(m_mapMutex);
         m_mapVirusDesc[iVirusIndex] = record.szVirusDesc;
     }
     str_snprintf(pszVirusDesc, ccbVirusDesc, "%s", record.szVirusDesc);

@@ -20,8 +20,8 @@ char g_szLibraryDir[PATH_MAX];
 char g_szStartDir[PATH_MAX];
 
 __attribute__((constructor)) void FindLibraryDir() noexcept {
-    if (getcwd(g_szStartDir, sizeof(g_szStartDir) - 1) != nullptr) {
-        g_szStartDir[strlen(g_szStartDir)] = '/';
+    if (getcwd(g_szStartDir, sizeof g_szStartDir - 1) != nullptr) {
+        g_szStartDir[std::strlen(g_szStartDir)] = '/';
     }
     Dl_info info;
     if (dladdr(g_szLibraryDir, &info) == 0 || info.dli_fname == nullptr) {
@@ -31,14 +31,14 @@ __attribute__((constructor)) void FindLibraryDir() noexcept {
         return;
     }
     const char *pszPrefix = info.dli_fname[0] == '/' ? "" : g_szStartDir;
-    const size_t nPrefix = strlen(pszPrefix);
-    const char *pszLastSlash = strrchr(info.dli_fname, '/');
+    const size_t nPrefix = std::strlen(pszPrefix);
+    const char *pszLastSlash = std::strrchr(info.dli_fname, '/');
     const size_t nFolder = pszLastSlash == nullptr ? 0 : static_cast<size_t>(pszLastSlash - info.dli_fname);
-    if (nPrefix + nFolder + 1 >= sizeof(g_szLibraryDir)) {
+    if (nPrefix + nFolder + 1 >= sizeof g_szLibraryDir) {
         return;
     }
-    memcpy(g_szLibraryDir, pszPrefix, nPrefix);
-    memcpy(g_szLibraryDir + nPrefix, info.dli_fname, nFolder);
+    std::memcpy(g_szLibraryDir, pszPrefix, nPrefix);
+    std::memcpy(g_szLibraryDir + nPrefix, info.dli_fname, nFolder);
     if (nPrefix + nFolder == 0) {
         g_szLibraryDir[0] = '/';
     }
@@ -89,7 +89,7 @@ int dirutils_path_transform(const char *in, char *out, int outSize) {
         if (bLost || strPath.size() >= static_cast<size_t>(outSize)) {
             return 0;
         }
-        memcpy(out, strPath.c_str(), strPath.size() + 1);
+        std::memcpy(out, strPath.c_str(), strPath.size() + 1);
         return 1;
     } catch (...) {
         out[0] = '\0';

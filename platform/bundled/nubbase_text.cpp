@@ -9,7 +9,7 @@ int str_snprintf(char *buf, size_t size, const char *format, ...) {
     }
     va_list arguments;
     va_start(arguments, format);
-    const int iLength = vsnprintf(buf, size, format, arguments);
+    const int iLength = std::vsnprintf(buf, size, format, arguments);
     va_end(arguments);
     if (iLength < 0 && size > 0) {
         buf[0] = '\0';

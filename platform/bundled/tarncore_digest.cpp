@@ -1,6 +1,6 @@
 #include "platform/tarncore.h"
 
-#include "support/hex.h"
+#include "formats/md5_text.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,14 +10,13 @@
 
 namespace {
 
-constexpr size_t kMd5Bytes = 16;
-constexpr size_t kMd5Digits = 2 * kMd5Bytes;
+constexpr size_t kMD5Bytes = kMD5Digits / 2;
 
 // The cipher library's copy of a state, wiped when it goes.
 class CCipherContext {
   public:
     CCipherContext() = default;
-    ~CCipherContext() { explicit_bzero(&m_context, sizeof(m_context)); }
+    ~CCipherContext() { explicit_bzero(&m_context, sizeof m_context); }
     CCipherContext(const CCipherContext &) = delete;
     CCipherContext &operator=(const CCipherContext &) = delete;
 
@@ -49,9 +48,9 @@ int MD5_StrResultConvert(const char *hex32, void *out16) {
         return 0;
     }
     const bool bDigits =
-        hex32 != nullptr && strnlen(hex32, kMd5Digits + 1) == kMd5Digits && DecodeHex({hex32, kMd5Digits}, out16);
+        hex32 != nullptr && strnlen(hex32, kMD5Digits + 1) == kMD5Digits && DecodeHex({hex32, kMD5Digits}, out16);
     if (!bDigits) {
-        memset(out16, 0, kMd5Bytes);
+        std::memset(out16, 0, kMD5Bytes);
     }
     return bDigits ? 1 : 0;
 }
@@ -60,8 +59,8 @@ int MD5_BinResultConvert(const void *bin16, char *hex33) {
     if (bin16 == nullptr || hex33 == nullptr) {
         return 0;
     }
-    EncodeHex({static_cast<const char *>(bin16), kMd5Bytes}, hex33);
-    hex33[kMd5Digits] = '\0';
+    EncodeHex({static_cast<const char *>(bin16), kMD5Bytes}, hex33);
+    hex33[kMD5Digits] = '\0';
     return 1;
 }
 

@@ -45,7 +45,7 @@ int ParseLevel(const std::string &strLevel) {
 
 std::string AbsolutePath(const std::string &strPath) {
     char szExpanded[PATH_MAX];
-    if (dirutils_path_transform(strPath.c_str(), szExpanded, sizeof(szExpanded)) == 0 || szExpanded[0] == '\0') {
+    if (dirutils_path_transform(strPath.c_str(), szExpanded, sizeof szExpanded) == 0 || szExpanded[0] == '\0') {
         return {};
     }
     // Absolute, because the file is opened again at each rotation and the host may change its folder meanwhile.
@@ -61,7 +61,7 @@ _LogSettings ReadSettings() {
     std::optional<std::string> level = fromEnvironment("TARN_LOG_LEVEL");
     std::optional<std::string> file = fromEnvironment("TARN_LOG_FILE");
     char szConfig[PATH_MAX];
-    if ((!level || !file) && dirutils_path_transform(kConfigPath, szConfig, sizeof(szConfig)) != 0) {
+    if ((!level || !file) && dirutils_path_transform(kConfigPath, szConfig, sizeof szConfig) != 0) {
         const std::unique_ptr<void, decltype(&ini_file_free)> ini(ini_file_load(szConfig), &ini_file_free);
         const auto fromFile = [&ini](const char *pszKey) {
             const char *pszValue = ini == nullptr ? nullptr : ini_file_get(ini.get(), kConfigSection, pszKey);
@@ -173,12 +173,12 @@ void CLogger::Write(int iLevel, const char *source, int line, const char *format
     const CCancelGuard noCancel;
     const int iError = errno;
     char szMessage[kMaxMessage] = "";
-    const int iLength = vsnprintf(szMessage, sizeof(szMessage), format, arguments);
+    const int iLength = std::vsnprintf(szMessage, sizeof szMessage, format, arguments);
     try {
         // A format that cannot be filled in still tells where the trouble was.
         std::string_view message = iLength < 0 ? format : szMessage;
-        if (iLength >= static_cast<int>(sizeof(szMessage))) {
-            memcpy(szMessage + sizeof(szMessage) - 4, "...", 4);
+        if (iLength >= static_cast<int>(sizeof szMessage)) {
+            std::memcpy(szMessage + sizeof szMessage - 4, "...", 4);
         } else if (!message.empty() && message.back() == '\n') {
             message.remove_suffix(1);
         }

@@ -45,13 +45,13 @@ int CopyDecoded(std::string_view text, unsigned char *out, int outLen) {
     }
     const size_t nDecoded = text.size() / 2;
     const int nCopied = static_cast<int>(std::min(nDecoded, static_cast<size_t>(outLen)));
-    memcpy(out, bytes.Data(), static_cast<size_t>(nCopied));
+    std::memcpy(out, bytes.Data(), static_cast<size_t>(nCopied));
     return nCopied;
 }
 
 int ReadValue(const char *section, const char *name, unsigned char *out, int outLen) {
     char szPath[PATH_MAX];
-    if (dirutils_path_transform(kBusinessValuesPath, szPath, sizeof(szPath)) == 0) {
+    if (dirutils_path_transform(kBusinessValuesPath, szPath, sizeof szPath) == 0) {
         error_output(kLevelError, kSource, __LINE__, "[%s]path of %s is too long", kFunction, kBusinessValuesPath);
         return -1;
     }
