@@ -27,8 +27,8 @@ class BulkOperations : public testing::Test {
     }
     std::string Keys() const { return m_db.Text("select group_concat(FPH) from (select FPH from CT order by FPH)"); }
 
-    const CSecondConnection m_db{":memory:"};
-    CCacheTable m_table{m_db.m_pDB};
+    const CSecondConnection m_db = CSecondConnection(":memory:");
+    CCacheTable m_table = CCacheTable(m_db.m_pDB);
 };
 
 } // namespace

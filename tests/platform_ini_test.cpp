@@ -14,7 +14,7 @@ class PlatformIni : public PlatformTest {
     int Set(const char *s, const char *k, const char *v) { return ini_file_set(m_ini.get(), s, k, v); }
     int Save(const std::string &strPath) { return ini_file_save(m_ini.get(), Path(strPath).c_str(), 0); }
     static bool Has(const std::string &strText, const char *pPart) { return strText.find(pPart) != std::string::npos; }
-    std::unique_ptr<void, decltype(&ini_file_free)> m_ini{nullptr, &ini_file_free};
+    std::unique_ptr<void, decltype(&ini_file_free)> m_ini = {nullptr, &ini_file_free};
 };
 
 TEST_F(PlatformIni, ASaveThroughALinkChangesOnlyWhatWasSet) {

@@ -35,10 +35,10 @@ class Tables : public testing::Test {
         RecordedLog::SetSource("cachetable");
     }
     const CTempInstall install;
-    const CSecondConnection db{install.Database()};
-    CCacheTable cache{db.m_pDB};
-    CVirusTable virus{db.m_pDB};
-    CVersionTable version{db.m_pDB};
+    const CSecondConnection db = CSecondConnection(install.Database());
+    CCacheTable cache = CCacheTable(db.m_pDB);
+    CVirusTable virus = CVirusTable(db.m_pDB);
+    CVersionTable version = CVersionTable(db.m_pDB);
 };
 
 } // namespace

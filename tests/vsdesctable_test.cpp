@@ -31,8 +31,8 @@ class CTestTable : public CVirusTable {
 class VirusTable : public testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(m_table.CreateTable(), 0U); }
-    const CSecondConnection m_db{":memory:"};
-    CTestTable m_table{m_db.m_pDB};
+    const CSecondConnection m_db = CSecondConnection(":memory:");
+    CTestTable m_table = CTestTable(m_db.m_pDB);
 };
 
 } // namespace
