@@ -8,8 +8,8 @@
 // True when the bytes are well-formed UTF-8.
 [[nodiscard]] bool IsValidUtf8(std::string_view text) noexcept;
 
-// Control characters, direction marks and bytes that are not UTF-8 become \n, \t, \r or \xHH, a backslash two, so that
-// a file name can neither forge a line nor steer a terminal.
+// Control characters, direction marks and bytes that are not UTF-8 become \n, \t, \r or \xHH, and a backslash becomes
+// two, so that a file name can neither forge a line nor steer a terminal.
 [[nodiscard]] std::string EscapeName(std::string_view name);
 
 // The same, added to strOut.

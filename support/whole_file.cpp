@@ -23,7 +23,7 @@ std::string FolderOf(const std::string &strPath) {
     return nSlash == std::string::npos ? "." : nSlash == 0 ? "/" : strPath.substr(0, nSlash);
 }
 
-// What a replacement replaces: no link in its last part.
+// Finds the file that a replacement is to replace, following a link: renaming onto the link would replace the link.
 int FindTarget(const char *pszPath, _Target &target) {
     const std::unique_ptr<char, decltype(&std::free)> pResolved(realpath(pszPath, nullptr), &std::free);
     if (pResolved != nullptr) {
@@ -45,8 +45,8 @@ int FindTarget(const char *pszPath, _Target &target) {
     return 0;
 }
 
-// The new file under its passing name; removed unless it took the target's place. The functions return false with errno
-// set.
+// The new file while it has a temporary name. It is removed unless it took the target's place. The functions return
+// false with errno set.
 class CTemporaryFile {
   public:
     explicit CTemporaryFile(const std::string &strFolder)
@@ -162,6 +162,6 @@ int SaveWholeFile(const char *pszPath, std::string_view text, mode_t newMode, EE
             return errno;
         }
     }
-    // EINVAL: a file system that flushes no folders.
+    // The folder too, else a crash could bring the old name back. EINVAL: a file system that flushes no folders.
     return fsync(folder.Get()) == 0 || errno == EINVAL ? 0 : errno;
 }

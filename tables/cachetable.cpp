@@ -62,17 +62,19 @@ uint32_t CCacheTable::OnCreate() {
         TARN_LOG_ERROR("[%s]m_pDB is null.");
         return 1;
     }
-    BuildSetQueryTime();
+    BuildSetQueryTime(); // once more: the table's name is public and may have been changed since
     if (const CStatement update(m_pDB, m_stSetQueryTime); update.Result() != SQLITE_OK) {
         TARN_LOG_ERROR("[%s]OnCreate failed with error msg = %s", update.ErrorText());
         return static_cast<uint32_t>(update.Result());
     }
-    // Without it every deletion by MD5 reads the whole table. A failure is logged there and costs speed alone.
+    // Without this index every deletion by MD5 reads the whole table. A failure is logged by the callee; the table
+    // works without the index, so it is no failure of the start.
     (void)__implExecDDL(m_pDB, "create index if not exists " + m_strTableName + "_MD5 on " + m_strTableName + "(" +
                                    ColumnName(kColumnFHMD) + "," + ColumnName(kColumnFLMD) + ");");
     return 0;
 }
 
+// Every statement has to go before the connection is closed: SQLite refuses to close one with statements left.
 void CCacheTable::OnRelease() {
     m_stSetQueryTime.Finalize();
     m_stDeleteByMD5.Finalize();
@@ -94,6 +96,7 @@ uint32_t CCacheTable::InsertRecord(_CacheRecord *pRecord) {
     insertion.Bind(kColumnQC + 1, pRecord->lQueryCounts);
     insertion.Bind(kColumnTS + 1, pRecord->lTimeStamp);
     insertion.Bind(kColumnRS + 1, pRecord->lResultState);
+    // As a blob, though the column says text: that is how the stored files have it.
     insertion.BindBlob(kColumnFFI + 1, pRecord->szFilePathIndex,
                        strnlen(pRecord->szFilePathIndex, sizeof pRecord->szFilePathIndex));
     return insertion.Run();
@@ -104,6 +107,7 @@ uint32_t CCacheTable::QueryRecord(_CacheRecord *pRecord) {
         TARN_LOG_ERROR("[%s]m_pDB or m_stQuery.pStmt or pRecord is null.");
         return 1;
     }
+    // Readers run side by side and so never share m_stQuery; each borrows a statement of its own.
     CStatement query(m_pDB, m_queryPool, m_stQuery.strSQL.c_str());
     query.Bind(1, pRecord->liFilePathHash);
     if (const uint32_t ulResult = query.FetchRow(); ulResult != 0) {
@@ -132,6 +136,7 @@ uint32_t CCacheTable::QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pC
         return ulResult;
     }
     ReadCacheRow(query, *pRecord);
+    // The code stands behind the columns of the cache table; none is NULL, which reads as no bytes.
     const std::string_view code = query.Blob(kColumnFFI + 1);
     *pbHasCode = code.size() == pCode->size();
     if (*pbHasCode) {
@@ -209,12 +214,12 @@ uint32_t CCacheTable::QueryRecordsAfter(int64_t liFilePathHash, size_t nMost, st
                  m_strTableName.c_str(), pszKey, liFilePathHash == INT64_MIN ? ">=" : ">", pszKey, pszKey);
     CStatement query(m_pDB, szSQL);
     query.Bind(1, liFilePathHash);
-    query.Bind(2, static_cast<int64_t>(std::min<size_t>(nMost, INT64_MAX)));
+    query.Bind(2, static_cast<int64_t>(std::min<size_t>(nMost, INT64_MAX))); // a negative limit would be none
     try {
         while (query.Step() == SQLITE_ROW) {
             ReadCacheRow(query, vecOut.emplace_back());
         }
-    } catch (const std::bad_alloc &) {
+    } catch (const std::bad_alloc &) { // as if SQLite itself had run out of it
         return SQLITE_NOMEM;
     }
     return query.Run();

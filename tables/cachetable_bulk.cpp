@@ -44,7 +44,7 @@ bool IsDoneOrBusy(int iStep) {
     return iStep == SQLITE_DONE || iStep == SQLITE_BUSY;
 }
 
-// Runs a deletion of many rows. Only what the first step meets is logged.
+// Runs a deletion of many rows. A failure of the first step is logged, one of a retry is only returned.
 uint32_t RunBulkDeletion(sqlite3 *pDB, CStatement &deletion, const char *pszFunction, int *piDeleted) {
     if (!IsDoneOrBusy(deletion.Step())) {
         LogFailedStep(deletion, pszFunction);
@@ -53,7 +53,7 @@ uint32_t RunBulkDeletion(sqlite3 *pDB, CStatement &deletion, const char *pszFunc
         return static_cast<uint32_t>(iStep);
     }
     if (piDeleted != nullptr) {
-        *piDeleted = sqlite3_changes(pDB);
+        *piDeleted = sqlite3_changes(pDB); // no other thread writes: the caller holds the table lock
     }
     return 0;
 }
@@ -70,6 +70,7 @@ int CCacheTable::DeleteAllRecords() {
     if (!IsPrepared(deletion, __func__)) {
         return 0;
     }
+    // No second attempt on a busy database, on purpose: unlike the other deletions it is not part of a longer job.
     const int iStep = deletion.Step();
     if (iStep != SQLITE_ROW && iStep != SQLITE_DONE) {
         LogFailedStep(deletion, __func__);
@@ -88,6 +89,7 @@ uint32_t CCacheTable::DeleteExcessRecords(int iExtraTenThousands, int *piDeleted
         return 0;
     }
     int iLimit = 0;
+    // A wrapped limit could be negative, which SQLite takes for none: everything would go.
     if (__builtin_mul_overflow(iExtraTenThousands, kRowsPerPercent, &iLimit) ||
         __builtin_add_overflow(iLimit, iCount - kMaxRecords, &iLimit)) {
         return SQLITE_TOOBIG;
@@ -123,7 +125,7 @@ int CCacheTable::DeleteRecordByMD5(int64_t liHighMD5, int64_t liLowMD5) {
     if (!IsConnected(m_pDB, __func__)) {
         return 1;
     }
-    // Kept: an engine update withdraws thousands of digests while lookups wait.
+    // The statement is kept prepared: an engine update withdraws thousands of digests, and lookups wait meanwhile.
     char szSQL[kStatementSize] = {};
     str_snprintf(szSQL, sizeof szSQL, "delete from %s where %s=? and %s=?;", m_strTableName.c_str(),
                  ColumnName(kColumnFHMD).c_str(), ColumnName(kColumnFLMD).c_str());
@@ -164,6 +166,7 @@ int CCacheTable::BatchDeleteRecordsByEngineIds(std::set<int16_t> &setEngineIds) 
     }
     const char *pszVerdict = ColumnName(kColumnFTV).c_str();
     char szSQL[kStatementSize] = {};
+    // Deleting by the verdicts that the inner query finds meets the same rows, since equal verdicts have one engine.
     // "&" and ">>" have one precedence in SQLite and group from the left: bits 32-47, the engine code.
     str_snprintf(szSQL, sizeof szSQL,
                  "delete from %s where %s in (select %s from %s where ((( %s & 0xffff00000000 >> 32) in %s)));",
@@ -213,6 +216,7 @@ int CCacheTable::QueryFilePathHashByMD5(int64_t liHighMD5, int64_t liLowMD5, std
         LogFailedStep(query, __func__);
     }
     for (; iStep == SQLITE_ROW; iStep = query.Step()) {
+        // Over 4 KiB each, and as many as there are copies of one file: a lack of memory is not far-fetched.
         std::unique_ptr<_CacheRecordEx> pRecord(new (std::nothrow) _CacheRecordEx());
         if (pRecord == nullptr) {
             TARN_LOG_ERROR("[%s]new CacheRecord failed!");

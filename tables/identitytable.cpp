@@ -19,6 +19,7 @@ CIdentityTable::CIdentityTable(sqlite3 *pDB) : CTableBase(pDB) {
 CIdentityTable::~CIdentityTable() = default;
 
 void CIdentityTable::RegisterSQLs() {
+    // "integer primary key" to the letter makes the key the row's own number, which saves an index.
     RegisterTexts("CIT", {{"FPH", "integer", "primary key"}, {"IC", "blob", "not null"}});
 }
 
@@ -45,7 +46,7 @@ uint32_t CIdentityTable::QueryRecord(_IdentityRecord *pRecord) {
     }
     const std::string_view code = query.Blob(1);
     if (code.size() != pRecord->code.size()) {
-        return SQLITE_DONE;
+        return SQLITE_DONE; // damage: the record is then scanned again
     }
     std::copy(code.begin(), code.end(), pRecord->code.begin());
     return 0;
@@ -59,12 +60,16 @@ uint32_t CIdentityTable::DeleteRecord(_IdentityRecord *pRecord) {
     return DeleteByKey(pRecord->liFilePathHash);
 }
 
+// A trigger, because records are deleted by many kinds of statement, and so none of them can forget the codes. A
+// temporary one, so that the file holds nothing but tables, which a library that knows no codes leaves alone.
 uint32_t CIdentityTable::FollowDeletions(const std::string &strCacheTable) {
     return static_cast<uint32_t>(__implExecDDL(
         m_pDB, "create temp trigger if not exists " + m_strTableName + "_D after delete on main." + strCacheTable +
                    " begin delete from " + m_strTableName + " where FPH = old.FPH; end;"));
 }
 
+// Group by group, so that the caller can let lookups in between: a million codes in one statement would hold the table
+// lock for seconds.
 uint32_t CIdentityTable::SweepAfter(const std::string &strCacheTable, size_t nMost, int64_t &liAfter, bool *pbEnd) {
     char szSQL[kStatementSize] = {};
     // The keys of this group, as one query for its end and one deletion inside it.
@@ -77,7 +82,7 @@ uint32_t CIdentityTable::SweepAfter(const std::string &strCacheTable, size_t nMo
     }
     const int64_t liLast = group.Int64(0);
     const bool bEnd = static_cast<size_t>(group.Int64(1)) < nMost;
-    if (group.Int64(1) > 0) {
+    if (group.Int64(1) > 0) { // max() of no row at all is NULL and reads as 0, a key like any other
         str_snprintf(szSQL, sizeof szSQL,
                      "delete from %s where FPH > %lld and FPH <= %lld and not exists "
                      "(select 1 from %s where %s.FPH = %s.FPH);",

@@ -1,7 +1,8 @@
 // identitytable.h - table "CIT": for each row of the cache table the code that binds it to its file.
 //
-// No lock of its own: the agent's table lock guards it as it guards the cache table. A row without a partner in the
-// cache table answers nothing; the code of another record's making answers nothing either.
+// No lock of its own: the agent's table lock guards it as it guards the cache table. A code whose record is gone is
+// never asked for, and one that was made for an earlier record of the path does not fit the record that is there now,
+// so leftovers cost space and nothing else.
 #ifndef TARN_TABLES_IDENTITYTABLE_H
 #define TARN_TABLES_IDENTITYTABLE_H
 

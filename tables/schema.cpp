@@ -22,8 +22,9 @@ void ToLower(std::string &strText) {
                    [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
 }
 
-// Does the stored CREATE text, less everything up to "table" and less its closing parenthesis, stand in the expected
-// one? SQLite stores a text without "if not exists" and the final semicolon, so the two never match whole.
+// SQLite stores a CREATE text without "if not exists" and without the final semicolon, so that the stored text and the
+// expected one never match whole. What follows "table" in the stored text, less its last character, must stand
+// somewhere in the expected one.
 bool SchemaMatches(std::string strStored, std::string strExpected) {
     ToLower(strStored);
     ToLower(strExpected);
@@ -71,7 +72,7 @@ int __implCheckIntegrity(sqlite3 *pDB, const std::string &strCheckSQL, std::stri
         return iResult;
     }
     if (check.Step() != SQLITE_ROW) {
-        // Always the text of the generic error, whatever the step returned.
+        // The text of the generic error on purpose, whatever the step returned: log readers look for it.
         TARN_LOG_ERROR("[%s]step table failed with error msg = %s", sqlite3_errstr(SQLITE_ERROR));
         return 1;
     }
@@ -79,7 +80,7 @@ int __implCheckIntegrity(sqlite3 *pDB, const std::string &strCheckSQL, std::stri
 }
 
 bool IsDatabaseOutOfReach(sqlite3 *pDB) {
-    switch (sqlite3_errcode(pDB) & 0xFF) {
+    switch (sqlite3_errcode(pDB) & 0xFF) { // the low byte: extended codes add a detail above it
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
     case SQLITE_NOMEM:
@@ -110,11 +111,13 @@ void CTableSchema::RegisterTexts(const std::string &strName, std::vector<_TableC
             m_stQuery.strSQL += column.strColumnName + " = ?;";
         }
     }
+    // In place of the comma behind the last column.
     m_strCreateSQL.replace(m_strCreateSQL.size() - 1, 1, ");");
     m_stInsert.strSQL.replace(m_stInsert.strSQL.size() - 1, 1, ");");
 }
 
 int CTableSchema::PrepareStatements() {
+    // The codes may be mixed, because nobody asks for more than whether one of them failed.
     int iResult = SQLITE_OK;
     for (_SQLStmt *pStatement : {&m_stInsert, &m_stDelete, &m_stQuery}) {
         iResult |= pStatement->Prepare(m_pDB);

@@ -34,7 +34,7 @@ CStatement::CStatement(sqlite3 *pDB, _SQLStmt &stKept) : m_pDB(pDB) {
     const CConnectionGuard lock(m_pDB);
     NoteCall(stKept.Prepare(m_pDB));
     m_pStmt = stKept.pStmt;
-    sqlite3_reset(m_pStmt);
+    sqlite3_reset(m_pStmt); // an earlier user outside of this class may have left it in the middle of its rows
 }
 
 CStatement::CStatement(sqlite3 *pDB, CStatementPool &pool, const char *pszSQL)
@@ -45,7 +45,8 @@ CStatement::CStatement(sqlite3 *pDB, CStatementPool &pool, const char *pszSQL)
 }
 
 CStatement::~CStatement() {
-    if (m_pStmt != nullptr) {
+    // A statement that is not reset keeps its lock on the file, and a bound text is the caller's and goes with him.
+    if (m_pStmt != nullptr) { // sqlite3_clear_bindings does not take null
         sqlite3_clear_bindings(m_pStmt);
         sqlite3_reset(m_pStmt);
     }
@@ -84,6 +85,7 @@ void CStatement::Bind(int iPosition, int64_t liValue) {
     NoteBind(sqlite3_bind_int64(m_pStmt, iPosition, liValue));
 }
 
+// The null pointer in the last place: SQLite uses the caller's bytes where they are and makes no copy.
 void CStatement::BindText(int iPosition, const char *pszText, size_t nBytes) {
     NoteBind(sqlite3_bind_text(m_pStmt, iPosition, pszText, static_cast<int>(nBytes), nullptr));
 }
@@ -97,6 +99,7 @@ void CStatement::BindUnchecked(int iPosition, int64_t liValue) {
 }
 
 int CStatement::Step() {
+    // A statement that is done would start over without a word if it were stepped once more.
     if (m_iResult == SQLITE_OK || m_iResult == SQLITE_ROW) {
         const CConnectionGuard lock(m_pDB);
         NoteCall(sqlite3_step(m_pStmt));

@@ -2,7 +2,8 @@
 
 StatementHandle CStatementPool::Take() {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    // Room for everything that is out, so that taking it back needs no memory.
+    // Room for everything that is out is made here, where a lack of memory can still be reported: GiveBack runs in a
+    // destructor.
     m_vecIdle.reserve(m_vecIdle.size() + m_nLent + 1);
     ++m_nLent;
     if (m_vecIdle.empty()) {
@@ -15,7 +16,7 @@ StatementHandle CStatementPool::Take() {
 
 void CStatementPool::GiveBack(StatementHandle pStatement) noexcept {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    --m_nLent;
+    --m_nLent; // also for a loan that came to nothing
     if (pStatement != nullptr) {
         m_vecIdle.push_back(std::move(pStatement));
     }

@@ -15,7 +15,7 @@ class CStatementPool {
   public:
     // An idle statement, or null: the caller prepares one.
     [[nodiscard]] StatementHandle Take();
-    // Takes back a statement that is reset and has no bindings; null: what Take led to could not be prepared.
+    // Takes back a statement that is reset and has no bindings. Null ends the loan of one that could not be prepared.
     void GiveBack(StatementHandle pStatement) noexcept;
     // Finalizes every statement that is not lent out. Call before the connection is closed.
     void Clear();

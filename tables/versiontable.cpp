@@ -33,6 +33,7 @@ uint32_t CVersionTable::InsertRecord(_VersionRecord *pRecord) {
     return insertion.Run();
 }
 
+// Asked once in a start, so a statement of its own is cheap enough.
 uint32_t CVersionTable::QueryRecord(_VersionRecord *pRecord) {
     if (!CanRun(m_stQuery, pRecord)) {
         TARN_LOG_ERROR("[%s]arg m_pDB is null, or m_stQuery.pStmt is null, or pRecord is null.");

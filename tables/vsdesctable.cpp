@@ -84,6 +84,7 @@ uint32_t CVirusTable::QueryRecordCounts(int &iCounts) {
     return CountRows(&iCounts);
 }
 
+// Searched by value, since the map is keyed by index; that still costs less than the query it saves.
 bool CVirusTable::FindInMap(const std::string &strVirusDesc, int *pVirusIndex) {
     const std::lock_guard<std::mutex> lock(m_mapMutex);
     const auto it = std::find_if(m_mapVirusDesc.begin(), m_mapVirusDesc.end(),
@@ -108,6 +109,7 @@ int CVirusTable::GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex)
     if (FindInMap(strVirusDesc, pVirusIndex)) {
         return 1;
     }
+    // The caller holds the table lock for writing, so no two threads add the same text under two indices.
     return LoadRecords(&m_mapVirusDesc, strVirusDesc.c_str(), pVirusIndex) == 0 ? 1 : 0;
 }
 
@@ -187,6 +189,7 @@ int CVirusTable::GetVirusDescByIndex(int iVirusIndex, char *pszVirusDesc, unsign
         return 0;
     }
     {
+        // The table was read without the map's mutex, so another lookup may have noted the same text meanwhile.
         const std::lock_guard<std::mutex> lock(m_mapMutex);
         m_mapVirusDesc[iVirusIndex] = record.szVirusDesc;
     }

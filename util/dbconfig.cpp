@@ -93,6 +93,8 @@ void ReadKeys(_DBConfig &config, void *pIni, const char *pszConfigPath) {
     }
     str_snprintf(config.szDBName, sizeof config.szDBName, "%s", pszName);
     SetDefaults(config);
+    // Not one of the keys below: without it nothing is logged, so that the log reads as it did before there was the
+    // key.
     const char *pszProtect = ini_file_get(pIni, kSection, "protect");
     config.bProtect = pszProtect != nullptr && ToInt32(pszProtect) != 0;
     for (const _NumberKey &key : kNumberKeys) {

@@ -73,6 +73,7 @@ void VisitEntry(CWalkTargets &targets, DIR *pDir, const std::string &strDir, con
     char szPath[TARN_PATH_SIZE] = {};
     str_snprintf(szPath, sizeof szPath, "%s%s", strDir.c_str(), pszName);
     struct stat status = {};
+    // From the open directory, so that a parent exchanged meanwhile leads nowhere else.
     if (fstatat(dirfd(pDir), pszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
         TARN_LOG_AS(ELogLevel::Error, kWalk, "[%s]get file %s stat failed. error:%s", szPath, std::strerror(errno));
     } else if (S_ISDIR(status.st_mode)) {
@@ -91,7 +92,8 @@ void ReadDirectory(CWalkTargets &targets, DIR *pDir, const std::string &strDir, 
             VisitEntry(targets, pDir, strDir, pEntry->d_name, listDirs);
         }
     }
-    // errno is not cleared on purpose: a status that could not be read shows here once more, at its directory's end.
+    // errno is not cleared before the loop, on purpose: log readers expect that an entry whose status could not be read
+    // shows once more at the end of its directory.
     if (errno == EBADF || errno != iErrnoAtOpen) {
         TARN_LOG_AS(ELogLevel::Error, kWalk, "[%s]readdir failed with error:%s.", std::strerror(errno));
     }
@@ -137,6 +139,7 @@ void CdbFileUtil::TellFolder(const char *pszFolder) {
 
 uint32_t CdbFileUtil::FindFilesByCchRecords(RecordMap &records) {
     CWalkTargets targets(records);
+    // A list of paths instead of recursion: the depth of a tree is a stranger's choice, and descriptors are few.
     m_listDirs.emplace_back("/");
     while (!m_listDirs.empty()) {
         const std::string strDir = std::move(m_listDirs.front());

@@ -18,10 +18,10 @@ constexpr size_t kMaxFileSize = size_t{10} << 20U; // bytes
 constexpr size_t kOlderFiles = 2;
 constexpr std::chrono::seconds kRetryInterval(60);
 
-// Runs before the sink opens its file, at the start and after each rotation. The sink would create it readable by all,
-// create missing folders, follow a link and wait for a fifo; a scanner that runs as root wants none of these. Nor does
-// it want the sink to empty a file that it could not rename (bEmpty: it was to be out of the way).
-void CreatePrivately(const std::string &strPath, bool bEmpty) {
+// Runs before the sink opens its file, at the start and after each rotation. Left alone, the sink would create the file
+// readable by all, create missing folders, follow a link and wait for a fifo; a scanner that runs as root wants none of
+// these. After a rotation (bRotated) the former file has been renamed; when that failed, the sink would empty it.
+void CreatePrivately(const std::string &strPath, bool bRotated) {
     const CDescriptor file(
         open(strPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
     struct stat status = {};
@@ -31,7 +31,7 @@ void CreatePrivately(const std::string &strPath, bool bEmpty) {
     if (!S_ISREG(status.st_mode)) {
         throw spdlog::spdlog_ex("the log file is not a regular file");
     }
-    if (bEmpty && status.st_size > 0) {
+    if (bRotated && status.st_size > 0) {
         throw spdlog::spdlog_ex("the log file cannot be renamed");
     }
 }
@@ -42,7 +42,7 @@ void WriteToStandardError(std::string_view text) noexcept {
     while (!text.empty()) {
         const ssize_t nWritten = write(STDERR_FILENO, text.data(), text.size());
         if (nWritten < 0 && errno != EINTR) {
-            return;
+            return; // nobody is left to tell
         }
         text.remove_prefix(nWritten > 0 ? static_cast<size_t>(nWritten) : 0);
     }
@@ -89,7 +89,7 @@ void CLogFile::Open() {
     };
     auto file =
         std::make_unique<spdlog::sinks::rotating_file_sink_st>(m_strPath, kMaxFileSize, kOlderFiles, false, handlers);
-    // Lines arrive finished.
+    // Lines arrive finished, with their time and their line end.
     file->set_formatter(
         std::make_unique<spdlog::pattern_formatter>("%v", spdlog::pattern_time_type::utc, std::string()));
     m_pFile = std::move(file);

@@ -34,8 +34,8 @@ class CLogFile {
     std::chrono::steady_clock::time_point m_nextTry = {};
 };
 
-// Straight to the descriptor: the host's stream keeps its state, and nothing is buffered across a fork. Needs no lock,
-// so that a reader who does not read holds up this thread alone.
+// Straight to the descriptor: the host's stream keeps its state, and nothing is buffered across a fork. Takes no lock,
+// so that a full pipe stops this thread and no other.
 void WriteToStandardError(std::string_view text) noexcept;
 
 #endif

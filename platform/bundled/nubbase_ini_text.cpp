@@ -6,7 +6,8 @@
 
 namespace {
 
-constexpr std::string_view kHidden = ";\x01"; // stands before a hidden line
+// Stands before a hidden line. The control character keeps it apart from the comments that people write.
+constexpr std::string_view kHidden = ";\x01";
 constexpr std::string_view kSignature = "\xef\xbb\xbf";
 constexpr auto kNone = std::string_view::npos;
 
@@ -67,6 +68,7 @@ class CPreparation {
         std::string strName(Trim(text.substr(1, nEnd - 1)));
         std::transform(strName.begin(), strName.end(), strName.begin(),
                        [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
+        // The parser merges sections of one name and drops the comments above all but the first.
         if (m_setSections.insert(std::move(strName)).second) {
             m_strText.append(m_strComments);
             m_strComments.clear();

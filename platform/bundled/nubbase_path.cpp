@@ -16,7 +16,7 @@ namespace {
 // know it by a relative name only, and the host may change its working directory later.
 char g_szLibraryDir[PATH_MAX];
 
-// The working folder of that moment with a "/", empty when it cannot be told: what relative names count from.
+// The working folder at that moment, ending in "/"; relative names count from it. Empty when it cannot be told.
 char g_szStartDir[PATH_MAX];
 
 __attribute__((constructor)) void FindLibraryDir() noexcept {
@@ -45,6 +45,7 @@ __attribute__((constructor)) void FindLibraryDir() noexcept {
 }
 
 std::string InstallDir() {
+    // The secure form: a set-uid program must not take its configuration from its caller's environment.
     const char *pszConfigured = secure_getenv("TARN_INSTALL_DIR");
     if (pszConfigured == nullptr || pszConfigured[0] == '\0') {
         return g_szLibraryDir;

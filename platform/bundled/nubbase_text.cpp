@@ -11,6 +11,7 @@ int str_snprintf(char *buf, size_t size, const char *format, ...) {
     va_start(arguments, format);
     const int iLength = std::vsnprintf(buf, size, format, arguments);
     va_end(arguments);
+    // What a failed call leaves in the buffer is unspecified, and callers go on to use it as text.
     if (iLength < 0 && size > 0) {
         buf[0] = '\0';
     }

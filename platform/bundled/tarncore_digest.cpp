@@ -49,7 +49,7 @@ int MD5_StrResultConvert(const char *hex32, void *out16) {
     }
     const bool bDigits =
         hex32 != nullptr && strnlen(hex32, kMD5Digits + 1) == kMD5Digits && DecodeHex({hex32, kMD5Digits}, out16);
-    if (!bDigits) {
+    if (!bDigits) { // callers store the bytes without asking for the result
         std::memset(out16, 0, kMD5Bytes);
     }
     return bDigits ? 1 : 0;

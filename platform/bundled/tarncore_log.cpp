@@ -127,8 +127,9 @@ __attribute__((destructor)) void CloseLogger() noexcept {
 }
 
 CLogger::CLogger() noexcept {
-    // A child must not inherit a mutex that a thread it does not have was holding. A signal handler that forks in the
-    // middle of the logger would wait for itself: it forks without.
+    // A child must not inherit a mutex that a thread it does not have was holding, so the mutex is held across a fork.
+    // A signal handler that forks in the middle of the logger would wait for itself; such a fork goes without the
+    // mutex.
     static thread_local bool t_bLocked = false;
     const auto lock = [] {
         if ((t_bLocked = !t_bInLogger)) {

@@ -39,11 +39,12 @@ int CopyDecoded(std::string_view text, unsigned char *out, int outLen) {
     if (text.empty()) {
         return -1;
     }
-    CSecretBytes bytes(text.size() / 2);
+    CSecretBytes bytes(text.size() / 2); // not the caller's buffer, which may be shorter
     if (!DecodeHex(text, bytes.Data())) {
         return -1;
     }
     const size_t nDecoded = text.size() / 2;
+    // A longer value is cut and not refused: the caller says how many bytes it wants.
     const int nCopied = static_cast<int>(std::min(nDecoded, static_cast<size_t>(outLen)));
     std::memcpy(out, bytes.Data(), static_cast<size_t>(nCopied));
     return nCopied;
@@ -63,7 +64,8 @@ int ReadValue(const char *section, const char *name, unsigned char *out, int out
                      kFunction, szPath, static_cast<unsigned>(mode));
         return -1;
     }
-    // By its path once more: whoever could put another file there in between could have put it there before.
+    // The reader opens the file a second time by its path. That gives nothing away: whoever can exchange the file in
+    // between could have done so before the check.
     const std::unique_ptr<void, decltype(&ini_file_free)> ini(
         eFile == EKeyFile::Private ? ini_file_load(szPath) : nullptr, &ini_file_free);
     if (ini == nullptr) {
