@@ -24,7 +24,7 @@ uint32_t CIdentity::Open(const _DBConfig &config, const std::string &strCacheTab
         TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] the identity key cannot be used: %s", strError.c_str());
         return TARN_E_FAIL;
     }
-    if (TableCreateCheckRebuild(&m_table) != TARN_OK || m_table.FollowDeletions(strCacheTable) != 0) {
+    if (m_table.Make() != TARN_OK || m_table.FollowDeletions(strCacheTable) != 0) {
         TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] Create Table %s failed.", m_table.m_strTableName.c_str());
         return TARN_E_FAIL;
     }
@@ -33,7 +33,7 @@ uint32_t CIdentity::Open(const _DBConfig &config, const std::string &strCacheTab
 
 void CIdentity::OpenForReading(const _DBConfig &config) {
     std::string strError;
-    m_bHasKey = m_key.Load(KeyPath(config), false, strError) && m_table.OpenExisting() == 0;
+    m_bHasKey = m_key.Load(KeyPath(config), false, strError) && m_table.IsThere();
     if (!m_bHasKey) {
         TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] no record can be confirmed, so none answers: %s",
                     strError.empty() ? "there are no identity codes" : strError.c_str());

@@ -140,8 +140,7 @@ size_t CDataBaseAgent::WriteBatch() {
 bool CDataBaseAgent::InsertRecord(_CacheRecord &record) {
     uint32_t ulResult = m_pCacheTable->InsertRecord(&record);
     if (ulResult == 0 && m_pProtection != nullptr) {
-        _IdentityRecord identity = {record.liFilePathHash, record.code};
-        ulResult = m_pProtection->m_identity.m_table.InsertRecord(&identity);
+        ulResult = m_pProtection->m_identity.m_table.Put(record.liFilePathHash, record.code);
     }
     if (ulResult != 0) {
         TARN_LOG_AS(ELogLevel::Error, "DoBatchWriteJobs", "[%s]InsertRecord failed with error code = %u", ulResult);

@@ -6,25 +6,25 @@
 #ifndef TARN_TABLES_IDENTITYTABLE_H
 #define TARN_TABLES_IDENTITYTABLE_H
 
-#include "tables/xdatatable.h"
+#include "tables/schema.h"
 #include "util/cache_record.h"
 
-struct _IdentityRecord {
-    int64_t liFilePathHash; // FPH, the key; the row's number, so that a row costs about 30 bytes
-    IdentityCode code;      // IC
-};
-
-class TARN_API CIdentityTable : public CTableBase<_IdentityRecord> {
+// Less than the other tables: nobody asks it for a single code, see CCacheTable::QueryRecordAndCode.
+class TARN_API CIdentityTable : public CTableSchema {
   public:
-    explicit CIdentityTable(sqlite3 *pDB = nullptr);
-    virtual ~CIdentityTable();
+    // FPH, the key, is the row's own number, so that a row costs about 30 bytes; IC is the code.
+    explicit CIdentityTable(sqlite3 *pDB);
+    CIdentityTable(const CIdentityTable &) = delete;
+    CIdentityTable &operator=(const CIdentityTable &) = delete;
+    ~CIdentityTable() { FinalizeStatements(); }
 
-    void RegisterSQLs();
-
-    [[nodiscard]] uint32_t InsertRecord(_IdentityRecord *pRecord) override;
-    // A stored code of another length counts as none: 101.
-    [[nodiscard]] uint32_t QueryRecord(_IdentityRecord *pRecord) override;
-    [[nodiscard]] uint32_t DeleteRecord(_IdentityRecord *pRecord) override;
+    // Makes the table where it is missing, and anew where its schema differs, which only costs misses. TARN_OK;
+    // TARN_E_FAIL (logged).
+    [[nodiscard]] uint32_t Make();
+    // Whether it is there as expected.
+    [[nodiscard]] bool IsThere() const { return __implCheckIntegrity(m_pDB, m_strCheckSQL, m_strCreateSQL) == 0; }
+    // Replaces the code of this key. 0 or the SQLite code.
+    [[nodiscard]] uint32_t Put(int64_t liFilePathHash, const IdentityCode &code);
 
     // Lets every deletion from the cache table on this connection, whatever its kind, take the codes with it, in the
     // same transaction. The trigger lives in the connection alone; the file does not hold it. 0, or 1 (logged).
