@@ -6,8 +6,9 @@
 
 namespace {
 
-std::string NoCacheText(const CInstallRoot &root) {
-    return "there is no cache in " + EscapeName(root.Path()) + " yet; the first scan makes one";
+std::string UnreadableText(const CInstallRoot &root, uint32_t ulCode) {
+    return "the cache in " + EscapeName(root.CacheFolder()) + " cannot be read (" + LocalCacheErrorText(ulCode) +
+           "): it belongs to another user or is damaged; TARN_LOG_LEVEL=debug tells which";
 }
 
 } // namespace
@@ -18,30 +19,18 @@ CCacheUse::~CCacheUse() {
     }
 }
 
-bool CCacheUse::StartForQuestions(const CInstallRoot &root, std::string &strError) {
-    root.ExportToLibrary();
-    const uint32_t ulCode = root.IsSetUp() ? LocalCacheInitReader() : TARN_NOT_CACHED;
+bool CCacheUse::Start(const CInstallRoot &root, ECacheUse eUse, std::string &strError) {
+    const bool bQuestions = eUse == ECacheUse::Questions;
+    uint32_t ulCode = TARN_NOT_CACHED;
+    if (root.IsSetUp()) {
+        root.ExportToLibrary();
+        ulCode = bQuestions ? LocalCacheInitReader() : LocalCacheInitEx();
+    }
     m_bStarted = ulCode == TARN_OK;
     if (ulCode == TARN_NOT_CACHED) {
-        strError = NoCacheText(root);
+        strError = "there is no cache in " + EscapeName(root.Path()) + " yet; the first scan makes one";
     } else if (!m_bStarted) {
-        strError = "the cache in " + EscapeName(root.CacheFolder()) + " cannot be read (" +
-                   LocalCacheErrorText(ulCode) +
-                   "): it belongs to another user or is damaged; TARN_LOG_LEVEL=debug tells which";
-    }
-    return m_bStarted;
-}
-
-bool CCacheUse::StartForDeletions(const CInstallRoot &root, std::string &strError) {
-    if (!root.IsSetUp()) {
-        strError = NoCacheText(root);
-        return false;
-    }
-    root.ExportToLibrary();
-    const uint32_t ulCode = LocalCacheInitEx();
-    m_bStarted = ulCode == TARN_OK;
-    if (!m_bStarted) {
-        strError = StartFailureText(root, ulCode);
+        strError = bQuestions ? UnreadableText(root, ulCode) : StartFailureText(root, ulCode);
     }
     return m_bStarted;
 }

@@ -7,20 +7,21 @@
 #include <cstdint>
 #include <string>
 
+enum class ECacheUse {
+    Questions, // changes nothing in the installation folder, needs no free space there and works beside a scan
+    Deletions, // answers as well
+};
+
 // Never sets an installation folder up. Ends the use of the cache when it goes.
 class CCacheUse {
   public:
-    CCacheUse() = default;
     CCacheUse(const CCacheUse &) = delete;
     CCacheUse &operator=(const CCacheUse &) = delete;
+    CCacheUse() = default;
     ~CCacheUse();
 
-    // For questions alone: changes nothing in the installation folder, needs no free space there and works beside a
-    // scan. False when there is no cache or it cannot be read, with the reason in strError.
-    bool StartForQuestions(const CInstallRoot &root, std::string &strError);
-
-    // For deletions as well. False when there is no cache or it does not start, with the reason in strError.
-    bool StartForDeletions(const CInstallRoot &root, std::string &strError);
+    // Call it once. False when there is no cache or it cannot be used so, with the reason in strError.
+    bool Start(const CInstallRoot &root, ECacheUse eUse, std::string &strError);
 
   private:
     bool m_bStarted = false;

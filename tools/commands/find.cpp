@@ -1,18 +1,25 @@
-#include "tools/commands/find.h"
-
-#include "tools/cache/cache_use.h"
 #include "tools/cache/file_search.h"
-#include "tools/cache/install_root.h"
+#include "tools/commands/commands.h"
 #include "tools/scan/stopwatch.h"
 #include "tools/text/json_output.h"
 #include "tools/text/md5_list.h"
 #include "tools/text/text.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <unistd.h>
 
 namespace {
+
+struct _FindOptions {
+    std::vector<std::string> vecMD5; // "-" stands for a list on standard input
+    std::string strRoot;
+    bool bJson = false;
+    bool bNullSeparated = false; // paths alone, each ended by a NUL
+};
 
 // Shows on a terminal that the search goes on, and where.
 class CSearchProgress {
@@ -83,7 +90,22 @@ std::string TextLines(const _FoundDigest &found, bool bNullSeparated) {
     return strLines;
 }
 
-} // namespace
+EExitStatus FindAll(const std::vector<std::string> &vecMD5, const _FindOptions &options) {
+    std::string strError;
+    std::vector<_FoundDigest> vecFound;
+    if (!FindWithProgress(vecMD5, vecFound, strError)) {
+        return Fail(strError);
+    }
+    EExitStatus eStatus = EExitStatus::Success;
+    std::string strOutput;
+    for (const _FoundDigest &found : vecFound) {
+        strOutput += options.bJson ? JsonText(found) : TextLines(found, options.bNullSeparated);
+        if (!found.HasUnchangedFile()) {
+            eStatus = EExitStatus::Attention;
+        }
+    }
+    return FinishWith(strOutput, eStatus);
+}
 
 EExitStatus RunFind(const _FindOptions &options) {
     std::string strError;
@@ -96,19 +118,19 @@ EExitStatus RunFind(const _FindOptions &options) {
     if (vecMD5.empty()) {
         return EExitStatus::Success;
     }
-    const CInstallRoot root(options.strRoot);
-    CCacheUse cache;
-    std::vector<_FoundDigest> vecFound;
-    if (!cache.StartForQuestions(root, strError) || !FindWithProgress(vecMD5, vecFound, strError)) {
-        return Fail(strError);
-    }
-    EExitStatus eStatus = EExitStatus::Success;
-    std::string strOutput;
-    for (const _FoundDigest &found : vecFound) {
-        strOutput += options.bJson ? JsonText(found) : TextLines(found, options.bNullSeparated);
-        if (!found.HasUnchangedFile()) {
-            eStatus = EExitStatus::Attention;
-        }
-    }
-    return FinishWith(strOutput, eStatus);
+    return WithCache(options.strRoot, ECacheUse::Questions,
+                     [&](const CInstallRoot &) { return FindAll(vecMD5, options); });
+}
+
+} // namespace
+
+_Command AddFind(CLI::App &app) {
+    const auto pOptions = std::make_shared<_FindOptions>();
+    CLI::App *pLine =
+        AddCommandLine(app, "find", "Find the files on this machine that carry these MD5s", pOptions->strRoot);
+    AddMD5s(pLine, pOptions->vecMD5);
+    pLine->add_flag("--json", pOptions->bJson, "One JSON object a line");
+    pLine->add_flag("--null,-0", pOptions->bNullSeparated, "Only the paths, each ended by a NUL byte");
+    pLine->footer("Exit status: 0 files found for every MD5, 1 not for all, 2 errors.");
+    return {pLine, [pOptions] { return RunFind(*pOptions); }};
 }

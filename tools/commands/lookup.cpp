@@ -1,15 +1,22 @@
-#include "tools/commands/lookup.h"
-
-#include "tools/cache/cache_use.h"
 #include "tools/cache/verdict_record.h"
+#include "tools/commands/commands.h"
 #include "tools/text/json_output.h"
 #include "tools/text/path_argument.h"
 #include "tools/text/text.h"
 
+#include <CLI/CLI.hpp>
+
 #include <array>
 #include <cstring>
+#include <memory>
 
 namespace {
+
+struct _LookupOptions {
+    std::vector<std::string> vecPaths;
+    std::string strRoot;
+    bool bJson = false;
+};
 
 struct _Known {
     uint32_t ulState = TARN_PEEK_UNKNOWN;
@@ -57,15 +64,7 @@ uint32_t LookUp(const std::string &strPath, _Known &known) {
     return LocalCachePeek(strPath.c_str(), known.md5.data(), &known.record, &known.ulState);
 }
 
-} // namespace
-
-EExitStatus RunLookup(const _LookupOptions &options) {
-    const CInstallRoot root(options.strRoot);
-    std::string strError;
-    CCacheUse cache;
-    if (!cache.StartForQuestions(root, strError)) {
-        return Fail(strError);
-    }
+EExitStatus LookUpAll(const CInstallRoot &root, const _LookupOptions &options) {
     const std::string strPending = PendingText(root);
     if (!strPending.empty()) {
         PrintMessage(strPending);
@@ -88,4 +87,18 @@ EExitStatus RunLookup(const _LookupOptions &options) {
         }
     }
     return FinishWith(strOutput, eStatus);
+}
+
+} // namespace
+
+_Command AddLookup(CLI::App &app) {
+    const auto pOptions = std::make_shared<_LookupOptions>();
+    CLI::App *pLine = AddCommandLine(app, "lookup", "Tell what the cache knows of files", pOptions->strRoot);
+    pLine->add_option("PATH", pOptions->vecPaths, "Files")->required()->type_name("");
+    pLine->add_flag("--json", pOptions->bJson, "One JSON object a line");
+    pLine->footer("Exit status: 0 all known and unchanged, 1 some are not, 2 errors.");
+    return {pLine, [pOptions] {
+                return WithCache(pOptions->strRoot, ECacheUse::Questions,
+                                 [&](const CInstallRoot &root) { return LookUpAll(root, *pOptions); });
+            }};
 }

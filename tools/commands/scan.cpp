@@ -1,11 +1,16 @@
-#include "tools/commands/scan.h"
-
 #include "tools/cache/install_root.h"
 #include "tools/cache/session.h"
+#include "tools/commands/commands.h"
+#include "tools/engine/scan_engine.h"
 #include "tools/engine/signature_set.h"
 #include "tools/engine/temporary_folder.h"
 #include "tools/scan/interrupt.h"
+#include "tools/scan/report.h"
+#include "tools/scan/run.h"
 #include "tools/scan/stopwatch.h"
+#include "tools/text/path_argument.h"
+
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <memory>
@@ -13,6 +18,16 @@
 #include <thread>
 
 namespace {
+
+struct _ScanOptions {
+    _ScanTargets targets;
+    _ScanLimits limits;
+    _ReportOptions report;
+    std::string strRoot;
+    std::string strDatabase; // of signatures; empty: the system's, else the program's own
+    unsigned nThreads = 0;   // 0: one for each processor that this process may use
+    bool bNoCache = false;
+};
 
 unsigned ProcessorCount() {
     cpu_set_t processors = {};
@@ -144,8 +159,72 @@ EExitStatus CScanCommand::Status() const {
     return m_counters.nErrors != 0 || m_report.IsIncomplete() ? EExitStatus::Failure : EExitStatus::Success;
 }
 
+EExitStatus RunScan(_ScanOptions &options) {
+    if (options.targets.vecPaths.empty() && options.targets.strFileList.empty()) {
+        return Fail("scan: nothing to scan; give a PATH or --file-list");
+    }
+    for (std::string &strGlob : options.targets.vecExclude) {
+        strGlob = AbsoluteGlob(strGlob);
+    }
+    return CScanCommand(options).Run();
+}
+
+void AddTargets(CLI::App *pLine, _ScanTargets &targets) {
+    pLine->add_option("PATH", targets.vecPaths, "Files and folders; a PATH that is a link stands for its target")
+        ->type_name("");
+    pLine
+        ->add_option("--exclude", targets.vecExclude,
+                     "Skip what matches, by whole path or by any name in it; may be repeated")
+        ->type_name("GLOB")
+        ->allow_extra_args(false);
+    pLine->add_option("--file-list,-f", targets.strFileList, "Scan the paths in FILE, one a line; - is standard input")
+        ->type_name("FILE");
+    pLine->add_flag("--null,-0", targets.bNullSeparated, "The file list is separated by NUL bytes");
+}
+
+void AddReport(CLI::App *pLine, _ReportOptions &report) {
+    pLine->add_flag("--verbose,-v", report.bVerbose, "Report clean files too");
+    pLine->add_flag("--infected,-i", report.bInfectedOnly, "Report infected files only, no errors");
+    pLine->add_flag("--quiet,-q", report.bQuiet, "No summary, no progress, no remarks");
+    pLine->add_flag("--json", report.bJson, "One JSON object a line: reported files, then the summary");
+}
+
+// A size in bytes, or "100M" and the like in units of 1024. Its value at this moment is the default that help shows.
+void AddSize(CLI::App *pLine, const std::string &strName, uint64_t &ullBytes, const std::string &strHelp) {
+    CLI::Validator size = CLI::AsSizeValue(false);
+    pLine->add_option(strName, ullBytes, strHelp)
+        ->transform(size.description(""))
+        ->type_name("SIZE")
+        ->default_str(std::to_string(ullBytes >> 20U) + "M");
+}
+
+void AddLimits(CLI::App *pLine, _ScanLimits &limits) {
+    AddSize(pLine, "--max-filesize", limits.ullMaxFileSize,
+            "Do not scan files larger than this (0: only the engine's own limit of 2 GiB)");
+    AddSize(pLine, "--max-scansize", limits.ullMaxScanSize, "Unpack at most this much from one file (0: no limit)");
+    pLine->add_option("--max-scantime", limits.ulMaxScanTime, "Seconds for one file, 0 for no limit")
+        ->check(CLI::Range(0u, 86400u).description(""))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+}
+
 } // namespace
 
-EExitStatus RunScan(const _ScanOptions &options) {
-    return CScanCommand(options).Run();
+_Command AddScan(CLI::App &app) {
+    const auto pOptions = std::make_shared<_ScanOptions>();
+    CLI::App *pLine = AddCommandLine(app, "scan", "Scan files and folders; unchanged files are answered from the cache",
+                                     pOptions->strRoot);
+    pLine
+        ->add_option("--database,-d", pOptions->strDatabase,
+                     "Signature file or folder of signature files; another set than last time "
+                     "drops the verdicts in this cache (not with --no-cache)")
+        ->type_name("PATH");
+    pLine->add_option("--threads,-t", pOptions->nThreads, "Worker threads (default: the processors of this process)")
+        ->check(CLI::Range(1u, 1024u).description(""));
+    AddTargets(pLine, pOptions->targets);
+    pLine->add_flag("--no-cache", pOptions->bNoCache, "Neither ask nor fill the cache");
+    AddReport(pLine, pOptions->report);
+    AddLimits(pLine, pOptions->limits);
+    pLine->footer("Exit status: 0 clean, 1 infected files found, 2 errors and nothing infected, 130 interrupted.");
+    return {pLine, [pOptions] { return RunScan(*pOptions); }};
 }

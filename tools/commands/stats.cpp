@@ -1,13 +1,18 @@
-#include "tools/commands/stats.h"
-
-#include "tools/cache/cache_use.h"
-#include "tools/cache/install_root.h"
+#include "tools/commands/commands.h"
 #include "tools/text/json_output.h"
 #include "tools/text/text.h"
 
+#include <CLI/CLI.hpp>
 #include <tarncache.h>
 
+#include <memory>
+
 namespace {
+
+struct _StatsOptions {
+    std::string strRoot;
+    bool bJson = false;
+};
 
 std::string StatsJson(const CInstallRoot &root, uint64_t ullRecords) {
     Json object;
@@ -24,20 +29,24 @@ std::string StatsText(const CInstallRoot &root, uint64_t ullRecords) {
     return strPending.empty() ? strText : strText + "Pending:             " + strPending + "\n";
 }
 
-} // namespace
-
-EExitStatus RunStats(const _StatsOptions &options) {
-    const CInstallRoot root(options.strRoot);
-    std::string strError;
-    CCacheUse cache;
-    if (!cache.StartForQuestions(root, strError)) {
-        return Fail(strError);
-    }
+EExitStatus ShowStats(const CInstallRoot &root, bool bJson) {
     _LOCAL_CACHE_INFO info = {};
     info.size = sizeof info;
     if (const uint32_t ulCode = LocalCacheGetInfo(&info); ulCode != TARN_OK) {
         return Fail(std::string("cannot count the records: ") + LocalCacheErrorText(ulCode));
     }
-    return FinishWith(options.bJson ? StatsJson(root, info.ullRecords) : StatsText(root, info.ullRecords),
+    return FinishWith(bJson ? StatsJson(root, info.ullRecords) : StatsText(root, info.ullRecords),
                       EExitStatus::Success);
+}
+
+} // namespace
+
+_Command AddStats(CLI::App &app) {
+    const auto pOptions = std::make_shared<_StatsOptions>();
+    CLI::App *pLine = AddCommandLine(app, "stats", "Count the records of the cache", pOptions->strRoot);
+    pLine->add_flag("--json", pOptions->bJson, "One JSON object");
+    return {pLine, [pOptions] {
+                return WithCache(pOptions->strRoot, ECacheUse::Questions,
+                                 [&](const CInstallRoot &root) { return ShowStats(root, pOptions->bJson); });
+            }};
 }

@@ -1,21 +1,29 @@
-#include "tools/commands/withdraw.h"
-
 #include "formats/update_list.h"
 #include "tools/cache/atomic_file.h"
 #include "tools/cache/business_key.h"
 #include "tools/cache/file_lock.h"
 #include "tools/cache/install_root.h"
 #include "tools/cache/withdrawn_list.h"
+#include "tools/commands/commands.h"
 #include "tools/text/md5_list.h"
 #include "tools/text/text.h"
+
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 
 namespace {
+
+struct _WithdrawOptions {
+    std::string strRoot;
+    std::string strVersion; // of the engine update
+    std::string strList;    // a file; empty and "-" stand for standard input
+};
 
 constexpr size_t kLongestVersion = kVersionIdSize - 1; // bytes; the cache cuts more
 constexpr std::string_view kVersionName = "tarncache:";
@@ -74,8 +82,6 @@ bool LeaveList(const CInstallRoot &root, const std::string &strVersion, const st
            WriteFileAtomically(root.HashMarker(), "", 0600, EExisting::Replace, strError);
 }
 
-} // namespace
-
 EExitStatus RunWithdraw(const _WithdrawOptions &options) {
     if (options.strVersion.empty() || options.strVersion.size() > kLongestVersion ||
         options.strVersion.find_first_of("\r\n") != std::string::npos) {
@@ -107,4 +113,17 @@ EExitStatus RunWithdraw(const _WithdrawOptions &options) {
     }
     return FinishWith("Digests to withdraw at the next scan: " + std::to_string(vecMD5.size()) + "\n",
                       EExitStatus::Success);
+}
+
+} // namespace
+
+_Command AddWithdraw(CLI::App &app) {
+    const auto pOptions = std::make_shared<_WithdrawOptions>();
+    CLI::App *pLine = AddCommandLine(
+        app, "withdraw", "Leave a list of MD5s whose verdicts the next scan drops (updater's side)", pOptions->strRoot);
+    pLine->add_option("--engine-version", pOptions->strVersion, "Version of the engine update, at most 99 bytes")
+        ->type_name("TEXT")
+        ->required();
+    pLine->add_option("LIST", pOptions->strList, "File with one MD5 a line (default: standard input)")->type_name("");
+    return {pLine, [pOptions] { return RunWithdraw(*pOptions); }};
 }
