@@ -11,6 +11,7 @@
 constexpr char kConfigPath[] = "@/../config/tarncfg.ini";
 constexpr char kBusinessValuesPath[] = "@/../config/business.ini";
 constexpr char kDatabaseDir[] = "@/../engine/cache/";
+constexpr char kDatabaseName[] = "morcache.db"; // unless the configuration names another
 
 // What an updater leaves for the next start of the cache. The markers' existence is the message.
 constexpr char kEngineMarkerName[] = "clean_engine_flag";
@@ -35,5 +36,10 @@ constexpr char kConfigFolder[] = "config";
 constexpr char kEngineFolder[] = "engine";
 constexpr char kCacheFolder[] = "engine/cache";
 constexpr char kUpdateFolder[] = "engine/kelmorehash";
+
+// The program's own files, counted from the installation folder too.
+constexpr char kSignatureIdFile[] = "engine/signatures.id";
+constexpr char kScanLockFile[] = "engine/scan.lock";     // held by the scan that uses the cache
+constexpr char kUpdateLockFile[] = "engine/update.lock"; // held while markers are left or consumed
 
 #endif

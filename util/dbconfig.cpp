@@ -17,7 +17,6 @@ namespace {
 
 constexpr char kLogSource[] = "dbconfig";
 constexpr char kSection[] = "cacheeng";
-constexpr char kDefaultName[] = "morcache.db";
 constexpr char kReadFunction[] = "ReadDBConfig"; // both ways of reading log in its name
 // The search bit is left out on purpose: a folder made here serves root alone, who needs none. For any other user the
 // one who installs makes the folder.
@@ -86,10 +85,10 @@ void ReadKeys(_DBConfig &config, void *pIni, const char *pszConfigPath) {
     const char *pszName = ini_file_get(pIni, kSection, "dbname");
     if (pszName == nullptr) {
         TARN_LOG_DEBUG_AS(kReadFunction, "[%s][cache] get key:%s from config:%s failed.", "dbname", pszConfigPath);
-        pszName = kDefaultName;
+        pszName = kDatabaseName;
     }
     if (*pszName == '\0') {
-        pszName = kDefaultName; // an empty name would make the folder itself the database, and a rebuild delete it
+        pszName = kDatabaseName; // an empty name would make the folder itself the database, and a rebuild delete it
     }
     str_snprintf(config.szDBName, sizeof config.szDBName, "%s", pszName);
     SetDefaults(config);

@@ -39,8 +39,8 @@ std::string StartFailureText(const CInstallRoot &root, uint32_t ulCode) {
     const std::string strFolder = EscapeName(root.CacheFolder());
     return std::string("the cache does not start (") + LocalCacheErrorText(ulCode) + "): " + strFolder +
            " cannot be written to, its disk is nearly full (diskthreshold in " + EscapeName(root.ConfigFile()) +
-           "), its database is in use by another process, or it is damaged: then delete " + strFolder +
-           "/morcache.db while nothing uses it, the files are scanned once more; TARN_LOG_LEVEL=debug tells which";
+           "), its database is in use by another process, or it is damaged: then delete " + strFolder + "/" +
+           kDatabaseName + " while nothing uses it, the files are scanned once more; TARN_LOG_LEVEL=debug tells which";
 }
 
 std::string PendingText(const CInstallRoot &root) {

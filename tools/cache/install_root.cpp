@@ -50,8 +50,11 @@ std::string UserFolder() {
 }
 
 bool IsUsablePrefix(const std::string &strPrefix) {
-    return !strPrefix.empty() && access((strPrefix + "/config/tarncfg.ini").c_str(), R_OK | W_OK) == 0 &&
-           access((strPrefix + "/config").c_str(), W_OK) == 0 && access((strPrefix + "/engine").c_str(), W_OK) == 0;
+    const auto allows = [&](const char *pszName, int iAccess) {
+        return access((strPrefix + "/" + pszName).c_str(), iAccess) == 0;
+    };
+    return !strPrefix.empty() && allows(FromRoot(kConfigPath), R_OK | W_OK) && allows(kConfigFolder, W_OK) &&
+           allows(kEngineFolder, W_OK);
 }
 
 bool MakeFolder(const std::string &strPath, mode_t mode, std::string &strError) {
@@ -126,7 +129,7 @@ CInstallRoot::CInstallRoot(const std::string &strOption) {
 
 void CInstallRoot::ExportToLibrary() const {
     if (!m_bFromEnvironment) {
-        (void)setenv("TARN_INSTALL_DIR", Below("lib").c_str(), 1);
+        (void)setenv("TARN_INSTALL_DIR", Below(kLibraryFolder).c_str(), 1);
     }
 }
 
@@ -145,7 +148,7 @@ bool CInstallRoot::Prepare(std::string &strError) const {
 }
 
 bool CInstallRoot::IsSetUp() const {
-    return Exists(ConfigFile()) && Exists(Below("engine"));
+    return Exists(ConfigFile()) && Exists(Below(kEngineFolder));
 }
 
 bool CInstallRoot::IsListPending() const {

@@ -36,9 +36,9 @@ class CInstallRoot {
     // True when digests wait to be withdrawn. A marker without its list is never consumed, so it does not count.
     bool IsListPending() const;
 
-    std::string SignatureId() const { return Below("engine/signatures.id"); }
-    std::string ScanLock() const { return Below("engine/scan.lock"); }     // held by the scan that uses the cache
-    std::string UpdateLock() const { return Below("engine/update.lock"); } // held while markers are left or consumed
+    std::string SignatureId() const { return Below(kSignatureIdFile); }
+    std::string ScanLock() const { return Below(kScanLockFile); }
+    std::string UpdateLock() const { return Below(kUpdateLockFile); }
     std::string ConfigFile() const { return Below(FromRoot(kConfigPath)); }
     std::string KeyFile() const { return Below(FromRoot(kBusinessValuesPath)); }
 
