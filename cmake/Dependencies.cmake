@@ -9,17 +9,15 @@ pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 
 # support/, the base services, the program and the benchmarks
 pkg_check_modules(NETTLE REQUIRED IMPORTED_TARGET nettle)
-if(TARN_BUNDLED_PLATFORM OR TARN_BUILD_TOOLS)
-  find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h REQUIRED)
-  add_library(SimpleIni::SimpleIni INTERFACE IMPORTED)
-  set_target_properties(SimpleIni::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")
-endif()
 if(TARN_BUNDLED_PLATFORM OR TARN_BUILD_TESTS)
   find_package(ZLIB REQUIRED)
 endif()
 
 # the base services: our own, or those of the product
 if(TARN_BUNDLED_PLATFORM)
+  find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h REQUIRED)
+  add_library(SimpleIni::SimpleIni INTERFACE IMPORTED)
+  set_target_properties(SimpleIni::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")
   find_package(spdlog 1.10 REQUIRED)
   pkg_check_modules(LIBUV REQUIRED IMPORTED_TARGET libuv)
 else()

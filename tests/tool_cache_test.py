@@ -92,6 +92,17 @@ class CacheTest(ToolTest):
         key.write_text(right)
         self.assertEqual(self.scan(CLEAN)[1]["scanned"], 1)
 
+    def test_key_is_added_to_a_file_that_is_shared(self):
+        self.scan(CLEAN)
+        key = self.root / "config/business.ini"
+        others = b"\xef\xbb\xbf; ours\r\nno entry\n[avscan]\nother = 1\n[AVSCAN]; again\n\n[x"
+        key.write_bytes(others)
+        key.chmod(0o400)
+        self.assertEqual(self.run_tool("withdraw", "--engine-version", "1", text=md5(f"{CLEAN}/ssl.h").encode())[0], 0)
+        self.assertRegex(key.read_bytes().removeprefix(others), rb"^\n\[avscan\]\nmor_secret=[0-9a-f]{28}\n$")
+        self.assertEqual(stat.S_IMODE(key.stat().st_mode), 0o400)
+        self.assertEqual(self.scan(CLEAN)[1]["scanned"], 1, "the cache reads the same key")
+
     def test_scans_and_updaters_wait_or_keep_out_of_the_way(self):
         self.scan(CLEAN)
         with open(self.root / "engine/scan.lock", "w") as lock:

@@ -11,7 +11,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <strings.h>
 #include <vector>
@@ -56,30 +57,26 @@ int ReadValue(const char *section, const char *name, unsigned char *out, int out
         error_output(kLevelError, kSource, __LINE__, "[%s]path of %s is too long", kFunction, kBusinessValuesPath);
         return -1;
     }
-    CDescriptor file;
+    std::string strText;
     mode_t mode = 0;
-    const EKeyFile eFile = OpenKeyFile(szPath, file, mode);
+    const EKeyFile eFile = LoadKeyFile(szPath, strText, mode);
     if (eFile == EKeyFile::Shared) {
         error_output(kLevelError, kSource, __LINE__, "[%s]%s is refused: group or others may access it (mode %04o)",
                      kFunction, szPath, static_cast<unsigned>(mode));
         return -1;
     }
-    // The reader opens the file a second time by its path. That gives nothing away: whoever can exchange the file in
-    // between could have done so before the check.
-    const std::unique_ptr<void, decltype(&ini_file_free)> ini(
-        eFile == EKeyFile::Private ? ini_file_load(szPath) : nullptr, &ini_file_free);
-    if (ini == nullptr) {
+    if (eFile == EKeyFile::Unreadable) {
         error_output(kLevelError, kSource, __LINE__, "[%s]cannot read %s: %s", kFunction, szPath,
                      strerrordesc_np(errno));
         return -1;
     }
-    const char *pszValue = ini_file_get(ini.get(), section, name);
-    if (pszValue == nullptr) {
+    const std::optional<std::string_view> value = FindBusinessValue(strText, section, name);
+    if (!value.has_value()) {
         error_output(kLevelError, kSource, __LINE__, "[%s]no value %s in section %s of %s", kFunction, name, section,
                      szPath);
         return -1;
     }
-    const int nCopied = CopyDecoded(pszValue, out, outLen);
+    const int nCopied = CopyDecoded(*value, out, outLen);
     if (nCopied < 0) {
         error_output(kLevelError, kSource, __LINE__, "[%s]value %s in section %s of %s is not hexadecimal", kFunction,
                      name, section, szPath);

@@ -5,45 +5,20 @@
 #include "tools/cache/atomic_file.h"
 #include "tools/text/text.h"
 
-#define SI_NO_CONVERSION
-#define SI_IMPLEMENTATION
-#include <SimpleIni.h>
-
 #include <cerrno>
 #include <sys/random.h>
 
 namespace {
 
-constexpr size_t kLargestFile = 1U << 20; // bytes
-
 // A missing file is an empty one; any other trouble is a failure.
 bool LoadText(const std::string &strPath, std::string &strText, std::string &strError) {
-    CDescriptor file;
     mode_t mode = 0;
-    const EKeyFile eFile = OpenKeyFile(strPath.c_str(), file, mode);
-    if (eFile == EKeyFile::Shared) {
-        strError = EscapeName(strPath) + " is open to other users; it has to have mode 0600";
-        return false;
-    }
-    if (eFile == EKeyFile::Unreadable && errno == ENOENT) {
+    const EKeyFile eFile = LoadKeyFile(strPath.c_str(), strText, mode);
+    if (eFile == EKeyFile::Private || (eFile == EKeyFile::Unreadable && errno == ENOENT)) {
         return true;
     }
-    const int iError = eFile == EKeyFile::Unreadable ? errno : LoadWholeFile(file, kLargestFile, strText);
-    if (iError != 0) {
-        strError = ReadFailure(strPath, iError);
-    }
-    return iError == 0;
-}
-
-bool LoadStore(const std::string &strPath, CSimpleIniA &store, std::string &strError) {
-    std::string strText;
-    if (!LoadText(strPath, strText, strError)) {
-        return false;
-    }
-    if (store.LoadData(strText.data(), strText.size()) >= 0) {
-        return true;
-    }
-    strError = EscapeName(strPath) + " is not an ini file";
+    strError = eFile == EKeyFile::Shared ? EscapeName(strPath) + " is open to other users; it has to have mode 0600"
+                                         : ReadFailure(strPath, errno);
     return false;
 }
 
@@ -63,34 +38,33 @@ bool RandomKey(std::string &strKey, std::string &strError) {
 } // namespace
 
 bool EnsureBusinessKey(const std::string &strPath, std::string &strError) {
-    CSimpleIniA store;
-    if (!LoadStore(strPath, store, strError)) {
+    std::string strText;
+    std::string strKey;
+    if (!LoadText(strPath, strText, strError)) {
         return false;
     }
-    if (store.GetValue(kKeySection, kKeyName) != nullptr) {
+    if (FindBusinessValue(strText, kKeySection, kKeyName).has_value()) {
         return true;
     }
-    std::string strKey;
     if (!RandomKey(strKey, strError)) {
         return false;
     }
-    std::string strText;
-    if (store.SetValue(kKeySection, kKeyName, HexText(strKey).c_str()) < 0 || store.Save(strText) < 0) {
-        strError = "cannot add a key to " + EscapeName(strPath);
-        return false;
-    }
+    // Added behind what is there, because the file is not this program's alone: every other byte of it stays.
+    strText += strText.empty() || strText.back() == '\n' ? "[" : "\n[";
+    strText += std::string(kKeySection) + "]\n" + kKeyName + "=" + HexText(strKey) + "\n";
     return WriteFileAtomically(strPath, strText, 0600, EExisting::Replace, strError);
 }
 
 bool ReadBusinessKey(const std::string &strPath, std::string &strKey, std::string &strError) {
-    CSimpleIniA store;
-    if (!LoadStore(strPath, store, strError)) {
+    std::string strText;
+    if (!LoadText(strPath, strText, strError)) {
         return false;
     }
-    const char *pszValue = store.GetValue(kKeySection, kKeyName);
-    if (pszValue != nullptr && FromHexText(pszValue, strKey) && strKey.size() == kKeySize) {
+    const std::string_view value = FindBusinessValue(strText, kKeySection, kKeyName).value_or("");
+    if (IsKeyText(value) && FromHexText(value, strKey)) {
         return true;
     }
-    strError = EscapeName(strPath) + " holds no 28 hexadecimal digits as " + kKeyName + " in section " + kKeySection;
+    strError = EscapeName(strPath) + " holds no " + std::to_string(2 * kKeySize) + " hexadecimal digits as " +
+               kKeyName + " in section " + kKeySection;
     return false;
 }
