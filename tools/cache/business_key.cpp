@@ -2,7 +2,7 @@
 
 #include "formats/business_values.h"
 #include "support/hex.h"
-#include "tools/cache/atomic_file.h"
+#include "tools/cache/small_file.h"
 #include "tools/text/text.h"
 
 #include <cerrno>
@@ -18,7 +18,7 @@ bool LoadText(const std::string &strPath, std::string &strText, std::string &str
         return true;
     }
     strError = eFile == EKeyFile::Shared ? EscapeName(strPath) + " is open to other users; it has to have mode 0600"
-                                         : ReadFailure(strPath, errno);
+                                         : ReadFailureText(strPath, errno);
     return false;
 }
 
@@ -52,7 +52,7 @@ bool EnsureBusinessKey(const std::string &strPath, std::string &strError) {
     // Added behind what is there, because the file is not this program's alone: every other byte of it stays.
     strText += strText.empty() || strText.back() == '\n' ? "[" : "\n[";
     strText += std::string(kKeySection) + "]\n" + kKeyName + "=" + HexText(strKey) + "\n";
-    return WriteFileAtomically(strPath, strText, 0600, EExisting::Replace, strError);
+    return WriteSmallFile(strPath, strText, 0600, EExisting::Replace, strError);
 }
 
 bool ReadBusinessKey(const std::string &strPath, std::string &strKey, std::string &strError) {

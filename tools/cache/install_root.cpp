@@ -1,8 +1,8 @@
 #include "tools/cache/install_root.h"
 
 #include "default_config.h" // made from config/tarncfg.ini
-#include "tools/cache/atomic_file.h"
 #include "tools/cache/business_key.h"
+#include "tools/cache/small_file.h"
 #include "tools/text/path_argument.h"
 #include "tools/text/text.h"
 
@@ -140,7 +140,7 @@ bool CInstallRoot::Prepare(std::string &strError) const {
             return false;
         }
     }
-    if (!Exists(ConfigFile()) && !WriteFileAtomically(ConfigFile(), kDefaultConfig, 0644, EExisting::Keep, strError)) {
+    if (!Exists(ConfigFile()) && !WriteSmallFile(ConfigFile(), kDefaultConfig, 0644, EExisting::Keep, strError)) {
         return false;
     }
     // Whoever reads a key file that is there tells what is wrong with it.

@@ -1,7 +1,7 @@
 #include "tools/cache/session.h"
 
-#include "tools/cache/atomic_file.h"
 #include "tools/cache/cache_use.h"
+#include "tools/cache/small_file.h"
 #include "tools/cache/verdict_record.h"
 #include "tools/cache/withdrawn_list.h"
 #include "tools/text/text.h"
@@ -21,9 +21,8 @@ constexpr uint64_t kLargestIdFile = 4096; // bytes
 bool DropOtherSignatures(const CInstallRoot &root, const std::string &strFingerprint, const _CacheListener &listener,
                          std::string &strError) {
     std::string strStored;
-    bool bMissing = false;
     std::string strIgnored; // an identity that cannot be read counts as another one
-    if (ReadWholeFile(root.SignatureId(), kLargestIdFile, strStored, bMissing, strIgnored) &&
+    if (ReadSmallFile(root.SignatureId(), kLargestIdFile, strStored, strIgnored) == EReadFile::Read &&
         strStored == strFingerprint + "\n") {
         return true;
     }
@@ -32,7 +31,7 @@ bool DropOtherSignatures(const CInstallRoot &root, const std::string &strFingerp
         strError = std::string("the verdicts of other signatures cannot be deleted: ") + LocalCacheErrorText(ulCode);
         return false;
     }
-    return WriteFileAtomically(root.SignatureId(), strFingerprint + "\n", 0600, EExisting::Replace, strError);
+    return WriteSmallFile(root.SignatureId(), strFingerprint + "\n", 0600, EExisting::Replace, strError);
 }
 
 // A lookup before the start-up work is done could still answer with a withdrawn verdict. A list of digests takes as
@@ -79,8 +78,7 @@ bool CheckPendingList(const CInstallRoot &root, const _CacheListener &listener, 
         return true;
     }
     std::string strDigests;
-    bool bMissing = false;
-    return ReadPendingList(root, strDigests, bMissing, strError);
+    return ReadPendingList(root, strDigests, strError) == EReadFile::Read;
 }
 
 } // namespace

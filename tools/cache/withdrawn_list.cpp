@@ -1,7 +1,6 @@
 #include "tools/cache/withdrawn_list.h"
 
 #include "formats/update_list.h"
-#include "tools/cache/atomic_file.h"
 #include "tools/cache/business_key.h"
 #include "tools/text/text.h"
 
@@ -32,11 +31,14 @@ void EncipherList(const std::string &strKey, std::string &strText) {
     });
 }
 
-bool ReadPendingList(const CInstallRoot &root, std::string &strDigests, bool &bMissing, std::string &strError) {
+EReadFile ReadPendingList(const CInstallRoot &root, std::string &strDigests, std::string &strError) {
+    const EReadFile eFile = ReadSmallFile(root.WithdrawnList(), kMaxUpdateListSize, strDigests, strError);
+    if (eFile != EReadFile::Read) {
+        return eFile;
+    }
     std::string strKey;
-    if (!ReadWholeFile(root.WithdrawnList(), kMaxUpdateListSize, strDigests, bMissing, strError) ||
-        !ReadBusinessKey(root.KeyFile(), strKey, strError)) {
-        return false;
+    if (!ReadBusinessKey(root.KeyFile(), strKey, strError)) {
+        return EReadFile::Failed;
     }
     EncipherList(strKey, strDigests);
     strDigests.resize(std::strlen(strDigests.c_str())); // a NUL ends the list
@@ -45,9 +47,9 @@ bool ReadPendingList(const CInstallRoot &root, std::string &strDigests, bool &bM
     strDigests.erase(0,
                      pszDigests == nullptr ? std::string::npos : static_cast<size_t>(pszDigests - strDigests.data()));
     if (HoldsDigest(strDigests.c_str())) {
-        return true;
+        return EReadFile::Read;
     }
     strError = EscapeName(root.WithdrawnList()) + " is pending and does not open with the key in " +
                EscapeName(root.KeyFile()) + "; put the right key there, or remove the list and withdraw again";
-    return false;
+    return EReadFile::Failed;
 }

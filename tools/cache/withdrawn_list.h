@@ -3,6 +3,7 @@
 #define TARN_TOOLS_CACHE_WITHDRAWN_LIST_H
 
 #include "tools/cache/install_root.h"
+#include "tools/cache/small_file.h"
 
 #include <string>
 
@@ -10,9 +11,8 @@
 void EncipherList(const std::string &strKey, std::string &strText);
 
 // Reads the pending list with the key in the installation folder; strDigests gets the lines behind the version line.
-// False with the reason in strError when there is none (bMissing), or when it holds no version line or not one
-// digest: with another key the text mostly looks like that, and the cache would either keep it for good or, by chance,
-// throw it away unused.
-bool ReadPendingList(const CInstallRoot &root, std::string &strDigests, bool &bMissing, std::string &strError);
+// It fails, with the reason in strError, also when the list holds no version line or not one digest: with another key
+// the text mostly looks like that.
+EReadFile ReadPendingList(const CInstallRoot &root, std::string &strDigests, std::string &strError);
 
 #endif

@@ -1,8 +1,8 @@
 #include "formats/update_list.h"
-#include "tools/cache/atomic_file.h"
 #include "tools/cache/business_key.h"
 #include "tools/cache/file_lock.h"
 #include "tools/cache/install_root.h"
+#include "tools/cache/small_file.h"
 #include "tools/cache/withdrawn_list.h"
 #include "tools/commands/commands.h"
 #include "tools/text/md5_list.h"
@@ -32,9 +32,9 @@ constexpr std::string_view kVersionName = "tarncache:";
 // that does not open or is not of this program's making: only the operator can tell then what it is.
 bool AddPending(const CInstallRoot &root, std::vector<std::string> &vecMD5, std::string &strError) {
     std::string strDigests;
-    bool bMissing = false;
-    if (!ReadPendingList(root, strDigests, bMissing, strError)) {
-        return bMissing;
+    const EReadFile eFile = ReadPendingList(root, strDigests, strError);
+    if (eFile != EReadFile::Read) {
+        return eFile == EReadFile::Missing;
     }
     std::istringstream lines(strDigests);
     if (ReadMD5Lines(lines, "pending list", vecMD5, strError)) {
@@ -78,8 +78,8 @@ bool LeaveList(const CInstallRoot &root, const std::string &strVersion, const st
     }
     EncipherList(strKey, strText);
     // The list comes first: whoever sees the marker has to find the list.
-    return WriteFileAtomically(root.WithdrawnList(), strText, 0600, EExisting::Replace, strError) &&
-           WriteFileAtomically(root.HashMarker(), "", 0600, EExisting::Replace, strError);
+    return WriteSmallFile(root.WithdrawnList(), strText, 0600, EExisting::Replace, strError) &&
+           WriteSmallFile(root.HashMarker(), "", 0600, EExisting::Replace, strError);
 }
 
 EExitStatus RunWithdraw(const _WithdrawOptions &options) {

@@ -186,8 +186,11 @@ _FileVerdict CScanEngine::ScanDescriptor(int fd, uint64_t ullSize, const std::at
         verdict.eVerdict = EVerdict::LimitExceeded;
     }
     if (verdict.eVerdict == EVerdict::Clean || verdict.eVerdict == EVerdict::LimitExceeded) {
-        strError = WhyIncomplete(context, ullSize, verdict.eVerdict);
-        verdict.eVerdict = strError.empty() ? verdict.eVerdict : EVerdict::Error;
+        std::string strWhy = WhyIncomplete(context, ullSize, verdict.eVerdict);
+        if (!strWhy.empty()) {
+            verdict.eVerdict = EVerdict::Error;
+            strError = std::move(strWhy);
+        }
     }
     verdict.eType = TypeOf(context.strType);
     return verdict;

@@ -1,9 +1,9 @@
-#include "tools/cache/atomic_file.h"
+#include "tools/cache/small_file.h"
 
 #include "tools/text/text.h"
 
-bool WriteFileAtomically(const std::string &strPath, std::string_view content, mode_t newMode, EExisting eExisting,
-                         std::string &strError) {
+bool WriteSmallFile(const std::string &strPath, std::string_view content, mode_t newMode, EExisting eExisting,
+                    std::string &strError) {
     const int iError = SaveWholeFile(strPath.c_str(), content, newMode, eExisting);
     if (iError != 0) {
         strError = "cannot write " + ErrnoText(strPath, iError);
@@ -11,17 +11,16 @@ bool WriteFileAtomically(const std::string &strPath, std::string_view content, m
     return iError == 0;
 }
 
-bool ReadWholeFile(const std::string &strPath, size_t nLimit, std::string &strContent, bool &bMissing,
-                   std::string &strError) {
+EReadFile ReadSmallFile(const std::string &strPath, size_t nLimit, std::string &strContent, std::string &strError) {
     const int iError = LoadWholeFile(strPath.c_str(), ELastLink::Refuse, nLimit, strContent);
-    bMissing = iError == ENOENT;
-    if (iError != 0) {
-        strError = ReadFailure(strPath, iError);
+    if (iError == 0 || iError == ENOENT) {
+        return iError == 0 ? EReadFile::Read : EReadFile::Missing;
     }
-    return iError == 0;
+    strError = ReadFailureText(strPath, iError);
+    return EReadFile::Failed;
 }
 
-std::string ReadFailure(const std::string &strPath, int iError) {
+std::string ReadFailureText(const std::string &strPath, int iError) {
     const bool bUnfit = iError == EISDIR || iError == EINVAL || iError == EFBIG;
     return bUnfit ? EscapeName(strPath) + " is not a regular file or is too large"
                   : "cannot read " + ErrnoText(strPath, iError);
