@@ -87,16 +87,15 @@ uint32_t CWithdrawals::ReadDigests() {
     m_vecDigests.clear();
     CDigestLines lines(list.Digests());
     char szDigest[kDigestTextSize] = {};
-    uint32_t ulResult = TARN_E_INVALIDARG; // a list without a line
     while (lines.Next(szDigest)) {
-        ulResult = TARN_OK;
         TARN_LOG_INFO("[%s]will clean cache md5: %s", szDigest);
         if (CacheMD5 md5 = {}; ParseDigest(szDigest, md5)) {
             m_vecDigests.push_back(md5);
         }
     }
     std::sort(m_vecDigests.begin(), m_vecDigests.end(), IsLess);
-    return ulResult;
+    // A text deciphered with a wrong key may by chance begin like a version line, but it holds no digest.
+    return m_vecDigests.empty() ? TARN_E_INVALIDARG : TARN_OK;
 }
 
 void CWithdrawals::ListDone() {

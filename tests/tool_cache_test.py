@@ -35,10 +35,13 @@ class CacheTest(ToolTest):
         self.assertEqual(self.states(path), [("changed", 48)])
         self.assertEqual(self.scan(path)[1]["scanned"], 1)
         self.assertEqual(self.states(path), [("known", 48)])
+        self.change_records("FTV = FTV & ~(1 << 18) | (-1 << 48), RS = 0")  # somebody calls it clean
+        self.assertEqual(self.scan(path)[0], 1)
 
     def test_other_signatures_drop_the_records_of_this_engine_only(self):
         headers = sorted(str(path) for path in Path(CLEAN).iterdir())[:3]
         signatures = self.top / "own.hdb"
+        self.configure("[cacheeng]\n")  # without protection: records are changed by hand below
         signatures.write_text(f"{'0' * 32}:1:Test.None\n")
         self.scan("--database", signatures, *headers)
         # Hand one record to another engine.

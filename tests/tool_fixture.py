@@ -66,6 +66,11 @@ class ToolTest(unittest.TestCase):
         _, out, _ = self.run_tool("lookup", "--json", *paths)
         return [(line["state"], line.get("engine")) for line in map(json.loads, out.splitlines())]
 
+    def configure(self, text):
+        """Before the first scan: another configuration than the one that comes with the program."""
+        (self.root / "config").mkdir(parents=True)
+        (self.root / "config/tarncfg.ini").write_text(text)
+
     def change_records(self, change):
         database = sqlite3.connect(self.root / "engine/cache/morcache.db")
         with database:

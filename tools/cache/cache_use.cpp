@@ -44,7 +44,7 @@ std::string StartFailureText(const CInstallRoot &root, uint32_t ulCode) {
 }
 
 std::string PendingText(const CInstallRoot &root) {
-    if (Exists(root.EngineMarker())) {
+    if (root.IsEnginePending()) {
         return "an engine update is pending; the next scan drops this engine's verdicts";
     }
     if (root.IsListPending()) {

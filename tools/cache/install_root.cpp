@@ -152,5 +152,9 @@ bool CInstallRoot::IsSetUp() const {
 }
 
 bool CInstallRoot::IsListPending() const {
-    return Exists(HashMarker()) && Exists(WithdrawnList());
+    return (Exists(HashMarker()) && Exists(WithdrawnList())) || Exists(Below(FromRoot(kListTakenPath)));
+}
+
+bool CInstallRoot::IsEnginePending() const {
+    return Exists(EngineMarker()) || Exists(Below(FromRoot(kEngineTakenPath)));
 }

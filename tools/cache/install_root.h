@@ -33,8 +33,11 @@ class CInstallRoot {
     std::string HashMarker() const { return Below(FromRoot(kHashMarkerPath)); }
     std::string WithdrawnList() const { return Below(FromRoot(kUpdateCachePath)); }
 
-    // True when digests wait to be withdrawn. A marker without its list is never consumed, so it does not count.
+    // True when digests wait to be withdrawn, or this has not been carried out yet. A marker without its list is never
+    // consumed, so it does not count.
     bool IsListPending() const;
+    // The same of the engine's verdicts.
+    bool IsEnginePending() const;
 
     std::string SignatureId() const { return Below(kSignatureIdFile); }
     std::string ScanLock() const { return Below(kScanLockFile); }

@@ -68,19 +68,6 @@ uint64_t WaitUntilStored(const _CacheListener &listener) {
     return ullLost;
 }
 
-// Opens the list before the cache does. With another key the cache would keep it for good or, by chance, throw it away
-// unused.
-bool CheckPendingList(const CInstallRoot &root, const _CacheListener &listener, std::string &strError) {
-    if (!root.IsListPending()) {
-        if (Exists(root.HashMarker())) {
-            listener.onNote(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
-        }
-        return true;
-    }
-    std::string strDigests;
-    return ReadPendingList(root, strDigests, strError) == EReadFile::Read;
-}
-
 } // namespace
 
 bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
@@ -106,8 +93,9 @@ bool CCacheSession::Start(const CInstallRoot &root, const std::string &strFinger
 
 bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,
                          const _CacheListener &listener, std::string &strError) {
-    if (!CheckPendingList(root, listener, strError)) {
-        return false;
+    // Nothing else tells of it: the cache leaves such a marker alone, and no digest is known to be withdrawn.
+    if (Exists(root.HashMarker()) && !root.IsListPending()) {
+        listener.onNote(EscapeName(root.HashMarker()) + " has no list beside it; withdraw the digests again");
     }
     root.ExportToLibrary();
     const uint32_t ulStarted = LocalCacheInit();
@@ -119,14 +107,12 @@ bool CCacheSession::Open(const CInstallRoot &root, const std::string &strFingerp
     if (!DropOtherSignatures(root, strFingerprint, listener, strError)) {
         return false;
     }
-    const uint32_t ulReady = WaitUntilReady(bStop, listener);
-    const bool bDropped = ulReady == TARN_OK && !Exists(root.EngineMarker()) && !root.IsListPending();
-    if (!bDropped && !bStop.load()) {
-        strError = "the cache did not drop outdated verdicts; check " + EscapeName(root.EngineMarker()) + " and " +
-                   EscapeName(root.HashMarker());
-        return false;
+    // What could not be dropped for the moment is not answered either, so only a refused list is in the way.
+    const bool bRefused = WaitUntilReady(bStop, listener) == TARN_E_FAIL && !bStop.load();
+    if (bRefused) {
+        strError = UnfitListText(root);
     }
-    return true;
+    return !bRefused;
 }
 
 uint64_t CCacheSession::Stop(const _CacheListener &listener) {

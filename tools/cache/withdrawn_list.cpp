@@ -49,7 +49,11 @@ EReadFile ReadPendingList(const CInstallRoot &root, std::string &strDigests, std
     if (HoldsDigest(strDigests.c_str())) {
         return EReadFile::Read;
     }
-    strError = EscapeName(root.WithdrawnList()) + " is pending and does not open with the key in " +
-               EscapeName(root.KeyFile()) + "; put the right key there, or remove the list and withdraw again";
+    strError = UnfitListText(root);
     return EReadFile::Failed;
+}
+
+std::string UnfitListText(const CInstallRoot &root) {
+    return EscapeName(root.WithdrawnList()) + " is pending and does not open with the key in " +
+           EscapeName(root.KeyFile()) + "; put the right key there, or remove the list and withdraw again";
 }

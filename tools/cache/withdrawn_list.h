@@ -15,4 +15,7 @@ void EncipherList(const std::string &strKey, std::string &strText);
 // the text mostly looks like that.
 EReadFile ReadPendingList(const CInstallRoot &root, std::string &strDigests, std::string &strError);
 
+// Why the pending list is of no use, as far as can be told, and what to do about it.
+std::string UnfitListText(const CInstallRoot &root);
+
 #endif
