@@ -37,6 +37,7 @@ class CacheTest(ToolTest):
         self.assertEqual(self.states(path), [("known", 48)])
         self.change_records("FTV = FTV & ~(1 << 18) | (-1 << 48), RS = 0")  # somebody calls it clean
         self.assertEqual(self.scan(path)[0], 1)
+        self.assertIn(b"Protection:          on\n", self.run_tool("stats")[1])
 
     def test_other_signatures_drop_the_records_of_this_engine_only(self):
         headers = sorted(str(path) for path in Path(CLEAN).iterdir())[:3]
@@ -47,6 +48,7 @@ class CacheTest(ToolTest):
         # Hand one record to another engine.
         self.change_records("FTV = (FTV & ~(0xFFFF << 32)) | (43 << 32) where FPH = (select FPH from CT limit 1)")
         self.assertCountEqual(self.states(*headers), [("known", 43), ("known", 48), ("known", 48)])
+        self.assertIs(json.loads(self.run_tool("stats", "--json")[1])["protect"], False)
         self.assertEqual(self.scan("--database", signatures, self.tree)[0], 0)
         self.assertEqual([engine for _, engine in self.states(*headers)].count(48), 2, "same signatures")
         signatures.write_text(f"{md5(headers[0])}:{os.path.getsize(headers[0])}:Test.Found\n")

@@ -14,17 +14,20 @@ struct _StatsOptions {
     bool bJson = false;
 };
 
-std::string StatsJson(const CInstallRoot &root, uint64_t ullRecords) {
+std::string StatsJson(const CInstallRoot &root, const _LOCAL_CACHE_INFO &info) {
     Json object;
-    object["records"] = ullRecords;
+    object["records"] = info.ullRecords;
+    object["protect"] = info.ulIdentity != 0;
     PutName(object, "root", root.Path());
     object["pending"] = PendingText(root);
     return JsonLine(object);
 }
 
-std::string StatsText(const CInstallRoot &root, uint64_t ullRecords) {
-    std::string strText = "Records:             " + std::to_string(ullRecords) + "\n";
+std::string StatsText(const CInstallRoot &root, const _LOCAL_CACHE_INFO &info) {
+    std::string strText = "Records:             " + std::to_string(info.ullRecords) + "\n";
     strText += "Installation folder: " + EscapeName(root.Path()) + "\n";
+    strText += "Protection:          ";
+    strText += info.ulIdentity != 0 ? "on\n" : std::string("off (key protect in ") + FromRoot(kConfigPath) + ")\n";
     const std::string strPending = PendingText(root);
     return strPending.empty() ? strText : strText + "Pending:             " + strPending + "\n";
 }
@@ -35,8 +38,7 @@ EExitStatus ShowStats(const CInstallRoot &root, bool bJson) {
     if (const uint32_t ulCode = LocalCacheGetInfo(&info); ulCode != TARN_OK) {
         return Fail(std::string("cannot count the records: ") + LocalCacheErrorText(ulCode));
     }
-    return FinishWith(bJson ? StatsJson(root, info.ullRecords) : StatsText(root, info.ullRecords),
-                      EExitStatus::Success);
+    return FinishWith(bJson ? StatsJson(root, info) : StatsText(root, info), EExitStatus::Success);
 }
 
 } // namespace
