@@ -46,6 +46,16 @@ class ScanTest(ToolTest):
             self.assertNotEqual(done.returncode, 0, option)  # with two inodes there may be no folder at all
             self.assertLessEqual({line["verdict"] for line in lines[:-1]}, {"infected", "error"}, option)
 
+    def test_nothing_is_clean_once_memory_ran_out(self):
+        if "TARN_TEST_REFUSING_MEMORY" not in os.environ:
+            self.skipTest("a sanitizer's allocations cannot be refused")
+        for least in ("10000", "30000"):  # bytes; of some archives nothing is then unpacked, and the engine says clean
+            _, summary, files = self.scan(INFECTED, env={
+                **os.environ, "LD_PRELOAD": os.environ["TARN_TEST_REFUSING_MEMORY"], "TARN_TEST_LEAST": least})
+            self.assertEqual({line["verdict"] for line in files.values()}, {"infected", "error"}, least)
+            self.assertIn("memory ran out during the scan", {line.get("error") for line in files.values()})
+            self.assertEqual(json.loads(self.run_tool("stats", "--json")[1])["records"], summary["infected"])
+
     def test_abandoned_temporary_folders_go(self):
         environment = {**os.environ, "TMPDIR": str(self.tree)}
         os.mkfifo(self.top / "list")

@@ -1,5 +1,6 @@
 #include "tools/engine/scan_engine.h"
 
+#include "tools/engine/memory_watch.h"
 #include "tools/text/text.h"
 
 #include <clamav.h>
@@ -26,6 +27,7 @@ struct _ScanContext {
     uint64_t ullLargestPart = 0; // bytes, of all layers but the outermost
     uint64_t ullTotal = 0;       // bytes, of all layers
     std::string strFailure = {}; // the first error that the engine told
+    const uint64_t ullFailedBefore = FailedAllocations();
 };
 
 // The scan that this thread is in. The engine's messages come without it as long as its own folder is not made.
@@ -117,6 +119,10 @@ std::string WhyIncomplete(const _ScanContext &scan, uint64_t ullSize, EVerdict e
     if (scan.nLayers == 0 && ullSize >= kSmallestScanned && eVerdict == EVerdict::Clean) {
         return "the engine did not look at the file";
     }
+    // Of any thread: one too many is scanned again, but what an unpacker lost without a word would be called clean.
+    if (FailedAllocations() != scan.ullFailedBefore) {
+        return "memory ran out during the scan";
+    }
     return scan.bFull || !scan.temporary.HasRoom() ? "the temporary folder is full" : "";
 }
 
@@ -124,6 +130,7 @@ std::string WhyIncomplete(const _ScanContext &scan, uint64_t ullSize, EVerdict e
 
 std::unique_ptr<CScanEngine> CScanEngine::Load(const std::string &strSignatures, const _ScanLimits &limits,
                                                const CTemporaryFolder &temporary, std::string &strError) {
+    const uint64_t ullFailedBefore = FailedAllocations();
     cl_error_t result = cl_init(CL_INIT_DEFAULT);
     cl_set_clcb_msg(OnMessage);
     cl_engine *pEngine = result == CL_SUCCESS ? cl_engine_new() : nullptr;
@@ -142,6 +149,9 @@ std::unique_ptr<CScanEngine> CScanEngine::Load(const std::string &strSignatures,
     result = cl_load(strSignatures.c_str(), pEngine, &pLoaded->m_nSignatures, CL_DB_STDOPT);
     if (result == CL_SUCCESS) {
         result = cl_engine_compile(pEngine);
+    }
+    if (FailedAllocations() != ullFailedBefore) {
+        result = CL_EMEM; // a set with gaps would find less than its fingerprint promises
     }
     if (result == CL_SUCCESS && pLoaded->m_nSignatures != 0) {
         return pLoaded;
