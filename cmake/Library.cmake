@@ -5,6 +5,7 @@ add_library(tarncache SHARED
   util/file_identity.cpp
   util/file_systems.cpp
   util/identity_code.cpp
+  util/mount_table.cpp
   util/walk_targets.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp

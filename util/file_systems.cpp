@@ -1,7 +1,8 @@
 #include "util/file_systems.h"
 
+#include "support/descriptor.h"
+
 #include <cstring>
-#include <poll.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
@@ -23,22 +24,13 @@ bool AskFileSystem(dev_t device, const char *pszPath, uint64_t &ullIdentity) {
 
 } // namespace
 
-CFileSystems::CFileSystems() : m_mountTable(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)) {
-    (void)HasMountTableChanged(); // what was before does not count
-}
-
-bool CFileSystems::HasMountTableChanged() const {
-    pollfd table = {m_mountTable.Get(), POLLPRI, 0};
-    return !m_mountTable.IsOpen() || poll(&table, 1, 0) != 0; // a failed poll says nothing, so nothing is kept
-}
-
 bool CFileSystems::IdentityOf(dev_t device, const char *pszPath, uint64_t &ullIdentity) {
     // 1. The mount table is looked at, and what is known is forgotten when it changed, under one hold of the mutex:
     //    the kernel tells a change once, and nobody may use old knowledge between the telling and the forgetting.
     // 2. Only then is the device looked up. A change after that belongs to the caller's own race with umount, which a
     //    status taken before has as well.
     const std::lock_guard<std::mutex> guard(m_mutex);
-    if (HasMountTableChanged()) {
+    if (m_mountTable.HasChanged()) {
         m_mapKnown.clear();
     }
     if (const auto it = m_mapKnown.find(device); it != m_mapKnown.end()) {

@@ -2,7 +2,7 @@
 #ifndef TARN_UTIL_FILE_SYSTEMS_H
 #define TARN_UTIL_FILE_SYSTEMS_H
 
-#include "support/descriptor.h"
+#include "util/mount_table.h"
 
 #include <cstdint>
 #include <map>
@@ -13,7 +13,7 @@
 // The identity that the file system itself gives (f_fsid) is kept for each device until the mount table changes.
 class CFileSystems {
   public:
-    CFileSystems();
+    CFileSystems() = default;
     CFileSystems(const CFileSystems &) = delete;
     CFileSystems &operator=(const CFileSystems &) = delete;
 
@@ -22,10 +22,8 @@ class CFileSystems {
     [[nodiscard]] bool IdentityOf(dev_t device, const char *pszPath, uint64_t &ullIdentity);
 
   private:
-    bool HasMountTableChanged() const;
-
-    CDescriptor m_mountTable; // its poll tells each change once; not open: nothing is kept
-    std::mutex m_mutex;       // guards the map, and holds the poll and its consequence together
+    CMountTable m_mountTable;
+    std::mutex m_mutex; // guards the map, and holds the table's answer and its consequence together
     std::map<dev_t, uint64_t> m_mapKnown;
 };
 
