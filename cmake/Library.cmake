@@ -3,8 +3,10 @@ add_library(tarncache SHARED
   util/dbconfig.cpp
   util/dbfileutil.cpp
   util/file_identity.cpp
+  util/file_system_kind.cpp
   util/file_systems.cpp
   util/identity_code.cpp
+  util/medium.cpp
   util/mount_table.cpp
   util/walk_targets.cpp
   tables/cachetable.cpp

@@ -1,8 +1,11 @@
 # Tests of util/, tables/ and interface/.
-foreach(name IN ITEMS cachetable_bulk dbconfig entry_points identity_hash tables vsdesctable walk)
+foreach(name IN ITEMS cachetable_bulk dbconfig entry_points identity_hash medium tables vsdesctable walk)
   tarn_add_test(${name}_test)
 endforeach()
 target_link_libraries(identity_hash_test PRIVATE ZLIB::ZLIB) # a CRC-32 that is not the library's own
+# Not exported, so the test has them of its own.
+target_sources(medium_test PRIVATE ${PROJECT_SOURCE_DIR}/util/medium.cpp ${PROJECT_SOURCE_DIR}/util/file_system_kind.cpp)
+target_link_libraries(medium_test PRIVATE tarn_support)
 
 # The public header as a C program sees it, on an installation folder of its own.
 set(root ${CMAKE_BINARY_DIR}/tests/c_header)
