@@ -18,6 +18,7 @@
 #include "agent/counters.h"
 #include "agent/find_progress.h"
 #include "agent/protection.h"
+#include "agent/scan_bracket.h"
 #include "agent/start_gate.h"
 #include "agent/write_queue.h"
 #include "platform/nubcl_ev.h"
@@ -83,6 +84,9 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t CacheAdd(const char *file, const char *md5_text, _SCAN_FILE_RESULT *in);
     [[nodiscard]] uint32_t CacheAddStat(const char *file, const struct stat &status, const char *md5_text,
                                         const _SCAN_FILE_RESULT *in);
+
+    // What may be remembered of a scanned file. Any thread.
+    [[nodiscard]] CScanBracket &ScanBracket() { return m_scanBracket; }
 
     // --- questions.cpp: any thread, table lock for reading; no hit is counted
 
@@ -233,6 +237,7 @@ class TARN_API CDataBaseAgent {
     CWriteQueue m_queue;
     CStartGate m_startGate;
     CFindProgress m_findProgress;
+    CScanBracket m_scanBracket;
     std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVirusTable> m_pVirusTable PT_GUARDED_BY(m_connection.m_tableLock);
     std::unique_ptr<CVersionTable> m_pVersionTable;

@@ -8,6 +8,7 @@ add_library(tarncache SHARED
   util/identity_code.cpp
   util/medium.cpp
   util/mount_table.cpp
+  util/open_file.cpp
   util/walk_targets.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
@@ -30,6 +31,7 @@ add_library(tarncache SHARED
   agent/markers.cpp
   agent/questions.cpp
   agent/reverse_lookup.cpp
+  agent/scan_bracket.cpp
   agent/start_gate.cpp
   agent/statistics.cpp
   agent/transactions.cpp
@@ -41,6 +43,7 @@ add_library(tarncache SHARED
   interface/tarncache.cpp
   interface/hash_to_path.cpp
   interface/housekeeping.cpp
+  interface/scan_bracket.cpp
   interface/single_file.cpp)
 target_compile_definitions(tarncache PRIVATE TARN_VERSION="${PROJECT_VERSION}")
 target_link_libraries(tarncache

@@ -7,11 +7,11 @@
  * other function may be called from any number of threads at once, but never at the same time as the last
  * LocalCacheUnInit.
  *
- * Integrators: regular files only. Take the file's status before the scan, and hand it to LocalCacheLookupStat and
- * LocalCacheAddStat; do not add a file whose status changed within the last two seconds. Wait with LocalCacheWaitReady
- * before the first lookup, and ask LocalCacheFlush at the end what was lost. To ask only, start with
- * LocalCacheInitReader. Never open the database file yourself: closing any descriptor of it drops the process's locks
- * on it. Do not fork and use the cache on both sides.
+ * Integrators: regular files only. Bracket each scan with LocalCacheScanBegin and LocalCacheScanFinish, which leave out
+ * what could change unnoticed; who takes the status himself and calls LocalCacheAddStat must not add a file whose
+ * status changed within the last two seconds. Wait with LocalCacheWaitReady before the first lookup, and ask
+ * LocalCacheFlush at the end what was lost. To ask only, start with LocalCacheInitReader. Never open the database file
+ * yourself: closing any descriptor of it drops the process's locks on it. Do not fork and use the cache on both sides.
  */
 #ifndef TARNCACHE_H
 #define TARNCACHE_H
@@ -92,6 +92,22 @@ TARN_API uint32_t LocalCacheAdd(const char *path, const char *md5, _SCAN_FILE_RE
  * misses. status NULL: TARN_E_INVALIDARG. */
 TARN_API uint32_t LocalCacheAddStat(const char *path, const struct stat *status, const char *md5,
                                     const _SCAN_FILE_RESULT *result);
+
+/* Begins the scan of a file: takes its status and asks the kernel who may write it. Call it between opening and
+ * reading. fd: open for reading, of a regular file; it stays open until Finish, and no other thread brackets the same
+ * open file description meanwhile. scan->size is set by the caller. The bracket holds nothing and may be dropped. Who
+ * opens the file for writing waits for microseconds at most (O_NONBLOCK: may get EWOULDBLOCK); the file's dirty pages
+ * may be written back; no signal reaches the host. TARN_OK, also for a file that will not be remembered;
+ * TARN_E_INVALIDARG (NULL, a smaller size, no regular file); TARN_E_NOT_INITIALIZED; TARN_E_OUTOFMEMORY. */
+TARN_API uint32_t LocalCacheScanBegin(int fd, _LOCAL_CACHE_SCAN *scan);
+
+/* Ends the scan: asks and takes the status again, and queues the verdict with the status of Begin, as LocalCacheAddStat
+ * would, if nothing speaks against it. path: absolute; path, md5, verdict: as in LocalCacheAdd. The bracket is used up.
+ * TARN_OK: queued, *reason is TARN_REMEMBER_YES. TARN_NOT_CACHED: *reason says why it must not be remembered; of
+ * several reasons the first in the order CHANGED, FILE_SYSTEM, WRITTEN, UNKNOWN, RECENT, REFUSED. TARN_E_INVALIDARG
+ * (NULL, empty, no open bracket), TARN_E_NOT_INITIALIZED: *reason untouched. */
+TARN_API uint32_t LocalCacheScanFinish(_LOCAL_CACHE_SCAN *scan, const char *path, const char *md5,
+                                       const _SCAN_FILE_RESULT *verdict, uint32_t *reason);
 
 /* Deletes every stored record with this MD5; a record still queued is not affected.
  * TARN_OK, also when there was none; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_FAIL. */

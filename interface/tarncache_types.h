@@ -3,6 +3,7 @@
 #define TARNCACHE_TYPES_H
 
 #include <stdint.h>
+#include <sys/stat.h>
 
 /* Result codes. */
 #define TARN_OK 0x00000000u                /* success */
@@ -114,6 +115,31 @@ typedef struct _LOCAL_CACHE_INFO {
     uint32_t ulStartsSinceExpiry; /* starts of the writer */
     uint32_t ulIdentity;          /* 1: records are bound to their files by identity codes; 0: they are not */
 } _LOCAL_CACHE_INFO;
+
+/* Whether LocalCacheScanFinish has queued the verdict, or why not. */
+#define TARN_REMEMBER_YES 0u
+#define TARN_REMEMBER_WRITTEN 1u     /* somebody has the file open or mapped for writing */
+#define TARN_REMEMBER_FILE_SYSTEM 2u /* statuses can be forged there: user space, network, removable media ... */
+#define TARN_REMEMBER_UNKNOWN 3u     /* the kernel cannot say who writes */
+#define TARN_REMEMBER_CHANGED 4u     /* the file changed during the scan: the verdict may hold for neither state */
+#define TARN_REMEMBER_RECENT 5u      /* changed less than 2 seconds before the scan, or in the future */
+#define TARN_REMEMBER_REFUSED 6u     /* the addition failed; the log says why. A reader adds nothing */
+
+/* What TARN_REMEMBER_FILE_SYSTEM makes an exception for: who runs the other machine can change a file unnoticed. */
+#define TARN_ALLOW_NETWORK 1u   /* network file systems */
+#define TARN_ALLOW_REMOVABLE 2u /* removable media, and images in files that others may write */
+
+/* The bracket of one scan. */
+typedef struct _LOCAL_CACHE_SCAN {
+    uint32_t size;      /* set by the caller: sizeof(_LOCAL_CACHE_SCAN); the record grows at its end */
+    uint32_t ulAllow;   /* TARN_ALLOW_...; cleared by Begin, the caller may set it before Finish */
+    struct stat status; /* taken by Begin, and what the verdict is remembered with; to be read only */
+    uint64_t ullMark;   /* the rest is the library's */
+    int64_t liBegun;    /* nanoseconds since the epoch */
+    int32_t lDescriptor;
+    uint32_t ulFindings;
+    uint8_t abReserved[64];
+} _LOCAL_CACHE_SCAN;
 
 /* The file type in the flag word; 0 makes the cache write the record at once instead of within a second or two. */
 #define TARN_FILE_TYPE(flags) ((flags)&0xFFu)

@@ -1,0 +1,130 @@
+// bracket_fixture.h - the bracket of a scan over a file of a temporary installation; clocks, leases and file systems as
+// the test wants them. Included once per test program.
+#ifndef TARN_TESTS_BRACKET_FIXTURE_H
+#define TARN_TESTS_BRACKET_FIXTURE_H
+
+#include "tests/agent_fixture.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+
+// f_type of statfs
+enum : uint32_t { Ext = 0xEF53, Xfs = 0x58465342, Zfs = 0x2FC12FC1, Squash = 0x73717368, Tmpfs = 0x01021994 };
+enum : uint32_t { Fuse = 0x65735546, Nfs = 0x6969, Fat = 0x4D44, NeverHeardOf = 0x12345678 };
+constexpr int64_t kLongAgo = 10; // seconds
+
+inline thread_local bool t_bBegins = false; // Begin alone sees other clocks than the rest of the process
+inline int64_t g_liAhead = kLongAgo;        // seconds, of the file system's clock
+inline int64_t g_liSteadyAhead = 0;
+inline uint32_t g_ulFileSystem = 0;       // what fstatfs answers; 0: the truth
+inline int g_iLeaseError = 0;             // what asking for a lease ends with; 0: what the kernel says
+inline std::function<void()> g_whileHeld; // runs once while a lease is held
+
+inline uint32_t TypeOf(const std::string &strPath) {
+    struct statfs fileSystem = {};
+    return statfs(strPath.c_str(), &fileSystem) == 0 ? static_cast<uint32_t>(fileSystem.f_type) : 0;
+}
+
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec *pTime) noexcept {
+    const auto iResult = static_cast<int>(syscall(SYS_clock_gettime, clock, pTime));
+    pTime->tv_sec += !t_bBegins ? 0 : clock == CLOCK_REALTIME ? g_liAhead : g_liSteadyAhead;
+    return iResult;
+}
+
+extern "C" __attribute__((visibility("default"))) int fstatfs64(int fd, struct statfs64 *pFileSystem) noexcept {
+    const auto iResult = static_cast<int>(syscall(SYS_fstatfs, fd, pFileSystem));
+    pFileSystem->f_type = g_ulFileSystem != 0 ? g_ulFileSystem : pFileSystem->f_type;
+    return iResult;
+}
+
+extern "C" __attribute__((visibility("default"))) int OnFcntl(int fd, int iCommand,
+                                                              uint64_t ullValue) __asm__("fcntl64");
+extern "C" int OnFcntl(int fd, int iCommand, uint64_t ullValue) {
+    if (iCommand == F_SETLEASE && ullValue == F_RDLCK && g_iLeaseError != 0) {
+        errno = g_iLeaseError;
+        return -1;
+    }
+    if (iCommand == F_SETLEASE && ullValue == F_UNLCK && g_whileHeld) {
+        std::exchange(g_whileHeld, nullptr)();
+    }
+    return static_cast<int>(syscall(SYS_fcntl, fd, iCommand, ullValue));
+}
+
+class Bracket : public testing::Test {
+  protected:
+    // A shared map of a file's first page; its descriptor is closed.
+    struct _Map {
+        explicit _Map(const std::string &strPath) {
+            const CDescriptor file(open(strPath.c_str(), O_RDWR | O_CLOEXEC));
+            pPage = static_cast<char *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0));
+        }
+        ~_Map() { munmap(pPage, 4096); }
+        _Map(const _Map &) = delete;
+        _Map &operator=(const _Map &) = delete;
+        char *pPage;
+    };
+    void SetUp() override {
+        RecordedLog::Clear();
+        if (TypeOf(m_strFile) != Ext) {
+            GTEST_SKIP() << "the temporary folder is not on ext4";
+        }
+        ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    }
+    void TearDown() override {
+        (void)LocalCacheUnInit();
+        g_liAhead = kLongAgo;
+        g_liSteadyAhead = 0;
+        g_ulFileSystem = 0;
+        g_iLeaseError = 0;
+    }
+    uint32_t BeginOf(int fd) {
+        t_bBegins = true;
+        const uint32_t ulResult = LocalCacheScanBegin(fd, &m_scan);
+        t_bBegins = false;
+        return ulResult;
+    }
+    void Begin(const std::string &strPath) {
+        m_file = CDescriptor(open(strPath.c_str(), O_RDONLY | O_CLOEXEC));
+        m_scan.size = sizeof m_scan;
+        ASSERT_EQ(BeginOf(m_file.Get()), TARN_OK);
+    }
+    uint32_t Finish(const std::string &strPath) {
+        uint32_t ulReason = 77;
+        const uint32_t ulResult = LocalCacheScanFinish(&m_scan, strPath.c_str(), "", &m_verdict, &ulReason);
+        EXPECT_TRUE(ulResult == (ulReason == TARN_REMEMBER_YES ? TARN_OK : TARN_NOT_CACHED) || ulReason == 77);
+        (void)LocalCacheFlush(60000, nullptr);
+        return ulReason == 77 ? ulResult : ulReason;
+    }
+    uint32_t Scan(const std::string &strPath, uint32_t ulAllow = 0) {
+        Begin(strPath);
+        m_scan.ulAllow = ulAllow;
+        return Finish(strPath);
+    }
+    void AddUnguarded(const std::string &strPath) {
+        ASSERT_EQ(LocalCacheAdd(strPath.c_str(), "", &m_verdict), TARN_OK);
+        ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
+    }
+    bool IsKnown(const std::string &strPath) {
+        return LocalCacheLookup(strPath.c_str(), m_szMD5, &m_verdict) == TARN_OK;
+    }
+    bool HasStatusOfBegin() const {
+        struct stat status = {};
+        return fstat(m_file.Get(), &status) == 0 &&
+               std::memcmp(&status.st_ctim, &m_scan.status.st_ctim, sizeof status.st_ctim) == 0;
+    }
+    static CDescriptor Writer(const std::string &strPath, int iFlags = 0) {
+        return CDescriptor(open(strPath.c_str(), O_WRONLY | O_CLOEXEC | iFlags));
+    }
+    static void Write(const std::string &strPath) { EXPECT_EQ(pwrite(Writer(strPath).Get(), "MALWR", 5, 0), 5); }
+
+    const CTempInstall m_install;
+    const std::string m_strFile = m_install.WriteFile("file", "clean");
+    CDescriptor m_file;
+    _LOCAL_CACHE_SCAN m_scan = {};
+    char m_szMD5[TARN_MD5_TEXT_SIZE] = {};
+    _SCAN_FILE_RESULT m_verdict = Verdict(1);
+};
+
+#endif
