@@ -1,5 +1,5 @@
-// agent_fixture.h - an agent over a temporary installation, a look at what its connection executes, and a hook into its
-// shut-down. Included once per test program.
+// agent_fixture.h - an agent over a temporary installation, a look at what its connection executes, a hook into its
+// shut-down, and what all tests of a cache share. Included once per test program.
 #ifndef TARN_TESTS_AGENT_FIXTURE_H
 #define TARN_TESTS_AGENT_FIXTURE_H
 
@@ -77,6 +77,30 @@ inline std::string InsertTexts(const std::vector<_Row> &vecRows) {
         strText += szRow;
     }
     return strText + "commit";
+}
+
+// The start is counted behind its vacuum, which keeps other connections out.
+inline bool WaitForFirstStart(const CTempInstall &install) {
+    return WaitFor([&] { return ReadWholeFile(install.Config()).find("counts=1") != std::string::npos; });
+}
+
+inline std::string Encipher(std::string strText) {
+    RC4_STATE state = {};
+    unsigned char abBlock[256] = {}; // becomes what every block is combined with
+    RC4_set_key(&state, 14, reinterpret_cast<const unsigned char *>("fourteen bytes"));
+    RC4_crypt(&state, sizeof abBlock, abBlock, abBlock);
+    for (size_t i = 0; i < strText.size(); ++i) {
+        strText[i] = static_cast<char>(strText[i] ^ abBlock[i % sizeof abBlock]);
+    }
+    return strText;
+}
+
+// A list of withdrawn digests with its key and its marker.
+inline void LeaveList(const CTempInstall &install, const std::string &strText) {
+    const std::string strKey = "[avscan]\nmor_secret=666f75727465656e206279746573\n";
+    std::filesystem::permissions(install.WriteFile("config/business.ini", strKey), std::filesystem::perms{0600});
+    install.WriteFile("engine/kelmorehash/update_cache.dat", Encipher(strText));
+    install.WriteFile("engine/clean_engine_hash_flag");
 }
 
 class CAgentTest : public testing::Test {

@@ -4,8 +4,6 @@
 
 #include <array>
 #include <fstream>
-#include <random>
-#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -53,19 +51,17 @@ uint32_t FolderCrc(const std::string &strFolder) {
 } // namespace
 
 using Attacks = ProtectTest;
-INSTANTIATE_TEST_SUITE_P(Cache, Attacks, testing::Bool(),
-                         [](const auto &info) { return info.param ? "Protected" : "Unprotected"; });
+INSTANTIATE_TEST_SUITE_P(Cache, Attacks, testing::Bool(), NameOfParameter);
 
 TEST_P(Attacks, ASizeChosenSoThatTheAttributeHashStays) {
-    const std::string strFile = m_install.WriteFile("file");
-    Remember(strFile);
-    struct stat malware = StatusOf(strFile);
+    Remember(m_strFile);
+    struct stat malware = StatusOf(m_strFile);
     const uint32_t ulWanted = AttrHash(malware.st_size, malware.st_ctim.tv_sec);
     malware.st_ctim.tv_sec += 60;
-    EXPECT_EQ(Lookup(strFile, malware), TARN_NOT_CACHED);
+    EXPECT_EQ(Lookup(m_strFile, malware), TARN_NOT_CACHED);
     malware.st_size = ForgeSize(ulWanted, malware.st_ctim.tv_sec);
     ASSERT_GT(malware.st_size, 0);
-    EXPECT_EQ(Lookup(strFile, malware), Fooled());
+    EXPECT_EQ(Lookup(m_strFile, malware), Fooled());
 }
 
 TEST_P(Attacks, AFolderChosenSoThatThePathHashIsAnothersFile) {
@@ -88,51 +84,44 @@ TEST_P(Attacks, AFolderChosenSoThatThePathHashIsAnothersFile) {
 }
 
 TEST_P(Attacks, AnotherFileOfTheSameSizeAndSecondInItsPlace) {
-    const std::string strFile = m_install.WriteFile("file");
-    Remember(strFile);
-    struct stat other = StatusOf(strFile);
-    other.st_ino += 1;
-    EXPECT_EQ(Lookup(strFile, other), Fooled());
-    other = StatusOf(strFile);
-    other.st_ctim.tv_nsec ^= 1;
-    EXPECT_EQ(Lookup(strFile, other), Fooled());
+    Remember(m_strFile);
+    const std::pair<const char *, void (*)(struct stat &)> differences[] = {
+        {"file", [](struct stat &status) { ++status.st_ino; }},
+        {"part of the second", [](struct stat &status) { status.st_ctim.tv_nsec ^= 1; }},
+        {"device", [](struct stat &status) { status.st_dev ^= 1; }}, // not the one that the path leads to
+    };
+    for (const auto &[pszName, change] : differences) {
+        struct stat other = StatusOf(m_strFile);
+        change(other);
+        EXPECT_EQ(Lookup(m_strFile, other), Fooled()) << pszName;
+    }
     fs::create_symlink(m_install.Path("lib"), m_install.Path("link")); // a folder exchanged for a link to another
-    EXPECT_EQ(Lookup(m_install.Path("link/../file"), StatusOf(strFile)), TARN_NOT_CACHED);
-    EXPECT_EQ(Lookup(strFile), TARN_OK);
-}
-
-TEST_P(Attacks, AFileOnAnotherFileSystemWithTheSameNumbers) {
-    const std::string strFile = m_install.WriteFile("file");
-    Remember(strFile);
-    struct stat other = StatusOf(strFile);
-    other.st_dev ^= 1; // its device is not the one that the path leads to
-    EXPECT_EQ(Lookup(strFile, other), Fooled());
+    EXPECT_EQ(Lookup(m_install.Path("link/../file"), StatusOf(m_strFile)), TARN_NOT_CACHED);
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
 }
 
 TEST_P(Attacks, AVerdictChangedInTheDatabaseByHand) {
-    const std::string strFile = m_install.WriteFile("file");
-    Remember(strFile, "Some.Virus");
+    Remember(m_strFile, Verdict(1, 1, "Some.Virus"));
     const CSecondConnection other(m_install.Database());
     for (const char *pszChange : {"FTV = FTV | (-1 << 48)", "FTV = FTV + 8", "RS = RS + 1", "FHMD = 1", "FLMD = 1"}) {
         ASSERT_TRUE(WaitFor([&] { return other.Run("create table B as select * from CT"); })) << pszChange;
         ASSERT_TRUE(other.Run(std::string("update CT set ") + pszChange)) << pszChange;
-        EXPECT_EQ(Lookup(strFile), Fooled()) << pszChange;
+        EXPECT_EQ(Lookup(m_strFile), Fooled()) << pszChange;
         ASSERT_TRUE(other.Run("replace into CT select * from B; drop table B")) << pszChange;
-        EXPECT_EQ(Lookup(strFile), TARN_OK) << pszChange;
+        EXPECT_EQ(Lookup(m_strFile), TARN_OK) << pszChange;
     }
     ASSERT_TRUE(other.Run("update VDT set VD = 'Harmless'"));
     Restart(); // descriptions are kept in memory
-    EXPECT_EQ(Lookup(strFile), Fooled());
+    EXPECT_EQ(Lookup(m_strFile), Fooled());
 }
 
 TEST_P(Attacks, ARestoredOlderDatabaseOrAForeignOneAnswersForNoChangedFile) {
-    const std::string strFile = m_install.WriteFile("file");
-    Remember(strFile);
+    Remember(m_strFile);
     (void)LocalCacheUnInit();
     fs::copy(m_install.Database(), m_install.Path("backup"));
     fs::remove(m_install.Path("engine/cache/morcache.key")); // another machine has another key
     Restart();
-    EXPECT_EQ(Lookup(strFile), Fooled());
-    Remember(strFile);
-    EXPECT_EQ(Lookup(strFile), TARN_OK); // everything misses once
+    EXPECT_EQ(Lookup(m_strFile), Fooled());
+    Remember(m_strFile);
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK); // everything misses once
 }

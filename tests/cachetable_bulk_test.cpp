@@ -48,17 +48,6 @@ TEST_F(BulkOperations, ExcessStartsAtAMillionRowsAndTakesTheOldest) {
                                             "(SELECT rowid FROM CT ORDER BY TS LIMIT 20005);].");
 }
 
-TEST_F(BulkOperations, ExpiryTakesRarelyUsedAndOldRowsBothLimitsIncluded) {
-    ASSERT_TRUE(Insert("values(1,0,0,0,0,3,5000000000,0,''),(2,0,0,0,0,4,5000000000,0,''),"
-                       "(3,0,0,0,0,3,5000000001,0,''),(4,0,0,0,0,0,-1,0,'')"));
-    int iDeleted = -1;
-    EXPECT_EQ((Results{m_table.DeleteExpireRecords(3, 5000000000, &iDeleted), iDeleted}), (Results{0, 2}));
-    EXPECT_EQ(Keys(), "2,3");
-    EXPECT_NE(RecordedLog::Texts(4)[0].find("delete from CT where QC<=3 and TS<=5000000000;"), std::string::npos);
-    EXPECT_EQ(m_table.DeleteExpireRecords(9, INT64_MAX, nullptr), 0U);
-    EXPECT_EQ(Keys(), "");
-}
-
 TEST_F(BulkOperations, EnginesAreBits32To47WhateverTheOthersAre) {
     const struct {
         std::set<int16_t> setEngines;

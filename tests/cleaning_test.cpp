@@ -4,7 +4,7 @@
 #include <fstream>
 
 namespace {
-constexpr int64_t kNow = 2000000000;
+constexpr int64_t kNow = 5000000000; // more than 32 bits hold
 constexpr int64_t kOld = kNow - 3600;
 } // namespace
 
@@ -14,8 +14,8 @@ TEST_F(Cleaning, ExpiryKeepsWhatIsUsedOrRecent) {
     const struct {
         const char *pszSettings, *pszKept, *pszLine;
     } cases[] = {
-        {"expiretime=2000000001\ndbquerycounts=10\n", "1,2,3,4,5,6,7", ""}, // not due
-        {"expiretime=2000000000\ndbquerycounts=10\n", "3,4,5,6,7", "iQueryTimes:3."},
+        {"expiretime=5000000001\ndbquerycounts=10\n", "1,2,3,4,5,6,7", ""}, // not due
+        {"expiretime=5000000000\ndbquerycounts=10\n", "3,4,5,6,7", "iQueryTimes:3."},
         {"expirepercent=0\ndbquerycounts=10\n", "2,3,4,5,6,7", "iQueryTimes:0."},
         {"expirepercent=100\ndbquerycounts=10\n", "4,7", "iQueryTimes:10."},          // no margin, but not the future
         {"expirepercent=100\ndbquerycounts=50000000\n", "7", "iQueryTimes:7050327."}, // 32 bits
@@ -51,7 +51,7 @@ TEST_F(Cleaning, APassMovesItsDateAndReplacesTheCount) {
         EXPECT_EQ(Statistics().ulWeedOutRuns, ulPass);
     }
     EXPECT_EQ(ReadWholeFile(m_install.Config()), "[cacheeng]\nexpireinterval=49712\ndbquerycounts=0\nforeign=1\n"
-                                                 "dbname=morcache.db\nexpiretime=2000495104\n");
+                                                 "dbname=morcache.db\nexpiretime=5000495104\n");
 }
 
 TEST_F(Cleaning, AFailedPassStaysDue) {
@@ -76,7 +76,7 @@ TEST_F(Cleaning, TheTimerTrimsToTheCapOldestFirstAndShrinksTheFile) {
     ASSERT_EQ(Start(), TARN_OK);
     ASSERT_TRUE(Run(InsertTexts({{-1}, {-2}})));
     ASSERT_EQ(Start(0), TARN_OK);
-    ASSERT_TRUE(WaitFor([this] { return ReadWholeFile(m_install.Config()).find("counts=1") != std::string::npos; }));
+    ASSERT_TRUE(WaitForFirstStart(m_install));
     EXPECT_EQ(TestLoop::TimerPeriod(), 1800000U);
     EXPECT_EQ(Statistics().ulWeedOutCount, 2U); // by the expiry pass
     const CSecondConnection other(m_install.Database());

@@ -1,53 +1,24 @@
 // What hosts ask of a running cache beyond lookup and add.
-#include "tests/agent_fixture.h"
+#include "tests/cache_fixture.h"
 
 #include <set>
-#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
-namespace {
-
-struct stat StatusOf(const std::string &strPath) {
-    struct stat status = {};
-    EXPECT_EQ(lstat(strPath.c_str(), &status), 0) << strPath;
-    return status;
-}
-
-} // namespace
-
-class HostWords : public testing::Test {
+class HostWords : public CCacheTest {
   protected:
-    HostWords() { RecordedLog::Clear(); }
-    ~HostWords() override { (void)LocalCacheUnInit(); }
-    uint32_t Add(const std::string &strPath, int32_t lEngine = 1, const std::string &strDesc = "", int iDigest = 7) {
-        const _SCAN_FILE_RESULT verdict = Verdict(lEngine, 1, strDesc);
-        const struct stat status = StatusOf(strPath);
-        return LocalCacheAddStat(strPath.c_str(), &status, DigestText(iDigest).c_str(), &verdict);
-    }
-    uint32_t Lookup(const std::string &strPath) { return LocalCacheLookup(strPath.c_str(), m_szMD5, &m_found); }
     // Starts with these files remembered: engine 1 or 2 by turns, digest 7 or 8 by turns, and described ones.
     void StartWith(int nFiles) {
-        ASSERT_EQ(LocalCacheInit(), TARN_OK);
-        // The start is counted behind its vacuum, which keeps other connections out.
-        ASSERT_TRUE(
-            WaitFor([this] { return ReadWholeFile(m_install.Config()).find("counts=1") != std::string::npos; }));
+        Start();
         for (int i = 0; i < nFiles; ++i) {
-            ASSERT_EQ(Add(m_install.WriteFile(std::to_string(i)), 1 + i % 2, i % 3 == 0 ? "Name" : "", 7 + i % 2),
-                      TARN_OK);
+            Remember(m_install.WriteFile(std::to_string(i)), Verdict(1 + i % 2, 1, i % 3 == 0 ? "Name" : ""),
+                     DigestText(7 + i % 2));
         }
-        ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
     }
     uint64_t Count(int iDigest) {
         uint64_t ullCount = 77;
         EXPECT_EQ(LocalCacheCountByFileHash(DigestText(iDigest).c_str(), &ullCount), TARN_OK);
         return ullCount;
-    }
-    _LOCAL_CACHE_INFO Info() {
-        _LOCAL_CACHE_INFO info = {};
-        info.size = sizeof info;
-        EXPECT_EQ(LocalCacheGetInfo(&info), TARN_OK);
-        return info;
     }
     Texts Findings() {
         Texts vecFindings;
@@ -58,24 +29,20 @@ class HostWords : public testing::Test {
         EXPECT_EQ(ulResult, vecFindings.empty() ? TARN_OK : TARN_E_FAIL);
         return vecFindings;
     }
-    const CTempInstall m_install;
-    char m_szMD5[TARN_MD5_TEXT_SIZE] = {};
-    _SCAN_FILE_RESULT m_found = {};
 };
 
 TEST_F(HostWords, AStatusFromTheCallerIsWhatCounts) {
-    const std::string strFile = m_install.WriteFile("file");
-    const struct stat before = StatusOf(strFile);
-    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    const struct stat before = StatusOf(m_strFile);
+    Start();
     m_install.WriteFile("file", "changed while it was scanned");
     const _SCAN_FILE_RESULT verdict = Verdict(1);
-    ASSERT_EQ(LocalCacheAddStat(strFile.c_str(), &before, DigestText(7).c_str(), &verdict), TARN_OK);
+    ASSERT_EQ(LocalCacheAddStat(m_strFile.c_str(), &before, DigestText(7).c_str(), &verdict), TARN_OK);
     ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
-    EXPECT_EQ(Lookup(strFile), TARN_NOT_CACHED);
-    EXPECT_EQ(LocalCacheLookupStat(strFile.c_str(), &before, m_szMD5, &m_found), TARN_OK);
-    EXPECT_EQ(LocalCacheLookupStat(strFile.c_str(), nullptr, m_szMD5, &m_found), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheAddStat(strFile.c_str(), nullptr, "", &verdict), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheLookupStat("relative", &before, m_szMD5, &m_found), TARN_E_FAIL);
+    EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
+    EXPECT_EQ(Lookup(m_strFile, before), TARN_OK);
+    EXPECT_EQ(Lookup("relative", before), TARN_E_FAIL);
+    EXPECT_EQ(LocalCacheLookupStat(m_strFile.c_str(), nullptr, m_szMD5, &m_found), TARN_E_INVALIDARG);
+    EXPECT_EQ(LocalCacheAddStat(m_strFile.c_str(), nullptr, "", &verdict), TARN_E_INVALIDARG);
 }
 
 TEST_F(HostWords, DeletionsTakeWhatTheyNameAndNothingElse) {
@@ -120,11 +87,12 @@ TEST_F(HostWords, EnumerationShowsEveryRecordOnceAndLetsOthersWork) {
     ASSERT_EQ(vecSeen.size(), 1200U);
     EXPECT_EQ(vecSeen.front().liPathHash, 7);
     EXPECT_EQ(vecSeen.back().liPathHash, 8400);
-    EXPECT_EQ(vecSeen[600].lEngineCode, 3);
-    EXPECT_EQ(vecSeen[600].ulFlags, 0x2001U);
-    EXPECT_EQ(vecSeen[600].ulQueryCount, 2U);
-    EXPECT_EQ(vecSeen[600].liTimeStamp, 99);
-    EXPECT_STREQ(vecSeen[600].szPathIndex, "/ab");
+    const _LOCAL_CACHE_RECORD &record = vecSeen[600];
+    EXPECT_EQ(record.lEngineCode, 3);
+    EXPECT_EQ(record.ulFlags, 0x2001U);
+    EXPECT_EQ(record.ulQueryCount, 2U);
+    EXPECT_EQ(record.liTimeStamp, 99);
+    EXPECT_STREQ(record.szPathIndex, "/ab");
     vecSeen.resize(1299);
     EXPECT_EQ(LocalCacheEnumerate(note, &vecSeen), TARN_OK);
     EXPECT_EQ(vecSeen.size(), 1300U); // ended early
@@ -132,22 +100,15 @@ TEST_F(HostWords, EnumerationShowsEveryRecordOnceAndLetsOthersWork) {
 
 TEST_F(HostWords, AnExplanationTellsWhyALookupWouldNotAnswer) {
     StartWith(3);
-    const auto reason = [this](const std::string &strName) {
-        _LOCAL_CACHE_EXPLANATION told = {};
-        told.size = sizeof told;
-        EXPECT_EQ(LocalCacheExplain(m_install.Path(strName).c_str(), &told), TARN_OK);
-        EXPECT_EQ(told.ulHasRecord, told.ulReason == TARN_WHY_UNKNOWN ? 0U : 1U);
-        return told.ulReason;
-    };
-    EXPECT_EQ(reason("1"), TARN_WHY_KNOWN);
-    EXPECT_EQ(reason("lib"), TARN_WHY_UNKNOWN);
+    EXPECT_EQ(Reason(m_install.Path("1")), TARN_WHY_KNOWN);
+    EXPECT_EQ(Reason(m_install.Path("lib")), TARN_WHY_UNKNOWN);
     m_install.WriteFile("1", "longer than before");
-    EXPECT_EQ(reason("1"), TARN_WHY_CHANGED);
+    EXPECT_EQ(Reason(m_install.Path("1")), TARN_WHY_CHANGED);
     fs::remove(m_install.Path("2"));
-    EXPECT_EQ(reason("2"), TARN_WHY_GONE);
+    EXPECT_EQ(Reason(m_install.Path("2")), TARN_WHY_GONE);
     EXPECT_EQ(Info().ullHits, 0U);
     ASSERT_TRUE(CSecondConnection(m_install.Database()).Run("update CT set FTV = FTV | (9 << 48) where FTV >= 0"));
-    EXPECT_EQ(reason("0"), TARN_WHY_DAMAGED);
+    EXPECT_EQ(Reason(m_install.Path("0")), TARN_WHY_DAMAGED);
     EXPECT_TRUE(RecordedLog::Texts(2).empty());
 }
 
@@ -189,18 +150,18 @@ TEST_F(HostWords, TheCheckFindsWhatIsWrongAndChangesNothing) {
 TEST_F(HostWords, AWalkTellsWhereItIs) {
     StartWith(1);
     static std::set<std::string> s_setFolders; // the function may not carry state of its own
-    const auto note = [](const char *pszFolder, void *) { s_setFolders.insert(pszFolder); };
-    _CacheFileInfo *pInfos = nullptr;
-    uint64_t ullCount = 0;
-    ASSERT_EQ(LocalCacheSetFindProgress(note, nullptr), TARN_OK);
-    ASSERT_EQ(LocalCacheFindFilesByHash(DigestText(7).c_str(), 1, &pInfos, &ullCount), TARN_OK);
-    LocalCacheFree(pInfos, ullCount);
+    const auto walk = [](void (*onFolder)(const char *, void *)) {
+        _CacheFileInfo *pInfos = nullptr;
+        uint64_t ullCount = 0;
+        s_setFolders.clear();
+        ASSERT_EQ(LocalCacheSetFindProgress(onFolder, nullptr), TARN_OK);
+        ASSERT_EQ(LocalCacheFindFilesByHash(DigestText(7).c_str(), 1, &pInfos, &ullCount), TARN_OK);
+        LocalCacheFree(pInfos, ullCount);
+    };
+    walk([](const char *pszFolder, void *) { s_setFolders.insert(pszFolder); });
     EXPECT_EQ(s_setFolders.count("/"), 1U);
     EXPECT_EQ(s_setFolders.count(m_install.Path("")), 1U);
-    s_setFolders.clear();
-    ASSERT_EQ(LocalCacheSetFindProgress(nullptr, nullptr), TARN_OK);
-    ASSERT_EQ(LocalCacheFindFilesByHash(DigestText(7).c_str(), 1, &pInfos, &ullCount), TARN_OK);
-    LocalCacheFree(pInfos, ullCount);
+    walk(nullptr);
     EXPECT_TRUE(s_setFolders.empty());
 }
 

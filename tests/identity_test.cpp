@@ -7,44 +7,39 @@
 namespace fs = std::filesystem;
 
 using Identity = ProtectTest;
-INSTANTIATE_TEST_SUITE_P(Cache, Identity, testing::Values(true), [](const auto &) { return "Protected"; });
+INSTANTIATE_TEST_SUITE_P(Cache, Identity, testing::Values(true), NameOfParameter);
 
 TEST_P(Identity, OlderRecordsMissUntilTheyAreReplaced) {
-    const std::string strFile = m_install.WriteFile("file");
     Restart(false);
-    Remember(strFile);
+    Remember(m_strFile);
     Restart();
-    EXPECT_EQ(Lookup(strFile), TARN_NOT_CACHED);
-    _LOCAL_CACHE_EXPLANATION told = {};
-    told.size = sizeof told;
-    EXPECT_EQ(LocalCacheExplain(strFile.c_str(), &told), TARN_OK);
-    EXPECT_EQ(told.ulReason, TARN_WHY_OTHER);
-    Remember(strFile);
-    EXPECT_EQ(Lookup(strFile), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
+    EXPECT_EQ(Reason(m_strFile), TARN_WHY_OTHER);
+    Remember(m_strFile);
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
 }
 
 TEST_P(Identity, CodesGoWithTheirRecordsHoweverTheseAreDeleted) {
     const CSecondConnection other(m_install.Database());
     const auto count = [&] { return other.Number("select count(*) from CIT"); };
-    const std::string strFile = m_install.WriteFile("file");
     const std::pair<const char *, std::function<uint32_t()>> deletions[] = {
-        {"path", [&] { return LocalCacheDeleteByPath(strFile.c_str()); }},
+        {"path", [&] { return LocalCacheDeleteByPath(m_strFile.c_str()); }},
         {"engine", [] { return LocalCacheDeleteByEngine(1); }},
         {"digest", [] { return LocalCacheDeleteByFileHash(DigestText(7).c_str()); }},
         {"all", [] { return LocalCacheClear(); }},
     };
     for (const auto &[pszName, deletion] : deletions) {
-        Remember(strFile);
+        Remember(m_strFile);
         ASSERT_TRUE(WaitFor([&] { return count() == 1; })) << pszName;
         EXPECT_EQ(deletion(), TARN_OK) << pszName;
         EXPECT_EQ(count(), 0) << pszName;
     }
-    Remember(strFile);
+    Remember(m_strFile);
     ASSERT_TRUE(other.Run("with recursive n(i) as (select 1 union all select i + 1 from n where i < 5000) "
                           "insert into CIT select i, zeroblob(16) from n")); // left by a library without codes
     Restart();
     EXPECT_TRUE(WaitFor([&] { return count() == 1; }));
-    EXPECT_EQ(Lookup(strFile), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
 }
 
 TEST_P(Identity, TheKeyIsPrivateAndOneThatWasNotIsReplaced) {
@@ -70,7 +65,7 @@ TEST_P(Identity, NoFlippedBitOfTheDatabaseGivesAWrongAnswer) {
     std::vector<std::string> vecFiles;
     for (int i = 0; i < 8; ++i) {
         vecFiles.push_back(m_install.WriteFile(std::to_string(i)));
-        Remember(vecFiles.back(), i % 2 == 0 ? "Virus." + std::to_string(i) : "");
+        Remember(vecFiles.back(), Verdict(1, 1, i % 2 == 0 ? "Virus." + std::to_string(i) : ""));
     }
     (void)LocalCacheUnInit();
     const std::string strGood = ReadWholeFile(m_install.Database());

@@ -20,22 +20,6 @@ extern "C" __attribute__((visibility("default"))) unsigned int sleep(unsigned in
 class Invalidation : public CAgentTest {
   protected:
     Invalidation() { g_onYield = nullptr; }
-    static std::string Encipher(std::string strText) {
-        RC4_STATE state = {};
-        unsigned char abBlock[256] = {}; // becomes what every block is combined with
-        RC4_set_key(&state, 14, reinterpret_cast<const unsigned char *>("fourteen bytes"));
-        RC4_crypt(&state, sizeof abBlock, abBlock, abBlock);
-        for (size_t i = 0; i < strText.size(); ++i) {
-            strText[i] = static_cast<char>(strText[i] ^ abBlock[i % sizeof abBlock]);
-        }
-        return strText;
-    }
-    void LeaveList(const std::string &strText) const {
-        m_install.WriteFile("config/business.ini", "[avscan]\nmor_secret=666f75727465656e206279746573\n");
-        (void)chmod(m_install.Path("config/business.ini").c_str(), 0600);
-        m_install.WriteFile("engine/kelmorehash/update_cache.dat", Encipher(strText));
-        m_install.WriteFile("engine/clean_engine_hash_flag");
-    }
     // Rows with the keys and digests from 1 to nRows, and one without a digest; the list names them all.
     void StartWithRows(int nRows) {
         ASSERT_EQ(Start(), TARN_OK);
@@ -46,7 +30,7 @@ class Invalidation : public CAgentTest {
             strList += DigestText(i) + "\n";
         }
         ASSERT_TRUE(Run(InsertTexts(vecRows)));
-        LeaveList(strList);
+        LeaveList(m_install, strList);
     }
     void WatchBatches() {
         g_onStatement = [this](const std::string &strText) {
@@ -142,7 +126,7 @@ TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
     for (const auto &[ulResult, liDeleted, strText] : cases) {
         SCOPED_TRACE(strText);
         StartWithRows(10);
-        LeaveList(strText);
+        LeaveList(m_install, strText);
         EXPECT_EQ(m_pAgent->DeleteCacheRecordsByFileMD5(), ulResult);
         EXPECT_EQ(Rows(), 11 - liDeleted);
         EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), ulResult == TARN_OK ? TARN_OK : TARN_E_FAIL);
@@ -171,7 +155,7 @@ TEST_F(Invalidation, WhatIsNoReadableListIsLeftOrRemovedByName) {
          {strFunction + "fopen " + m_strList + " failed"}},
     };
     for (const auto &[place, vecLines] : cases) {
-        LeaveList("");
+        LeaveList(m_install, "");
         fs::remove(m_strList);
         ASSERT_EQ(place(), 0);
         RecordedLog::Clear();
@@ -197,7 +181,7 @@ TEST_F(Invalidation, ALongListIsCutIntoBatchesAndAFailedOneIsRolledBackAlone) {
               0U);
     const CSecondConnection reader(m_install.Database()); // no commit while it reads
     ASSERT_TRUE(reader.Run("drop trigger T; begin; select * from CT"));
-    LeaveList("e:1\n" + DigestText(1500));
+    LeaveList(m_install, "e:1\n" + DigestText(1500));
     EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), TARN_OK);
     EXPECT_EQ(m_vecBatches, (Texts{"1 commit;", "1 commit;", "1 rollback;"})); // tried once more
 }

@@ -1,20 +1,16 @@
 // The start for questions alone.
-#include "tests/agent_fixture.h"
+#include "tests/cache_fixture.h"
 
 namespace fs = std::filesystem;
 
-class Reader : public testing::Test {
+class Reader : public CCacheTest {
   protected:
-    Reader() { RecordedLog::Clear(); }
-    ~Reader() override { (void)LocalCacheUnInit(); }
     // A database with one remembered file.
     void Remember() {
-        _SCAN_FILE_RESULT verdict = Verdict(48, 1, "Name");
         ASSERT_EQ(LocalCacheInit(), TARN_OK);
-        ASSERT_EQ(LocalCacheAdd(m_strFile.c_str(), DigestText(7).c_str(), &verdict), TARN_OK);
+        ASSERT_EQ(Add(m_strFile, Verdict(48, 1, "Name")), TARN_OK);
         ASSERT_EQ(LocalCacheUnInit(), TARN_OK);
     }
-    uint32_t Lookup() { return LocalCacheLookup(m_strFile.c_str(), m_szMD5, &m_found); }
     std::string Listing() const {
         std::string strListing;
         for (const auto &entry : fs::recursive_directory_iterator(m_install.Path(""))) {
@@ -24,15 +20,11 @@ class Reader : public testing::Test {
         }
         return strListing;
     }
-    const CTempInstall m_install;
-    const std::string m_strFile = m_install.WriteFile("file");
-    char m_szMD5[TARN_MD5_TEXT_SIZE] = {};
-    _SCAN_FILE_RESULT m_found = {};
 };
 
 TEST_F(Reader, MakesNothingWhereThereIsNoDatabase) {
-    const std::string strBefore = Listing();
     EXPECT_EQ(LocalCacheInitReader(), TARN_NOT_CACHED);
+    EXPECT_TRUE(fs::is_empty(m_install.Path("engine/cache")));
     fs::remove(m_install.Path("engine/cache"));
     EXPECT_EQ(LocalCacheInitReader(), TARN_NOT_CACHED);
     EXPECT_FALSE(Exists(m_install.Path("engine/cache")));
@@ -49,21 +41,19 @@ TEST_F(Reader, AnswersQuestionsAndRefusesChanges) {
     m_install.WriteFile("config/tarncfg.ini", "[cacheeng]\ndiskthreshold=2000000000\n"); // room that no disk has
     const std::string strBefore = Listing();
     ASSERT_EQ(LocalCacheInitReader(), TARN_OK);
-    EXPECT_EQ(Lookup(), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
     EXPECT_STREQ(m_found.szVirusDesc, "Name");
     uint64_t ullCount = 0;
     EXPECT_EQ(LocalCacheCountByFileHash(DigestText(7).c_str(), &ullCount), TARN_OK);
     EXPECT_EQ(ullCount, 1U);
     EXPECT_EQ(LocalCacheWaitReady(0), TARN_OK);
     EXPECT_EQ(LocalCacheCheck(nullptr, nullptr), TARN_E_FAIL); // would keep writers waiting
-    _LOCAL_CACHE_INFO info = {};
-    info.size = sizeof info;
-    EXPECT_EQ(LocalCacheGetInfo(&info), TARN_OK);
+    const _LOCAL_CACHE_INFO info = Info();
     EXPECT_EQ(info.ullRecords, 1U);
     EXPECT_EQ(info.ullHits, 0U); // not counted
     EXPECT_EQ(info.ulMode, TARN_MODE_READER);
     const struct stat status = {};
-    EXPECT_EQ(LocalCacheAdd(m_strFile.c_str(), "", &m_found), TARN_E_FAIL);
+    EXPECT_EQ(Add(m_strFile), TARN_E_FAIL);
     EXPECT_EQ(LocalCacheAddStat(m_strFile.c_str(), &status, "", &m_found), TARN_E_FAIL);
     EXPECT_EQ(LocalCacheDeleteByFileHash(DigestText(7).c_str()), TARN_E_FAIL);
     EXPECT_EQ(LocalCacheDeleteByEngine(48), TARN_E_FAIL);
@@ -80,9 +70,9 @@ TEST_F(Reader, WorksBesideAWriterOfAnotherProcess) {
     const CSecondConnection other(m_install.Database());
     ASSERT_TRUE(other.Run("begin immediate; update CT set QC = 5"));
     ASSERT_EQ(LocalCacheInitReader(), TARN_OK);
-    EXPECT_EQ(Lookup(), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
     EXPECT_TRUE(other.Run("commit")); // nothing of the reader's is in its way
-    EXPECT_EQ(Lookup(), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
 }
 
 TEST_F(Reader, LeavesWhatItCannotReadAsItIs) {

@@ -137,7 +137,8 @@ TEST_F(Tables, BusyDatabaseIsWaitedForAsOftenAsEachOperationSays) {
 }
 
 TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
-    _CacheRecordEx record = {{INT64_MIN, -1, 0x7766554433221100, -2, INT64_MAX, 41, 5000000000, 15, "/abcd"}, "behind"};
+    _CacheRecordEx record = {{INT64_MIN, -1, 0x7766554433221100, -2, INT64_MAX, 41, 5000000000, 15, "/abcd", {}},
+                             "behind"};
     ASSERT_EQ(cache.InsertRecord(&record), 0U);
     EXPECT_EQ(db.Text("select FPH||' '||FAH||' '||FTV||' '||FHMD||' '||FLMD||' '||QC||' '||TS||' '||RS||' '||"
                       "typeof(FFI)||' '||FFI from CT"),
@@ -152,7 +153,7 @@ TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
     read.liFilePathHash = 5;
     EXPECT_EQ(cache.InsertRecord(&read), 0U);
     EXPECT_EQ(db.Number("select count(*) from (select distinct FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI from CT)"), 1);
-    _CacheRecord replacement = {5, 1, 2, 3, 4, 0, 6, 7, ""};
+    _CacheRecord replacement = {5, 1, 2, 3, 4, 0, 6, 7, "", {}};
     EXPECT_EQ((Results{cache.InsertRecord(&replacement), cache.QueryRecord(&read)}), (Results{0, 0}));
     EXPECT_STREQ(read.szFilePathIndex, "");
     EXPECT_EQ(db.Text("select FAH||FTV||FHMD||FLMD||QC||TS||RS||typeof(FFI)||length(FFI) from CT where FPH = 5"),
@@ -227,7 +228,7 @@ TEST_F(Tables, AnExistingTableServesAConnectionForReading) {
                        "drop table VDT; create table VDT(VID text primary key)"));
     const CSecondConnection reading("file:" + install.Database() + "?mode=ro");
     CCacheTable table(reading.m_pDB);
-    _CacheRecord record = {1, 0, 0, 0, 0, 0, 0, 0, ""};
+    _CacheRecord record = {1, 0, 0, 0, 0, 0, 0, 0, "", {}};
     EXPECT_EQ((Results{table.OpenExisting(), table.QueryRecord(&record), record.lFileAttrHash}), (Results{0, 0, 2}));
     EXPECT_EQ((Results{table.InsertRecord(&record), CVirusTable(reading.m_pDB).OpenExisting(),
                        CVersionTable(reading.m_pDB).OpenExisting()}),

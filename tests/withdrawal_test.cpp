@@ -5,17 +5,6 @@ namespace fs = std::filesystem;
 
 class Withdrawal : public ProtectTest {
   protected:
-    void LeaveList(const std::string &strText) {
-        m_install.WriteFile("config/business.ini", "[avscan]\nmor_secret=666f75727465656e206279746573\n");
-        (void)chmod(m_install.Path("config/business.ini").c_str(), 0600);
-        std::string strList = strText;
-        RC4_STATE state = {};
-        RC4_set_key(&state, 14, reinterpret_cast<const unsigned char *>("fourteen bytes"));
-        auto *pList = reinterpret_cast<unsigned char *>(strList.data());
-        RC4_crypt(&state, strList.size(), pList, pList);
-        m_install.WriteFile("engine/kelmorehash/update_cache.dat", strList);
-        m_install.WriteFile("engine/clean_engine_hash_flag");
-    }
     std::string Left() const {
         std::string strLeft;
         for (const char *pszName : {"clean_engine_flag", "clean_engine_flag.taken", "clean_engine_hash_flag",
@@ -24,22 +13,20 @@ class Withdrawal : public ProtectTest {
         }
         return strLeft;
     }
-    const std::string m_strFile = m_install.WriteFile("file");
     const std::string m_strDigests = "engine:1\n" + DigestText(7) + "\n";
 };
 
-INSTANTIATE_TEST_SUITE_P(Cache, Withdrawal, testing::Bool(),
-                         [](const auto &info) { return info.param ? "Protected" : "Unprotected"; });
+INSTANTIATE_TEST_SUITE_P(Cache, Withdrawal, testing::Bool(), NameOfParameter);
 
 // A trigger makes every deletion fail, as a full disk or another process's lock would.
 TEST_P(Withdrawal, ThatCannotBeDeletedAnswersNoMore) {
     for (const bool bList : {false, true}) {
         SCOPED_TRACE(bList);
-        Remember(m_strFile, "", 48);
+        Remember(m_strFile, Verdict(48));
         (void)LocalCacheUnInit();
         const CSecondConnection other(m_install.Database());
         ASSERT_TRUE(other.Run("create trigger T before delete on CT begin select raise(abort, 'no'); end"));
-        bList ? LeaveList(m_strDigests) : (void)m_install.WriteFile("engine/clean_engine_flag");
+        bList ? LeaveList(m_install, m_strDigests) : (void)m_install.WriteFile("engine/clean_engine_flag");
         Restart();
         EXPECT_EQ(Lookup(m_strFile), Fooled());
         Restart(); // over a restart too
@@ -50,7 +37,7 @@ TEST_P(Withdrawal, ThatCannotBeDeletedAnswersNoMore) {
         Restart();
         EXPECT_EQ(Left(), "");
         EXPECT_EQ(other.Number("select count(*) from CT"), GetParam() ? 0 : 1); // at last
-        Remember(m_strFile, "", 48);
+        Remember(m_strFile, Verdict(48));
         EXPECT_EQ(Lookup(m_strFile), TARN_OK); // a new verdict answers again
     }
 }
@@ -58,26 +45,19 @@ TEST_P(Withdrawal, ThatCannotBeDeletedAnswersNoMore) {
 TEST_P(Withdrawal, ALookupBeforeTheWriterHasReadTheListIsNotAnswered) {
     Remember(m_strFile);
     (void)LocalCacheUnInit();
-    LeaveList(m_strDigests);
-    std::atomic<bool> bLetGo = false;
-    g_onStatement = [&](const std::string &strText) {
-        EXPECT_TRUE(strText.rfind("delete", 0) != 0 || WaitFor([&] { return bLetGo.load(); }));
-    };
-    g_bWatch = true;
+    LeaveList(m_install, m_strDigests);
+    TestLoop::FailThreads(EAGAIN); // a writer that never comes so far
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
-    g_bWatch = false;
     EXPECT_EQ(Lookup(m_strFile), Fooled());
-    bLetGo = true;
-    EXPECT_EQ(LocalCacheWaitReady(60000), TARN_OK);
+    TestLoop::FailThreads(0);
+    Restart();
     EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
-    (void)LocalCacheUnInit();
-    g_onStatement = nullptr;
 }
 
 TEST_P(Withdrawal, AListThatIsNoneStaysAndHoldsNobodyUp) {
     Remember(m_strFile);
     (void)LocalCacheUnInit();
-    LeaveList("no version line\n");
+    LeaveList(m_install, "no version line\n");
     const std::string strList = ReadWholeFile(m_install.Path("engine/kelmorehash/update_cache.dat"));
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
     EXPECT_EQ(LocalCacheWaitReady(60000), TARN_E_FAIL);
