@@ -2,7 +2,6 @@
 // that its case can fail, and fails with it.
 #include "tests/protect_fixture.h"
 
-#include <array>
 #include <fstream>
 
 namespace fs = std::filesystem;
@@ -10,38 +9,28 @@ namespace fs = std::filesystem;
 namespace {
 
 uint32_t AttrHash(int64_t liSize, int64_t liSecond) {
-    const std::array<int64_t, 2> aliBlock = {liSize, liSecond};
-    return Crc32(0, reinterpret_cast<const unsigned char *>(aliBlock.data()), sizeof aliBlock);
+    const int64_t aliBlock[] = {liSize, liSecond};
+    return Crc32(0, reinterpret_cast<const unsigned char *>(aliBlock), sizeof aliBlock);
 }
 
 // A size below 2^44 bytes that gives the wanted hash at that second. A CRC is linear over the bits of the size, so this
 // is a small system of equations.
 int64_t ForgeSize(uint32_t ulWanted, int64_t liSecond) {
-    struct _Row {
-        uint32_t ulHash;
-        int64_t liSize;
+    std::map<uint32_t, int64_t, std::greater<>> mapBasis; // what a change of the size changes in the hash
+    const auto reduce = [&](std::pair<uint32_t, int64_t> row) {
+        for (const auto &[ulHash, liSize] : mapBasis) {
+            if ((row.first ^ ulHash) < row.first) {
+                row = {row.first ^ ulHash, row.second ^ liSize};
+            }
+        }
+        return row;
     };
-    std::vector<_Row> vecBasis;
     const uint32_t ulZero = AttrHash(0, liSecond);
-    _Row target = {ulWanted ^ ulZero, 0};
-    for (int iBit = 0; iBit < 44; ++iBit) {
-        _Row row = {AttrHash(int64_t{1} << iBit, liSecond) ^ ulZero, int64_t{1} << iBit};
-        for (const _Row &base : vecBasis) {
-            row = (row.ulHash ^ base.ulHash) < row.ulHash ? _Row{row.ulHash ^ base.ulHash, row.liSize ^ base.liSize}
-                                                          : row;
-        }
-        if (row.ulHash != 0) {
-            vecBasis.push_back(row);
-            std::sort(vecBasis.begin(), vecBasis.end(),
-                      [](const _Row &a, const _Row &b) { return a.ulHash > b.ulHash; });
-        }
+    for (int64_t liBit = 1; liBit < int64_t{1} << 44; liBit *= 2) {
+        mapBasis.insert(reduce({AttrHash(liBit, liSecond) ^ ulZero, liBit}));
     }
-    for (const _Row &base : vecBasis) {
-        if ((target.ulHash ^ base.ulHash) < target.ulHash) {
-            target = {target.ulHash ^ base.ulHash, target.liSize ^ base.liSize};
-        }
-    }
-    return target.ulHash == 0 ? target.liSize : -1;
+    const auto [ulRest, liSize] = reduce({ulWanted ^ ulZero, 0});
+    return ulRest == 0 ? liSize : -1;
 }
 
 uint32_t FolderCrc(const std::string &strFolder) {

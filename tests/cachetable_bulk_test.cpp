@@ -49,22 +49,20 @@ TEST_F(BulkOperations, ExcessStartsAtAMillionRowsAndTakesTheOldest) {
 }
 
 TEST_F(BulkOperations, EnginesAreBits32To47WhateverTheOthersAre) {
-    const struct {
-        std::set<int16_t> setEngines;
-        const char *pszText, *pszLeft;
-    } cases[] = {{{}, "()", "1,2,3,4,5,6"},
-                 {{5}, "(5)", "3,4,5,6"},
-                 {{12, 7, 0}, "(0,7,12)", "1,2,5,6"},
-                 {{-3, INT16_MIN, INT16_MAX}, "(-32768,-3,32767)", "1,2,3,4,5,6"}}; // never a negative one
-    for (auto entry : cases) {
+    const std::tuple<std::set<int16_t>, const char *, const char *> cases[] = {
+        {{}, "()", "1,2,3,4,5,6"},
+        {{5}, "(5)", "3,4,5,6"},
+        {{12, 7, 0}, "(0,7,12)", "1,2,5,6"},
+        {{-3, INT16_MIN, INT16_MAX}, "(-32768,-3,32767)", "1,2,3,4,5,6"}}; // never a negative one
+    for (auto [setEngines, pszText, pszLeft] : cases) {
         ASSERT_TRUE(m_db.Run("delete from CT"));
         for (const int64_t liVerdict : {PackVerdict(0, 5, 0), PackVerdict(~0U, 5, -1), PackVerdict(5, 7, 5),
                                         PackVerdict(5, 0, 5), PackVerdict(0, -3, 0), PackVerdict(0, 0x105, 5)}) {
             ASSERT_TRUE(Insert("select count(*)+1,0," + std::to_string(liVerdict) + ",0,0,0,0,0,'' from CT"));
         }
-        EXPECT_EQ(m_table.EngineSetToStr(entry.setEngines), entry.pszText);
-        EXPECT_EQ(m_table.BatchDeleteRecordsByEngineIds(entry.setEngines), 1) << entry.pszText;
-        EXPECT_EQ(Keys(), entry.pszLeft) << entry.pszText;
+        EXPECT_EQ(m_table.EngineSetToStr(setEngines), pszText);
+        EXPECT_EQ(m_table.BatchDeleteRecordsByEngineIds(setEngines), 1) << pszText;
+        EXPECT_EQ(Keys(), pszLeft) << pszText;
     }
 }
 

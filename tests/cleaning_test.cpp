@@ -11,9 +11,7 @@ constexpr int64_t kOld = kNow - 3600;
 using Cleaning = CAgentTest;
 
 TEST_F(Cleaning, ExpiryKeepsWhatIsUsedOrRecent) {
-    const struct {
-        const char *pszSettings, *pszKept, *pszLine;
-    } cases[] = {
+    const char *const cases[][3] = {
         {"expiretime=5000000001\ndbquerycounts=10\n", "1,2,3,4,5,6,7", ""}, // not due
         {"expiretime=5000000000\ndbquerycounts=10\n", "3,4,5,6,7", "iQueryTimes:3."},
         {"expirepercent=0\ndbquerycounts=10\n", "2,3,4,5,6,7", "iQueryTimes:0."},

@@ -24,12 +24,9 @@ class Config : public testing::Test {
         m_config = {};
         m_install.WriteFile("config/tarncfg.ini", strText);
         EXPECT_EQ(ReadDBConfig(&m_config), TARN_OK) << strText;
-        return {static_cast<int64_t>(m_config.liDiskThreshold),
-                m_config.lCacheSize,
-                m_config.liExpireTime,
-                m_config.lExpireInterval,
-                m_config.lDBQueryCounts,
-                m_config.lExpirePercent};
+        const auto liDiskThreshold = static_cast<int64_t>(m_config.liDiskThreshold);
+        return {liDiskThreshold,          m_config.lCacheSize,     m_config.liExpireTime,
+                m_config.lExpireInterval, m_config.lDBQueryCounts, m_config.lExpirePercent};
     }
     const CTempInstall m_install;
     const std::string m_strDir = m_install.Path("engine/cache/");
@@ -54,18 +51,16 @@ TEST_F(Config, MissingKeysTakeDefaultsAndAMissingFolderIsMade) {
 }
 
 TEST_F(Config, EveryKeyIsParsedIntoItsField) {
-    const struct {
-        std::string strSettings;
-        Numbers vecExpected;
-    } cases[] = {{"cachesize=-2000\nexpireinterval=7\ndbquerycounts=3", {500, -2000, 0, 7, 3, 30}},
-                 {"cachesize=many\nexpireinterval=-1", {500, 0, 0, 4294967295, 0, 30}},
-                 {"cachesize=4294967297\nexpirepercent=100", {500, 1, 0, 90, 0, 100}},
-                 {"diskthreshold=1\nexpirepercent=250", {1048576, 8000, 0, 90, 0, 100}},
-                 {"diskthreshold=-1\nexpirepercent=-1", {-1048576, 8000, 0, 90, 0, 100}},
-                 {"diskthreshold=2147483648\nexpirepercent=0", {-2251799813685248, 8000, 0, 90, 0, 0}},
-                 {"expiretime=9223372036854775807", {500, 8000, 9223372036854775807, 90, 0, 30}}};
-    for (const auto &entry : cases) {
-        EXPECT_EQ(Read("[cacheeng]\n" + entry.strSettings + "\n"), entry.vecExpected) << entry.strSettings;
+    const std::pair<std::string, Numbers> cases[] = {
+        {"cachesize=-2000\nexpireinterval=7\ndbquerycounts=3", {500, -2000, 0, 7, 3, 30}},
+        {"cachesize=many\nexpireinterval=-1", {500, 0, 0, 4294967295, 0, 30}},
+        {"cachesize=4294967297\nexpirepercent=100", {500, 1, 0, 90, 0, 100}},
+        {"diskthreshold=1\nexpirepercent=250", {1048576, 8000, 0, 90, 0, 100}},
+        {"diskthreshold=-1\nexpirepercent=-1", {-1048576, 8000, 0, 90, 0, 100}},
+        {"diskthreshold=2147483648\nexpirepercent=0", {-2251799813685248, 8000, 0, 90, 0, 0}},
+        {"expiretime=9223372036854775807", {500, 8000, 9223372036854775807, 90, 0, 30}}};
+    for (const auto &[strSettings, vecExpected] : cases) {
+        EXPECT_EQ(Read("[cacheeng]\n" + strSettings + "\n"), vecExpected) << strSettings;
     }
     (void)Read("[cacheeng]\ndbname=" + std::string(200, 'n') + "\n");
     EXPECT_EQ(m_config.szDBName, std::string(63, 'n'));

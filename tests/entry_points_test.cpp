@@ -102,32 +102,29 @@ TEST_F(EntryPoints, AStartWithoutAWriterKeepsNothing) {
 }
 
 TEST_F(EntryPoints, GiveBackTheVerdictAndTouchNothingElse) {
-    const struct {
-        uint32_t ulFlags;
-        int32_t lCode, lCodeBack;
-        std::string strDesc;
-    } cases[] = {{0xFFFFFF00, 0x0001FFFD, -3, "Win.Test.A"},
-                 {0x0001E000, 0x7FFF, 0x7FFF, ""},                                   // state 15
-                 {0x00022000, INT32_MIN, 0, std::string(TARN_VIRUS_DESC_SIZE, 'x')}, // state 17; text without an end
-                 {0x12345600, -32768, -32768, "a'b\n\xff;--"}};
+    const std::tuple<uint32_t, int32_t, int32_t, std::string> cases[] = {
+        {0xFFFFFF00, 0x0001FFFD, -3, "Win.Test.A"},
+        {0x0001E000, 0x7FFF, 0x7FFF, ""},                                   // state 15
+        {0x00022000, INT32_MIN, 0, std::string(TARN_VIRUS_DESC_SIZE, 'x')}, // state 17; text without an end
+        {0x12345600, -32768, -32768, "a'b\n\xff;--"}};
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
-    for (const auto &entry : cases) {
+    for (const auto &[ulFlags, lCode, lCodeBack, strDesc] : cases) {
         _SCAN_FILE_RESULT in, expected, out;
         std::memset(&in, 0xA5, sizeof in);
         std::memset(&expected, 0x5C, sizeof expected);
-        in.lEngineCode = entry.lCode;
-        in.ulFlags = entry.ulFlags;
-        std::memcpy(in.szVirusDesc, entry.strDesc.c_str(), std::min<size_t>(entry.strDesc.size() + 1, 64));
+        in.lEngineCode = lCode;
+        in.ulFlags = ulFlags;
+        std::memcpy(in.szVirusDesc, strDesc.c_str(), std::min<size_t>(strDesc.size() + 1, 64));
         Remember(m_strFile, in, "00112233445566778899AABBCCDDEEFF");
         out = expected;
         std::string strMD5(TARN_MD5_TEXT_SIZE + 1, '#');
         ASSERT_EQ(LocalCacheLookup(m_strFile.c_str(), strMD5.data(), &out), TARN_OK);
         EXPECT_EQ(strMD5, kMD5A + std::string("\0#", 2));
-        EXPECT_EQ(out.szVirusDesc, entry.strDesc.substr(0, TARN_VIRUS_DESC_SIZE - 1));
-        expected.lEngineCode = entry.lCodeBack;
-        expected.ulFlags = entry.ulFlags & ~0x00020000U; // the state's top bit is not kept
+        EXPECT_EQ(out.szVirusDesc, strDesc.substr(0, TARN_VIRUS_DESC_SIZE - 1));
+        expected.lEngineCode = lCodeBack;
+        expected.ulFlags = ulFlags & ~0x00020000U; // the state's top bit is not kept
         std::memcpy(expected.szVirusDesc, out.szVirusDesc, sizeof expected.szVirusDesc);
-        EXPECT_EQ(std::memcmp(&out, &expected, sizeof out), 0) << std::hex << entry.ulFlags;
+        EXPECT_EQ(std::memcmp(&out, &expected, sizeof out), 0) << std::hex << ulFlags;
     }
 }
 

@@ -37,18 +37,15 @@ TEST(AttrHash, CoversSizeAndStatusChangeTimeOfTheLinkItself) {
 }
 
 TEST(PathIndex, TakesTheFirstCharacterOfEachDirectoryAndNothingMore) {
-    const struct {
-        const char *pszPath;
-        uint32_t ulMaxLength;
-        const char *pszExpected; // '#' is what the buffer held before
-    } cases[] = {{"/usr/lib/x.so", 5, "/ul####"}, {"/a/b/c/d/e/f", 5, "/abcd##"}, {"/a/b/c/d/e/f", 3, "/ab####"},
-                 {"/a//b/c", 5, "/a/b###"},       {"/x", 5, "/######"},           {"/", 5, "/######"},
-                 {"/dir/sub/", 5, "/d#####"},     {"usr/lib/x", 5, "usl####"},    {"/a/b/c", 0, "/######"},
-                 {"/a/b/c", 1, "/######"},        {"file", 5, "f######"}};
-    for (const auto &entry : cases) {
+    const std::tuple<const char *, uint32_t, const char *> cases[] = {
+        {"/usr/lib/x.so", 5, "/ul####"}, {"/a/b/c/d/e/f", 5, "/abcd##"}, {"/a/b/c/d/e/f", 3, "/ab####"},
+        {"/a//b/c", 5, "/a/b###"},       {"/x", 5, "/######"},           {"/", 5, "/######"},
+        {"/dir/sub/", 5, "/d#####"},     {"usr/lib/x", 5, "usl####"},    {"/a/b/c", 0, "/######"},
+        {"/a/b/c", 1, "/######"},        {"file", 5, "f######"}};
+    for (const auto &[pszPath, ulMaxLength, pszExpected] : cases) {
         char szIndex[8] = "#######";
-        EXPECT_EQ(CalcFilePathIndex(entry.pszPath, szIndex, entry.ulMaxLength), 1) << entry.pszPath;
-        EXPECT_STREQ(szIndex, entry.pszExpected) << entry.pszPath << ", at most " << entry.ulMaxLength;
+        EXPECT_EQ(CalcFilePathIndex(pszPath, szIndex, ulMaxLength), 1) << pszPath;
+        EXPECT_STREQ(szIndex, pszExpected) << pszPath << ", at most " << ulMaxLength;
     }
 }
 

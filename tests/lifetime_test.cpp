@@ -98,17 +98,13 @@ TEST_F(Lifetime, ATableOfAnotherShapeIsDroppedAlone) {
     TestClock::Set(1000);
     ASSERT_EQ(Start(), TARN_OK);
     Write(File("file"), Verdict(1, 1, "Some.Virus"));
-    ASSERT_EQ(Stop(), TARN_OK);
-    for (const char *pszTable : {"FPH integer(8) primary key,X text", "FPH,FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI"}) {
-        TestClock::Set(2000);
-        ASSERT_TRUE(Run(std::string("drop table CT; create table CT(") + pszTable + ")"));
-        ASSERT_EQ(Start(), TARN_OK);
-        EXPECT_EQ(Query("select VID || VD from VDT"), "0Some.Virus");
-        EXPECT_EQ(Query("select FV || ' ' || VN || ' ' || LDT from VST"), "0 0 1000"); // of the first start
-        Write(m_install.Path("file"));
-        EXPECT_EQ(Rows(), 1);
-        ASSERT_EQ(Stop(), TARN_OK);
-    }
+    ASSERT_TRUE(Run("drop table CT; create table CT(FPH,FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI)"));
+    TestClock::Set(2000);
+    ASSERT_EQ(Start(), TARN_OK);
+    EXPECT_EQ(Query("select VID || VD from VDT"), "0Some.Virus");
+    EXPECT_EQ(Query("select FV || ' ' || VN || ' ' || LDT from VST"), "0 0 1000"); // of the first start
+    Write(m_install.Path("file"));
+    EXPECT_EQ(Rows(), 1);
 }
 
 TEST_F(Lifetime, WithoutAWriterTheCacheAnswersButKeepsNothing) {

@@ -20,11 +20,9 @@ class PlatformLog : public PlatformTest {
 };
 
 TEST_F(PlatformLog, LevelComesFromTheEnvironmentThenFromTheConfiguration) {
-    const struct {
-        std::string strEnvironment, strConfigured;
-        int nLevels;
-    } cases[] = {{"", "", 2},         {"", "info", 3},  {"", "nonsense", 2},    {"debug", "off", 4},
-                 {"off", "debug", 0}, {"", "Debug", 4}, {"severe", "debug", 1}, {"loud", "debug", 2}};
+    const std::tuple<std::string, std::string, int> cases[] = {
+        {"", "", 2},         {"", "info", 3},  {"", "nonsense", 2},    {"debug", "off", 4},
+        {"off", "debug", 0}, {"", "Debug", 4}, {"severe", "debug", 1}, {"loud", "debug", 2}};
     for (const auto &[strEnvironment, strConfigured, nLevels] : cases) {
         SCOPED_TRACE(strEnvironment + "/" + strConfigured);
         WriteFile("config/tarncfg.ini", "[log]\nlevel=" + strConfigured + "\n");
