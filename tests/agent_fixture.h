@@ -109,7 +109,7 @@ class CAgentTest : public testing::Test {
         sqlite3_auto_extension(reinterpret_cast<void (*)()>(OnOpen));
         RecordedLog::SetSource("dbagent");
         RecordedLog::SetDebug(false);
-        TestClock::UseRealTime();
+        TestClock::s_liTime = -1;
         TestLoop::Reset();
     }
     ~CAgentTest() override {

@@ -14,7 +14,7 @@ TEST_F(Batching, ShutDownDuringCompactionWritesWhatIsQueued) {
         }
     };
     ASSERT_EQ(Start(0), TARN_OK);
-    TestLoop::FireTimer();
+    TestLoop::s_bFire = true;
     ASSERT_TRUE(WaitFor([&] { return nVacuums == 2; }));
     ASSERT_EQ(Add(File("file")), TARN_OK); // without a description it needs no database
     g_onJoin = [&] { bStopping = true; };
@@ -27,13 +27,13 @@ TEST_F(Batching, TheFirstHitOfAPassCountsAndANewVerdictStartsAfresh) {
     ASSERT_EQ(Start(), TARN_OK);
     Write(strFile);
     for (const int64_t liNow : {2000, 3000}) {
-        TestClock::Set(liNow);
+        TestClock::s_liTime = liNow;
         ASSERT_EQ(Lookup(strFile), TARN_OK);
     }
     m_pAgent->RunWritePass(false);
     EXPECT_EQ(Rows("QC = 1 and TS = 2000"), 1);
     ASSERT_EQ(Add(strFile, Verdict(5)), TARN_OK);
-    TestClock::Set(4000);
+    TestClock::s_liTime = 4000;
     m_pAgent->RunWritePass(false);
     EXPECT_EQ(Rows(), 1);
     EXPECT_EQ(RowsOfEngine(5), 1);

@@ -4,14 +4,6 @@
 
 #include "tests/agent_fixture.h"
 
-#include <sys/stat.h>
-
-inline struct stat StatusOf(const std::string &strPath) {
-    struct stat status = {};
-    EXPECT_EQ(lstat(strPath.c_str(), &status), 0) << strPath;
-    return status;
-}
-
 class CCacheTest : public testing::Test {
   protected:
     CCacheTest() { RecordedLog::SetSource("tarncache"); }
@@ -46,6 +38,8 @@ class CCacheTest : public testing::Test {
         EXPECT_EQ(told.ulHasRecord, told.ulReason == TARN_WHY_UNKNOWN ? 0U : 1U);
         return told.ulReason;
     }
+    bool Run(const std::string &strSQL) const { return CSecondConnection(m_install.Database()).Run(strSQL); }
+
     const CTempInstall m_install;
     const std::string m_strFile = m_install.WriteFile("file");
     char m_szMD5[TARN_MD5_TEXT_SIZE] = {};

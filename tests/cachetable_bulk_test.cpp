@@ -8,8 +8,6 @@
 #include <memory>
 #include <sqlite3.h>
 
-namespace {
-
 using Results = std::vector<int64_t>; // a result, and what a call left behind
 
 class BulkOperations : public testing::Test {
@@ -30,8 +28,6 @@ class BulkOperations : public testing::Test {
     const CSecondConnection m_db = CSecondConnection(":memory:");
     CCacheTable m_table = CCacheTable(m_db.m_pDB);
 };
-
-} // namespace
 
 TEST_F(BulkOperations, ExcessStartsAtAMillionRowsAndTakesTheOldest) {
     ASSERT_TRUE(AddRows(1, 999999));

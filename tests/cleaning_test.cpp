@@ -3,10 +3,8 @@
 
 #include <fstream>
 
-namespace {
 constexpr int64_t kNow = 5000000000; // more than 32 bits hold
 constexpr int64_t kOld = kNow - 3600;
-} // namespace
 
 using Cleaning = CAgentTest;
 
@@ -21,7 +19,7 @@ TEST_F(Cleaning, ExpiryKeepsWhatIsUsedOrRecent) {
     const std::vector<_Row> vecRows = {{1, 1, 0, kOld},     {2, 1, 3, kOld}, {3, 1, 4, kOld},    {4, 1, 11, kOld},
                                        {5, 1, 0, kOld + 1}, {6, 1, 0, kNow}, {7, 1, 0, kNow + 1}};
     RecordedLog::SetDebug(true);
-    TestClock::Set(kNow);
+    TestClock::s_liTime = kNow;
     for (const auto &[pszSettings, pszKept, pszLine] : cases) {
         SCOPED_TRACE(pszSettings);
         RecordedLog::Clear();
@@ -41,7 +39,7 @@ TEST_F(Cleaning, APassMovesItsDateAndReplacesTheCount) {
     Configure("expireinterval=49712\ndbquerycounts=9\nforeign=1\n"); // 149504 seconds: the product wraps
     ASSERT_EQ(Start(), TARN_OK);
     for (const uint32_t ulPass : {1U, 2U}) {
-        TestClock::Set(kNow + int64_t{ulPass} * 2 * 86400);
+        TestClock::s_liTime = kNow + int64_t{ulPass} * 2 * 86400;
         ASSERT_TRUE(Run(InsertTexts(ulPass == 1 ? std::vector<_Row>{{1}, {2}, {3}} : std::vector<_Row>{{1}})));
         m_pAgent->DoCleanCachesJob();
         m_pAgent->DoCleanCachesJob(); // not due again
@@ -75,14 +73,14 @@ TEST_F(Cleaning, TheTimerTrimsToTheCapOldestFirstAndShrinksTheFile) {
     ASSERT_TRUE(Run(InsertTexts({{-1}, {-2}})));
     ASSERT_EQ(Start(0), TARN_OK);
     ASSERT_TRUE(WaitForFirstStart(m_install));
-    EXPECT_EQ(TestLoop::TimerPeriod(), 1800000U);
+    EXPECT_EQ(TestLoop::s_ullPeriod, 1800000U);
     EXPECT_EQ(Statistics().ulWeedOutCount, 2U); // by the expiry pass
     const CSecondConnection other(m_install.Database());
     ASSERT_TRUE(other.Run("pragma synchronous = off; pragma journal_mode = off;"
                           "with recursive n(i) as (select 1 union all select i + 1 from n where i < 1000005) "
                           "insert into CT select i, 0, 0, 0, 0, 0, 1000006 - i, 0, '' from n"));
     const auto nBytes = std::filesystem::file_size(m_install.Database());
-    TestLoop::FireTimer();
+    TestLoop::s_bFire = true;
     ASSERT_TRUE(WaitFor([&] { return std::filesystem::file_size(m_install.Database()) < nBytes; }));
     EXPECT_TRUE(WaitFor([&] { return other.Number("select count(*) from CT") == 1000005 - 20005; }));
     EXPECT_EQ(other.Number("select min(TS) from CT"), 20006);

@@ -9,8 +9,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-namespace {
-
 using Numbers = std::vector<int64_t>;
 
 class Config : public testing::Test {
@@ -32,8 +30,6 @@ class Config : public testing::Test {
     const std::string m_strDir = m_install.Path("engine/cache/");
     _DBConfig m_config = {};
 };
-
-} // namespace
 
 TEST_F(Config, MissingKeysTakeDefaultsAndAMissingFolderIsMade) {
     std::filesystem::remove(m_install.Path("engine/cache"));

@@ -72,10 +72,8 @@ TEST_F(HostWords, DeletionsTakeWhatTheyNameAndNothingElse) {
 
 TEST_F(HostWords, EnumerationShowsEveryRecordOnceAndLetsOthersWork) {
     StartWith(0);
-    ASSERT_TRUE(
-        CSecondConnection(m_install.Database())
-            .Run("with recursive n(i) as (select 1 union all select i + 1 from n where i < 1200) "
-                 "insert into CT select i * 7, 5, (3 << 32) | 0x2001 | (-1 << 48), 0, 0, 2, 99, 1, '/ab' from n"));
+    ASSERT_TRUE(Run("with recursive n(i) as (select 1 union all select i + 1 from n where i < 1200) "
+                    "insert into CT select i * 7, 5, (3 << 32) | 0x2001 | (-1 << 48), 0, 0, 2, 99, 1, '/ab' from n"));
     std::vector<_LOCAL_CACHE_RECORD> vecSeen;
     const auto note = [](const _LOCAL_CACHE_RECORD *pRecord, void *pSeen) {
         auto &vecRecords = *static_cast<std::vector<_LOCAL_CACHE_RECORD> *>(pSeen);
@@ -107,7 +105,7 @@ TEST_F(HostWords, AnExplanationTellsWhyALookupWouldNotAnswer) {
     fs::remove(m_install.Path("2"));
     EXPECT_EQ(Reason(m_install.Path("2")), TARN_WHY_GONE);
     EXPECT_EQ(Info().ullHits, 0U);
-    ASSERT_TRUE(CSecondConnection(m_install.Database()).Run("update CT set FTV = FTV | (9 << 48) where FTV >= 0"));
+    ASSERT_TRUE(Run("update CT set FTV = FTV | (9 << 48) where FTV >= 0"));
     EXPECT_EQ(Reason(m_install.Path("0")), TARN_WHY_DAMAGED);
     EXPECT_TRUE(RecordedLog::Texts(2).empty());
 }

@@ -103,7 +103,6 @@ TEST_F(Invalidation, EachListIsAppliedOrLeftAsItsTextDeserves) {
     const std::string strOne = DigestText(1);
     const std::string strTwo = DigestText(2);
     const std::tuple<uint32_t, int64_t, std::string> cases[] = {
-        {TARN_OK, 2, "engine:1.2\n" + strOne + "\n" + strTwo + "\n"},
         {TARN_OK, 2, "engine:1.3\r\n\r\n" + strOne + "\r\n\n\n" + strTwo},
         {TARN_OK, 1, "e:1\n" + strOne.substr(1) + "\n" + strTwo + "12345678\n"},
         {TARN_OK, 0, "e:1\n" + strOne.substr(1) + "\r\n" + std::string(32, 'g') + "\n" + std::string(32, ' ')},

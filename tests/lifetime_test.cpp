@@ -95,11 +95,11 @@ TEST_F(Lifetime, WhatCannotBeOpenedIsReplacedAndWhatCannotBeRemovedIsLeft) {
 }
 
 TEST_F(Lifetime, ATableOfAnotherShapeIsDroppedAlone) {
-    TestClock::Set(1000);
+    TestClock::s_liTime = 1000;
     ASSERT_EQ(Start(), TARN_OK);
     Write(File("file"), Verdict(1, 1, "Some.Virus"));
     ASSERT_TRUE(Run("drop table CT; create table CT(FPH,FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI)"));
-    TestClock::Set(2000);
+    TestClock::s_liTime = 2000;
     ASSERT_EQ(Start(), TARN_OK);
     EXPECT_EQ(Query("select VID || VD from VDT"), "0Some.Virus");
     EXPECT_EQ(Query("select FV || ' ' || VN || ' ' || LDT from VST"), "0 0 1000"); // of the first start
@@ -108,7 +108,7 @@ TEST_F(Lifetime, ATableOfAnotherShapeIsDroppedAlone) {
 }
 
 TEST_F(Lifetime, WithoutAWriterTheCacheAnswersButKeepsNothing) {
-    TestLoop::FailThreads(EAGAIN);
+    TestLoop::s_iThreadError = EAGAIN;
     for (const int iMode : {0, 1}) {
         EXPECT_EQ(Start(iMode), TARN_OK);
         Write(File("file"));
@@ -125,9 +125,10 @@ TEST_F(Lifetime, WithoutATimerTheWriterEndsAfterTheMarkers) {
     ASSERT_EQ(Start(), TARN_OK);
     ASSERT_TRUE(Run(InsertTexts({{1, 48}, {2, 45}})));
     m_install.WriteFile("engine/clean_engine_flag");
-    TestLoop::FailTimers(true);
+    TestLoop::s_bFailTimers = true;
     ASSERT_EQ(Start(0), TARN_OK);
-    ASSERT_TRUE(WaitFor([] { return RecordedLog::Texts(1) == Texts{"[UpdateRecords]Start timer failed"}; }));
+    EXPECT_EQ(m_pAgent->WaitReady(60000), TARN_OK); // it holds nobody up
+    EXPECT_EQ(RecordedLog::Texts(1), Texts{"[UpdateRecords]Start timer failed"});
     EXPECT_EQ(Add(File("file")), TARN_OK);
     EXPECT_EQ(Stop(), TARN_OK);
     EXPECT_EQ(Keys(), "2"); // due for expiry; the addition is not written
@@ -143,7 +144,7 @@ TEST_F(Lifetime, TheWriterCountsItsStartAndWritesWithinASecond) {
     for (const char *pszLine : {"dbquerycounts=4", "expiretime=99999999999", "dbname=morcache.db"}) {
         EXPECT_TRUE(IsSet(pszLine)) << pszLine;
     }
-    EXPECT_EQ(TestLoop::TimerPeriod(), 0U); // stopped
+    EXPECT_EQ(TestLoop::s_ullPeriod, 0U); // stopped
 }
 
 TEST_F(Lifetime, AHalfBuiltAgentComesDownSafely) {

@@ -5,15 +5,12 @@
 #include "tests/support/install.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 class PlatformTest : public testing::Test, protected CTempInstall {
   protected:
     std::string Read(const std::string &strName) const { return ReadWholeFile(Path(strName)); }
     struct stat Status(const std::string &strName) const {
-        struct stat status = {};
-        EXPECT_EQ(stat(Path(strName).c_str(), &status), 0) << strName;
-        return status;
+        return StatusOf(Path(strName));
     }
 };
 

@@ -76,7 +76,7 @@ TEST_F(Queues, FullQueuesAnUrgentFileStatisticsAndShutDownWakeTheWriter) {
     g_bLongWaits = true;
     g_pWorkCond = nullptr;
     g_nWorkWaits = g_nPauses = 0;
-    TestLoop::SetDueCallbacks(1); // the writer goes on at once
+    TestLoop::s_iDueCallbacks = 1; // the writer goes on at once
     ASSERT_EQ(Start(0), TARN_OK);
     const auto wakes = [this](int nWaits, const std::string &strWhere, int64_t liRows, const auto &act) {
         ASSERT_FALSE(HasFailure()); // each wait of its own would take a minute
@@ -97,7 +97,7 @@ TEST_F(Queues, FullQueuesAnUrgentFileStatisticsAndShutDownWakeTheWriter) {
     wakes(3, "FTV & 0x100", 1, [&] { EXPECT_EQ(Add(vecFiles[1], Verdict(1, 0x100)), TARN_OK); });
     wakes(4, "FTV & 4", 1, [&] {
         EXPECT_EQ(g_nPauses, 0);
-        TestLoop::SetDueCallbacks(0);
+        TestLoop::s_iDueCallbacks = 0;
         EXPECT_EQ(Add(vecFiles[2], Verdict(1, 4)), TARN_OK); // wakes nobody
         (void)Statistics();
     });

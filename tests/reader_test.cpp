@@ -78,7 +78,7 @@ TEST_F(Reader, WorksBesideAWriterOfAnotherProcess) {
 TEST_F(Reader, LeavesWhatItCannotReadAsItIs) {
     Remember();
     const std::string strGood = ReadWholeFile(m_install.Database());
-    ASSERT_TRUE(CSecondConnection(m_install.Database()).Run("alter table CT add column X"));
+    ASSERT_TRUE(Run("alter table CT add column X"));
     const std::string strOtherSchema = ReadWholeFile(m_install.Database());
     for (const std::string &strContent : {std::string("no database at all, but long enough to be looked at"),
                                           strGood.substr(0, 4096), strOtherSchema}) {

@@ -86,7 +86,7 @@ TEST_F(Threads, EveryThreadGetsRightAnswersWhileTheCacheIsCleaned) {
                 nHits += UseFile(iUsed) ? 1 : 0;
             }
             if (i % 16 == iThread) {
-                TestLoop::FireTimer();
+                TestLoop::s_bFire = true;
                 EXPECT_EQ(LocalCacheDeleteByFileHash(DigestText(iFile + 1).c_str()), TARN_OK);
             }
         }

@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-namespace {
-
 using Numbers = std::vector<int>;
 
 // A table that answers with values: -99 and "?" stand for a failure that left the output.
@@ -34,8 +32,6 @@ class VirusTable : public testing::Test {
     const CSecondConnection m_db = CSecondConnection(":memory:");
     CTestTable m_table = CTestTable(m_db.m_pDB);
 };
-
-} // namespace
 
 TEST_F(VirusTable, NumbersDescriptionsInOrderOfArrivalAndAsksTheDatabaseOnce) {
     ASSERT_TRUE(m_db.Run("insert into VDT values(0,'Win.Test.A')"));

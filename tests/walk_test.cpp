@@ -21,7 +21,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kBroken[] = "broken";               // a file whose status cannot be read
 std::function<bool(const std::string &)> g_onHash; // called with each text that is hashed until it answers true
 
 bool Logged(const std::string &strText) {
@@ -71,7 +70,7 @@ extern "C" __attribute__((visibility("default"))) uint32_t Crc32(uint32_t seed, 
 
 extern "C" __attribute__((visibility("default"))) int fstatat(int fd, const char *pszName, struct stat *pStatus,
                                                               int iFlags) noexcept {
-    if (std::strcmp(pszName, "broken") == 0) {
+    if (std::strcmp(pszName, "broken") == 0) { // its status cannot be read
         errno = EIO;
         return -1;
     }

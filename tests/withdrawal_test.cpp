@@ -46,10 +46,10 @@ TEST_P(Withdrawal, ALookupBeforeTheWriterHasReadTheListIsNotAnswered) {
     Remember(m_strFile);
     (void)LocalCacheUnInit();
     LeaveList(m_install, m_strDigests);
-    TestLoop::FailThreads(EAGAIN); // a writer that never comes so far
+    TestLoop::s_iThreadError = EAGAIN; // a writer that never comes so far
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
     EXPECT_EQ(Lookup(m_strFile), Fooled());
-    TestLoop::FailThreads(0);
+    TestLoop::s_iThreadError = 0;
     Restart();
     EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
 }

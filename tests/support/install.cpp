@@ -42,6 +42,14 @@ bool Exists(const std::string &strPath) {
     return fs::exists(fs::symlink_status(strPath));
 }
 
+struct stat StatusOf(const std::string &strPath) {
+    struct stat status = {};
+    if (lstat(strPath.c_str(), &status) != 0) {
+        throw std::system_error(errno, std::generic_category(), strPath);
+    }
+    return status;
+}
+
 CSecondConnection::CSecondConnection(const std::string &strPath) {
     sqlite3_open(strPath.c_str(), &m_pDB);
 }

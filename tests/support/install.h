@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
 
 struct sqlite3;
 
@@ -31,6 +32,7 @@ class CTempInstall {
 
 std::string ReadWholeFile(const std::string &strPath);
 bool Exists(const std::string &strPath);
+struct stat StatusOf(const std::string &strPath); // of a link itself; throws where there is none
 
 // A second connection to a database file.
 class CSecondConnection {

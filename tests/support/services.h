@@ -24,25 +24,20 @@ size_t Count(const std::string &strText);
 
 // time(): the real one, or a fixed number of seconds.
 struct TestClock {
-    static void Set(int64_t liSeconds) { s_liTime = liSeconds; }
-    static void UseRealTime() { s_liTime = -1; }
     static inline std::atomic<int64_t> s_liTime = -1; // below 0: the real time
 };
 
 // The event-loop service: threads are real, timers fire when told to.
 struct TestLoop {
-    static void FailThreads(int iError) { s_iThreadError = iError; } // 0: succeed again
-    static void FailTimers(bool bFail) { s_bFailTimers = bFail; }
-    static void FireTimer() { s_bFire = true; }           // the callback runs in the next turn of the timer's loop
-    static uint64_t TimerPeriod() { return s_ullPeriod; } // of the running timer, 0 without one
-    static void SetDueCallbacks(int iCount) { s_iDueCallbacks = iCount; } // what the loop says is still to run
     static void Reset() {
         s_iThreadError = s_iDueCallbacks = 0;
         s_bFailTimers = s_bFire = false;
     }
-    static inline std::atomic<int> s_iThreadError = 0, s_iDueCallbacks = 0;
-    static inline std::atomic<bool> s_bFailTimers = false, s_bFire = false;
-    static inline std::atomic<uint64_t> s_ullPeriod = 0;
+    static inline std::atomic<int> s_iThreadError = 0;  // of the next threads; 0: they start
+    static inline std::atomic<int> s_iDueCallbacks = 0; // what the loop says is still to run
+    static inline std::atomic<bool> s_bFailTimers = false;
+    static inline std::atomic<bool> s_bFire = false;     // runs the callback in the next turn of the timer's loop
+    static inline std::atomic<uint64_t> s_ullPeriod = 0; // of the running timer, 0 without one
 };
 
 // Polls until the condition holds; false after a minute.
