@@ -85,8 +85,7 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t CacheAddStat(const char *file, const struct stat &status, const char *md5_text,
                                         const _SCAN_FILE_RESULT *in);
 
-    // What may be remembered of a scanned file. Any thread.
-    [[nodiscard]] CScanBracket &ScanBracket() { return m_scanBracket; }
+    [[nodiscard]] CScanBracket &ScanBracket() { return m_scanBracket; } // any thread
 
     // --- questions.cpp: any thread, table lock for reading; no hit is counted
 

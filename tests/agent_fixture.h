@@ -39,7 +39,7 @@ inline int OnOpen(sqlite3 *pDB, char **, const sqlite3_api_routines *) {
 // Runs when a shut-down has cleared the running flag and is about to wait for the writer.
 inline std::function<void()> g_onJoin;
 
-extern "C" __attribute__((visibility("default"))) int pthread_join(pthread_t thread, void **ppResult) {
+extern "C" int pthread_join(pthread_t thread, void **ppResult) {
     static const auto pJoin = reinterpret_cast<int (*)(pthread_t, void **)>(dlsym(RTLD_NEXT, "pthread_join"));
     if (const auto onJoin = std::exchange(g_onJoin, nullptr)) {
         onJoin();

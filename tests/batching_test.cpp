@@ -97,7 +97,7 @@ TEST_F(Batching, ABusyDatabaseIsTriedOnceMoreAndABeginStatementIsKeptForItsType)
 TEST_F(Batching, EveryFileNameIsAnsweredAndRefusalsAreNamed) {
     ASSERT_EQ(Start(), TARN_OK);
     const Texts vecFiles = {File("it's \"quoted\""), File("two\nlines\t%s%n"), File("\xff\xfe\xc3 not UTF-8"),
-                            m_install.Path("engine/./cache/")}; // another spelling is another key
+                            m_install.Path("engine/./kelmorehash/")}; // another spelling is another key
     int64_t liRows = 0;
     for (const std::string &strPath : vecFiles) {
         Write(strPath);

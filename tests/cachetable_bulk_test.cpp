@@ -81,30 +81,17 @@ TEST_F(BulkOperations, Md5IsBothHalvesForQueryAndDeletion) {
     EXPECT_EQ(m_db.Text("select FAH||FTV||FHMD||FLMD||QC||TS||RS||FFI from CT where FPH=11"), "-23-45678/abcd");
 }
 
-TEST_F(BulkOperations, PagesHoldEveryRowOnceInOrderOfItsKey) {
-    ASSERT_TRUE(AddRows(3, 9));
-    ASSERT_TRUE(Insert("select column1,0,0,0,0,0,0,0,'' from (values(-1 << 63),(~(-1 << 63)),('no key'))"));
-    std::vector<_CacheRecord> vecPage;
-    std::string strKeys;
-    int64_t liAfter = INT64_MIN;
-    do {
-        ASSERT_EQ(m_table.QueryRecordsAfter(liAfter, 4, vecPage), 0U);
-        for (const _CacheRecord &record : vecPage) {
-            strKeys += std::to_string(liAfter = record.liFilePathHash) + ",";
-        }
-    } while (vecPage.size() == 4);
-    EXPECT_EQ(strKeys, "-9223372036854775808,3,4,5,6,7,8,9,9223372036854775807,");
-}
-
 TEST_F(BulkOperations, FailedPreparationIsAnsweredByEachInItsOwnWay) {
     m_table.m_strTableName = "Lost";
     std::set<int16_t> setIds = {5};
     std::vector<_CacheRecordEx *> vecRecords;
+    int iCount = -1;
+    EXPECT_EQ((Results{m_table.QueryRecordsCount(&iCount), iCount}), (Results{SQLITE_ERROR, -1}));
     EXPECT_EQ((Results{m_table.DeleteExpireRecords(1, 1, nullptr), m_table.DeleteExcessRecords(1, nullptr),
                        m_table.DeleteRecordByMD5(1, 1), m_table.BatchDeleteRecordsByEngineIds(setIds),
-                       m_table.QueryFilePathHashByMD5(1, 1, vecRecords)}),
-              (Results(5)));
-    EXPECT_EQ(RecordedLog::Texts(2).size(), 4U); // the failed count is silent
+                       m_table.DeleteAllRecords(), m_table.QueryFilePathHashByMD5(1, 1, vecRecords)}),
+              (Results(6)));
+    EXPECT_EQ(RecordedLog::Texts(2).size(), 5U); // the failed count is silent
     EXPECT_EQ(RecordedLog::Texts(2).back(),
               "[QueryFilePathHashByMD5]sqlite prepare v2 failed with error code = no such table: Lost");
 }
@@ -114,5 +101,4 @@ TEST_F(BulkOperations, FailedDeletionIsLoggedWithSqlitesOwnMessage) {
     ASSERT_TRUE(m_db.Run("create trigger Keep before delete on CT begin select raise(abort, 'kept'); end"));
     EXPECT_EQ(m_table.DeleteRecordByMD5(2, 3), 0);
     EXPECT_EQ(RecordedLog::Texts(2).back(), "[DeleteRecordByMD5]sqlite step failed with error code = kept");
-    EXPECT_EQ(m_table.DeleteExpireRecords(1, 1, nullptr), static_cast<uint32_t>(SQLITE_CONSTRAINT));
 }

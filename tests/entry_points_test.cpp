@@ -122,30 +122,6 @@ TEST_F(EntryPoints, GiveBackTheVerdictAndTouchNothingElse) {
     }
 }
 
-TEST_F(EntryPoints, PeekTellsAChangedFileFromAnUnknownOne) {
-    const auto expectPeek = [](const std::string &strPath, uint32_t ulExpected) {
-        SCOPED_TRACE(strPath);
-        char szMD5[TARN_MD5_TEXT_SIZE] = "as before";
-        _SCAN_FILE_RESULT result = {};
-        uint32_t ulState = 77;
-        EXPECT_EQ(LocalCachePeek(strPath.c_str(), szMD5, &result, &ulState), TARN_OK);
-        EXPECT_EQ(ulState, ulExpected);
-        EXPECT_STREQ(szMD5, ulExpected == TARN_PEEK_UNKNOWN ? "as before" : kMD5B);
-        EXPECT_EQ(std::string(result.szVirusDesc), ulExpected == TARN_PEEK_UNKNOWN ? "" : "Win.Test.A");
-    };
-    ASSERT_EQ(LocalCacheInit(), TARN_OK);
-    Remember(m_strFile, Verdict(1, 1, "Win.Test.A"), kMD5B);
-    expectPeek(m_strOther, TARN_PEEK_UNKNOWN);
-    expectPeek(m_strFile, TARN_PEEK_KNOWN);
-    m_install.WriteFile("file", "another content");
-    expectPeek(m_strFile, TARN_PEEK_CHANGED);
-    fs::remove(m_strFile);
-    expectPeek(m_strFile, TARN_PEEK_CHANGED);
-    expectPeek("/no/file", TARN_PEEK_UNKNOWN);
-    EXPECT_EQ(RecordedLog::Texts(2), Texts{}); // a file that is gone is an answer, not an error
-    EXPECT_EQ(Info().ullHits, 0U);
-}
-
 TEST_F(EntryPoints, FilesByHashComeInMd5OrderWithTheirPathsJoined) {
     fs::create_directory(m_install.Path("engine/cache/d")); // deeper than a path index reaches
     const std::string strLate = m_install.WriteFile("engine/cache/d/z"), strGone = m_install.WriteFile("gone");

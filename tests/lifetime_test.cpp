@@ -11,7 +11,7 @@ namespace {
 std::atomic<int64_t> g_liFreeMegabytes = 1000000; // below 0: statfs fails
 }
 
-extern "C" __attribute__((visibility("default"))) int statfs(const char *, struct statfs *pFileSystem) noexcept {
+extern "C" int statfs(const char *, struct statfs *pFileSystem) noexcept {
     pFileSystem->f_bsize = 1 << 20; // f_bavail stays 0: what is reserved for the superuser counts as free
     pFileSystem->f_bfree = g_liFreeMegabytes < 0 ? 0 : static_cast<uint64_t>(g_liFreeMegabytes);
     return g_liFreeMegabytes < 0 ? -1 : 0;

@@ -10,8 +10,7 @@ std::atomic<int> g_nWorkWaits = 0;
 std::atomic<int> g_nPauses = 0; // waits for anything else
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) int
-pthread_cond_timedwait(pthread_cond_t *pCond, pthread_mutex_t *pMutex, const timespec *pDeadline) {
+extern "C" int pthread_cond_timedwait(pthread_cond_t *pCond, pthread_mutex_t *pMutex, const timespec *pDeadline) {
     using Function = int (*)(pthread_cond_t *, pthread_mutex_t *, const timespec *);
     static const auto pWait = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_cond_timedwait"));
     timespec deadline = *pDeadline;

@@ -226,7 +226,6 @@ TEST_F(Bracket, ArgumentsAndModes) {
     EXPECT_EQ(Finish("relative"), TARN_REMEMBER_REFUSED);
     EXPECT_EQ(Finish(m_strFile), TARN_E_INVALIDARG); // used up
     EXPECT_EQ(BeginOf(CDescriptor(open("/", O_RDONLY | O_CLOEXEC)).Get()), TARN_E_INVALIDARG);
-    EXPECT_EQ(BeginOf(-1), TARN_E_INVALIDARG);
     --m_scan.size;
     EXPECT_EQ(BeginOf(m_file.Get()), TARN_E_INVALIDARG);
     ASSERT_EQ(LocalCacheUnInit(), TARN_OK);

@@ -43,7 +43,7 @@ class Tables : public testing::Test {
 
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) int sqlite3_busy_timeout(sqlite3 *, int ms) {
+extern "C" int sqlite3_busy_timeout(sqlite3 *, int ms) {
     EXPECT_EQ(ms, 1500);
     ++g_nBusyTimeouts;
     return SQLITE_OK;
@@ -159,23 +159,6 @@ TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
     EXPECT_EQ(read.szFilePath[0], 0x5A);
 }
 
-TEST_F(Tables, AFailedCountLeavesItsOutput) {
-    int iCount = -1;
-    EXPECT_EQ((Results{cache.QueryRecordsCount(&iCount), iCount}), (Results{0, 0}));
-    ASSERT_TRUE(db.Run("drop table CT"));
-    EXPECT_EQ((Results{cache.QueryRecordsCount(&iCount), iCount}), (Results{SQLITE_ERROR, 0}));
-    EXPECT_EQ(cache.DeleteAllRecords(), 0);
-}
-
-TEST_F(Tables, VersionIsReadBackAndReplaced) {
-    _VersionRecord first = {0, 1, 2}, second = {0, INT32_MIN, 5000000000}, read = {0, 77, 78};
-    const auto query = [&] { return Results{version.QueryRecord(&read), read.iVersionNo, read.liCreateTime}; };
-    EXPECT_EQ(query(), (Results{kNoRow, 77, 78}));
-    EXPECT_EQ((Results{version.InsertRecord(&first), version.InsertRecord(&second)}), (Results{0, 0}));
-    EXPECT_EQ(query(), (Results{0, INT32_MIN, 5000000000}));
-    EXPECT_EQ((Results{version.DeleteRecord(&read), version.QueryRecord(&read)}), (Results{0, kNoRow}));
-}
-
 // A lock that lasts through the creation and ends before a drop could be tried must not cost the rows.
 TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
     ASSERT_TRUE(db.Run("insert into CT values(1,0,0,0,0,6,7,0,'')"));
@@ -190,14 +173,6 @@ TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
     g_nReleaseAt = 0;
     (void)blocker.Run("rollback");
     EXPECT_EQ(db.Number("select count(*) from CT"), 1);
-}
-
-TEST_F(Tables, NoConnectionIsLoggedAndAnsweredWithOne) {
-    EXPECT_EQ((Results{CCacheTable().InsertRecord(nullptr), CCacheTable().DeleteExpireRecords(1, 1, nullptr),
-                       CVirusTable().QueryRecord(nullptr), CCacheTable().DeleteAllRecords()}),
-              (Results{1, 1, 1, 1}));
-    EXPECT_EQ(RecordedLog::Texts(2).size(), 4U);
-    EXPECT_TRUE(RecordedLog::Contains("[DeleteAllRecords]m_pDB is null."));
 }
 
 TEST_F(Tables, AFailedCreationLeavesNoStatement) {

@@ -73,20 +73,6 @@ TEST_F(VirusTable, CutsDescriptionsToTheirField) {
     EXPECT_EQ(m_db.Number("select max(length(VD)) from VDT where VD like 'y%'"), 64);
 }
 
-TEST_F(VirusTable, KnowsWhatIsNoDescription) {
-    EXPECT_EQ((Numbers{m_table.Index("with \"quotes\""), m_table.Index("x\" or \"1\"=\"1"), m_table.Index("")}),
-              (Numbers{-99, -99, -1})); // two break the statement
-    EXPECT_EQ(m_db.Number("select count(*) from VDT"), 0);
-    char szDesc[8] = "garbage";
-    EXPECT_EQ(m_table.GetVirusDescByIndex(-1, szDesc, sizeof szDesc), 1);
-    EXPECT_EQ(std::string(szDesc, sizeof szDesc), std::string(sizeof szDesc, '\0')); // all of it
-    ASSERT_TRUE(m_db.Run("insert into VDT values(4,'')"));
-    EXPECT_EQ(m_table.Desc(4) + m_table.Desc(5), "??"); // empty, and unknown
-    _VirusRecord empty = {4, "kept"}, unknown = {5, "kept"};
-    EXPECT_EQ(m_table.QueryRecord(&empty), 1U);
-    EXPECT_EQ(m_table.QueryRecord(&unknown), 101U);
-}
-
 // SQLite takes such a text in double quotes for a column, which every row or none would meet.
 TEST_F(VirusTable, NumbersDescriptionsThatAreNamesOfColumns) {
     CTestTable later(m_db.m_pDB); // its map is as empty as after a restart

@@ -65,7 +65,7 @@ TEST_P(Withdrawal, AListThatIsNoneStaysAndHoldsNobodyUp) {
     EXPECT_EQ(Left(), "clean_engine_hash_flag kelmorehash/update_cache.dat ");
     EXPECT_EQ(ReadWholeFile(m_install.Path("engine/kelmorehash/update_cache.dat")), strList);
     (void)LocalCacheUnInit();
-    LeaveList("engine:1\nas a wrong key may leave it\n");
+    LeaveList(m_install, "engine:1\nas a wrong key may leave it\n");
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
     EXPECT_EQ(LocalCacheWaitReady(60000), GetParam() ? TARN_E_FAIL : TARN_OK);
     EXPECT_EQ(Left(), GetParam() ? "clean_engine_hash_flag kelmorehash/update_cache.dat " : "");

@@ -80,7 +80,7 @@ bool WaitFor(const std::function<bool()> &condition) {
 // The replaced services.
 extern "C" {
 
-__attribute__((visibility("default"))) void error_output(int level, const char *source, int, const char *format, ...) {
+void error_output(int level, const char *source, int, const char *format, ...) {
     char szText[16384] = {};
     va_list arguments;
     va_start(arguments, format);
@@ -90,11 +90,11 @@ __attribute__((visibility("default"))) void error_output(int level, const char *
     g_vecLines.push_back({level, source, szText});
 }
 
-__attribute__((visibility("default"))) int is_open_debug_log_avscan(void) {
+int is_open_debug_log_avscan(void) {
     return g_bDebug ? 1 : 0;
 }
 
-__attribute__((visibility("default"))) time_t time(time_t *pTime) noexcept {
+time_t time(time_t *pTime) noexcept {
     timespec now = {};
     (void)clock_gettime(CLOCK_REALTIME, &now);
     const time_t result = TestClock::s_liTime >= 0 ? static_cast<time_t>(TestClock::s_liTime) : now.tv_sec;
@@ -105,31 +105,29 @@ __attribute__((visibility("default"))) time_t time(time_t *pTime) noexcept {
 }
 
 // SQLite waits for a busy database with it; how long carries no meaning for a test.
-__attribute__((visibility("default"))) int usleep(useconds_t) {
+int usleep(useconds_t) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return 0;
 }
 
-__attribute__((visibility("default"))) int cl_ev_create_isolated_thread(pthread_t *thread, int, void *(*entry)(void *),
-                                                                        void *arg) {
+int cl_ev_create_isolated_thread(pthread_t *thread, int, void *(*entry)(void *), void *arg) {
     return TestLoop::s_iThreadError != 0 ? TestLoop::s_iThreadError.load()
                                          : pthread_create(thread, nullptr, entry, arg);
 }
 
-__attribute__((visibility("default"))) void cl_ev_loop_nowait(int) {}
+void cl_ev_loop_nowait(int) {}
 
-__attribute__((visibility("default"))) void cl_event_loop_once(void) {
+void cl_event_loop_once(void) {
     if (t_pTimer != nullptr && TestLoop::s_bFire.exchange(false)) {
         t_pTimer->callback(t_pTimer.get());
     }
 }
 
-__attribute__((visibility("default"))) int cl_ev_cb_count(void) {
+int cl_ev_cb_count(void) {
     return TestLoop::s_iDueCallbacks;
 }
 
-__attribute__((visibility("default"))) cl_timerplus *
-cl_timerplus_start(int, uint64_t periodMs, cl_timerplus_cb callback, void *userData, int, int) {
+cl_timerplus *cl_timerplus_start(int, uint64_t periodMs, cl_timerplus_cb callback, void *userData, int, int) {
     if (TestLoop::s_bFailTimers) {
         return nullptr;
     }
@@ -138,11 +136,11 @@ cl_timerplus_start(int, uint64_t periodMs, cl_timerplus_cb callback, void *userD
     return t_pTimer.get();
 }
 
-__attribute__((visibility("default"))) void cl_timerplus_stop(cl_timerplus *) {
+void cl_timerplus_stop(cl_timerplus *) {
     TestLoop::s_ullPeriod = 0;
 }
 
-__attribute__((visibility("default"))) void cl_timerplus_close(cl_timerplus *) {
+void cl_timerplus_close(cl_timerplus *) {
     t_pTimer.reset();
 }
 }
