@@ -78,14 +78,18 @@ uint32_t CDataBaseAgent::DBTablesInit() {
         ulResult = TARN_E_FAIL;
     }
     if (ulResult == TARN_OK && m_config.bProtect) {
-        m_pProtection = std::make_unique<CProtection>(m_connection.Handle());
-        m_pProtection->m_withdrawals.FindPending();
-        ulResult = m_pProtection->m_identity.Open(m_config, m_pCacheTable->m_strTableName);
+        ulResult = StartProtection();
     }
     if (ulResult != TARN_OK) {
         DBTablesUnInit();
     }
     return ulResult;
+}
+
+uint32_t CDataBaseAgent::StartProtection() {
+    m_pProtection = std::make_unique<CProtection>(m_connection.Handle());
+    m_pProtection->m_withdrawals.FindPending();
+    return m_pProtection->m_identity.Open(m_config, m_pCacheTable->m_strTableName);
 }
 
 uint32_t CDataBaseAgent::CheckTables() {
@@ -98,7 +102,6 @@ uint32_t CDataBaseAgent::OpenExistingDB() {
     return m_connection.OpenForReading(DatabasePath(m_config));
 }
 
-// NO_THREAD_SAFETY_ANALYSIS in the header: start-up only, nobody else is there yet.
 uint32_t CDataBaseAgent::OpenExistingTables() {
     if (!MakeTables()) {
         return TARN_E_OUTOFMEMORY;

@@ -149,7 +149,6 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t TrimRecords();
 
     // --- the connection's too: the writer thread
-
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
     int64_t AdjustDBToActualSize() { return m_connection.AdjustDBToActualSize(m_config.lCacheSize); }
     // "pragma quick_check;". 1 sound (also without a connection), 0 not.
@@ -199,7 +198,8 @@ class TARN_API CDataBaseAgent {
     uint32_t StartReader();
     uint32_t TakeStart(uint32_t (CDataBaseAgent::*start)());
     uint32_t OpenExistingDB();
-    uint32_t OpenExistingTables() NO_THREAD_SAFETY_ANALYSIS;
+    uint32_t OpenExistingTables() NO_THREAD_SAFETY_ANALYSIS; // start-up only, as the next two: nobody else is there
+    uint32_t StartProtection() NO_THREAD_SAFETY_ANALYSIS;
     bool HasExpectedTables();
     void PublishExpiry();
     void TakeUpdates();

@@ -17,6 +17,7 @@ class CProtection {
     std::chrono::steady_clock::time_point m_nextTry; // of withdrawals that could not be carried out
     int64_t m_liSweptTo = INT64_MIN;                 // how far codes without a record were looked for
     bool m_bSwept = false;
+    int m_nFailedSweeps = 0;
 
     explicit CProtection(sqlite3 *pDB) : m_identity(pDB) {}
 

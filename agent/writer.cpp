@@ -11,6 +11,7 @@
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
+constexpr int kSweepRetries = 10;
 constexpr size_t kSweepAtOnce = 2000;        // codes looked at under one hold of the lock
 constexpr uint64_t kCleanPeriodMs = 1800000; // 30 minutes
 
@@ -170,6 +171,7 @@ void CDataBaseAgent::SweepCodes() {
     const CWriteLock lock(m_connection.m_tableLock);
     if (m_pProtection->m_identity.m_table.SweepAfter(m_pCacheTable->m_strTableName, kSweepAtOnce,
                                                      m_pProtection->m_liSweptTo, &m_pProtection->m_bSwept) != 0) {
-        m_pProtection->m_bSwept = true; // a busy or failing database is left alone until the next start
+        // A database that stays busy or fails is left alone until the next start.
+        m_pProtection->m_bSwept = ++m_pProtection->m_nFailedSweeps > kSweepRetries;
     }
 }
