@@ -3,7 +3,7 @@
 #ifndef TARN_TESTS_BRACKET_FIXTURE_H
 #define TARN_TESTS_BRACKET_FIXTURE_H
 
-#include "tests/agent_fixture.h"
+#include "tests/cache_fixture.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -27,20 +27,19 @@ inline uint32_t TypeOf(const std::string &strPath) {
     return statfs(strPath.c_str(), &fileSystem) == 0 ? static_cast<uint32_t>(fileSystem.f_type) : 0;
 }
 
-extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec *pTime) noexcept {
+extern "C" int clock_gettime(clockid_t clock, timespec *pTime) noexcept {
     const auto iResult = static_cast<int>(syscall(SYS_clock_gettime, clock, pTime));
     pTime->tv_sec += !t_bBegins ? 0 : clock == CLOCK_REALTIME ? g_liAhead : g_liSteadyAhead;
     return iResult;
 }
 
-extern "C" __attribute__((visibility("default"))) int fstatfs64(int fd, struct statfs64 *pFileSystem) noexcept {
+extern "C" int fstatfs64(int fd, struct statfs64 *pFileSystem) noexcept {
     const auto iResult = static_cast<int>(syscall(SYS_fstatfs, fd, pFileSystem));
     pFileSystem->f_type = g_ulFileSystem != 0 ? g_ulFileSystem : pFileSystem->f_type;
     return iResult;
 }
 
-extern "C" __attribute__((visibility("default"))) int OnFcntl(int fd, int iCommand,
-                                                              uint64_t ullValue) __asm__("fcntl64");
+extern "C" int OnFcntl(int fd, int iCommand, uint64_t ullValue) __asm__("fcntl64");
 extern "C" int OnFcntl(int fd, int iCommand, uint64_t ullValue) {
     if (iCommand == F_SETLEASE && ullValue == F_RDLCK && g_iLeaseError != 0) {
         errno = g_iLeaseError;
@@ -52,7 +51,7 @@ extern "C" int OnFcntl(int fd, int iCommand, uint64_t ullValue) {
     return static_cast<int>(syscall(SYS_fcntl, fd, iCommand, ullValue));
 }
 
-class Bracket : public testing::Test {
+class Bracket : public CCacheTest {
   protected:
     // A shared map of a file's first page; its descriptor is closed.
     struct _Map {
@@ -66,14 +65,13 @@ class Bracket : public testing::Test {
         char *pPage;
     };
     void SetUp() override {
-        RecordedLog::Clear();
+        m_install.WriteFile("file", "clean");
         if (TypeOf(m_strFile) != Ext) {
             GTEST_SKIP() << "the temporary folder is not on ext4";
         }
         ASSERT_EQ(LocalCacheInit(), TARN_OK);
     }
     void TearDown() override {
-        (void)LocalCacheUnInit();
         g_liAhead = kLongAgo;
         g_liSteadyAhead = 0;
         g_ulFileSystem = 0;
@@ -91,24 +89,22 @@ class Bracket : public testing::Test {
         ASSERT_EQ(BeginOf(m_file.Get()), TARN_OK);
     }
     uint32_t Finish(const std::string &strPath) {
+        const _SCAN_FILE_RESULT verdict = Verdict(1);
         uint32_t ulReason = 77;
-        const uint32_t ulResult = LocalCacheScanFinish(&m_scan, strPath.c_str(), "", &m_verdict, &ulReason);
-        EXPECT_TRUE(ulResult == (ulReason == TARN_REMEMBER_YES ? TARN_OK : TARN_NOT_CACHED) || ulReason == 77);
+        const uint32_t ulResult = LocalCacheScanFinish(&m_scan, strPath.c_str(), "", &verdict, &ulReason);
+        if (ulReason == 77) {
+            return ulResult;
+        }
+        EXPECT_EQ(ulResult, ulReason == TARN_REMEMBER_YES ? TARN_OK : TARN_NOT_CACHED);
         (void)LocalCacheFlush(60000, nullptr);
-        return ulReason == 77 ? ulResult : ulReason;
+        return ulReason;
     }
     uint32_t Scan(const std::string &strPath, uint32_t ulAllow = 0) {
         Begin(strPath);
         m_scan.ulAllow = ulAllow;
         return Finish(strPath);
     }
-    void AddUnguarded(const std::string &strPath) {
-        ASSERT_EQ(LocalCacheAdd(strPath.c_str(), "", &m_verdict), TARN_OK);
-        ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
-    }
-    bool IsKnown(const std::string &strPath) {
-        return LocalCacheLookup(strPath.c_str(), m_szMD5, &m_verdict) == TARN_OK;
-    }
+    bool IsKnown(const std::string &strPath) { return Lookup(strPath) == TARN_OK; }
     bool HasStatusOfBegin() const {
         struct stat status = {};
         return fstat(m_file.Get(), &status) == 0 &&
@@ -119,12 +115,8 @@ class Bracket : public testing::Test {
     }
     static void Write(const std::string &strPath) { EXPECT_EQ(pwrite(Writer(strPath).Get(), "MALWR", 5, 0), 5); }
 
-    const CTempInstall m_install;
-    const std::string m_strFile = m_install.WriteFile("file", "clean");
     CDescriptor m_file;
     _LOCAL_CACHE_SCAN m_scan = {};
-    char m_szMD5[TARN_MD5_TEXT_SIZE] = {};
-    _SCAN_FILE_RESULT m_verdict = Verdict(1);
 };
 
 #endif

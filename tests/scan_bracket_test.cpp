@@ -33,7 +33,7 @@ TEST_F(Bracket, AChangeDuringTheScanIsSeen) {
         if (bGuarded) {
             EXPECT_EQ(Finish(m_strFile), TARN_REMEMBER_CHANGED);
         } else {
-            AddUnguarded(m_strFile);
+            Remember(m_strFile);
         }
         EXPECT_EQ(ReadWholeFile(m_strFile)[0], 'M');
         EXPECT_EQ(IsKnown(m_strFile), !bGuarded);
@@ -46,7 +46,7 @@ TEST_F(Bracket, WhoeverCanStillWriteIsSeen) {
     {
         const _Map map(m_strFile);
         map.pPage[0] = 'h'; // dirty, and harmless
-        AddUnguarded(m_strFile);
+        Remember(m_strFile);
         map.pPage[0] = 'M';
         EXPECT_TRUE(IsKnown(m_strFile)); // no new change time
         EXPECT_EQ(Scan(m_strFile), TARN_REMEMBER_WRITTEN);
@@ -74,7 +74,7 @@ TEST_F(Bracket, AWriteThatWaitsForItsDataIsSeen) {
     std::thread writer([&] { EXPECT_EQ(pwrite(Writer(m_strFile).Get(), pPage, 5, 0), 5); });
     uffd_msg touched = {};
     EXPECT_EQ(read(faults.Get(), &touched, sizeof touched), static_cast<ssize_t>(sizeof touched));
-    AddUnguarded(m_strFile);
+    Remember(m_strFile);
     EXPECT_EQ(Scan(m_strFile), TARN_REMEMBER_WRITTEN);
     g_iLeaseError = EACCES;
     EXPECT_EQ(Scan(m_strFile), TARN_REMEMBER_UNKNOWN);
@@ -102,7 +102,7 @@ TEST_F(Bracket, MemoryIsNeverTrusted) {
         GTEST_SKIP() << "/dev/shm is not there";
     }
     m_install.WriteFile(strFile, "clean");
-    AddUnguarded(strFile);
+    Remember(strFile);
     Begin(strFile);
     {
         const _Map map(strFile); // no writer at either lease
@@ -136,7 +136,7 @@ TEST_F(Bracket, AnOverlayHidesNoMap) {
         const std::string strFile = m_install.WriteFile("top/file", "clean");
         const auto pMap = std::make_unique<_Map>(strFile);
         pMap->pPage[0] = 'h';
-        AddUnguarded(strFile);
+        Remember(strFile);
         pMap->pPage[0] = 'M';
         EXPECT_TRUE(IsKnown(strFile));
         EXPECT_EQ(Scan(strFile), strKind == "memory" ? TARN_REMEMBER_UNKNOWN : TARN_REMEMBER_YES);
@@ -210,10 +210,12 @@ TEST_F(Bracket, NeitherHostNorOpenerNoticesTheLease) {
         EXPECT_EQ(g_nSignals, nSent);
         EXPECT_EQ(fcntl(m_file.Get(), F_GETSIG), SIGUSR2);
         EXPECT_EQ(fcntl(m_file.Get(), F_GETOWN_EX, &ownerAfter), 0);
-        EXPECT_TRUE(ownerAfter.type == owner.type && ownerAfter.pid == owner.pid);
+        EXPECT_EQ(ownerAfter.type, owner.type);
+        EXPECT_EQ(ownerAfter.pid, owner.pid);
     }
     sigpending(&held);
-    EXPECT_TRUE(sigismember(&held, SIGIO) == 1 && sigismember(&held, SIGUSR1) == 1);
+    EXPECT_EQ(sigismember(&held, SIGIO), 1);
+    EXPECT_EQ(sigismember(&held, SIGUSR1), 1);
     ASSERT_EQ(fcntl(m_file.Get(), F_SETLEASE, F_RDLCK), 0); // a lease of the host's own
     EXPECT_EQ(BeginOf(m_file.Get()), TARN_OK);
     EXPECT_EQ(Finish(m_strFile), TARN_REMEMBER_YES);
