@@ -9,10 +9,8 @@
 #include "tests/support/install.h"
 #include "tests/support/services.h"
 
-#include <atomic>
 #include <cstring>
 #include <dlfcn.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 

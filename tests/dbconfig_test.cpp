@@ -5,9 +5,7 @@
 #include "tests/support/services.h"
 
 #include <cstring>
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 using Numbers = std::vector<int64_t>;
 

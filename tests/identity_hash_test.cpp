@@ -2,9 +2,7 @@
 #include "tests/support/install.h"
 #include "tests/support/services.h"
 
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <zlib.h>
 
 // Stored hashes are compared bit for bit, so these numbers (zlib.crc32 of Python) must never change.

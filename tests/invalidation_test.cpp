@@ -1,7 +1,6 @@
 // Marker files and the update-cache file: what they delete, and when they stay.
 #include "tests/agent_fixture.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;

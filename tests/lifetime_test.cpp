@@ -2,7 +2,6 @@
 #include "tests/agent_fixture.h"
 
 #include <cerrno>
-#include <sys/stat.h>
 #include <sys/statfs.h>
 
 namespace fs = std::filesystem;

@@ -159,6 +159,14 @@ TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
     EXPECT_EQ(read.szFilePath[0], 0x5A);
 }
 
+TEST_F(Tables, VersionIsReadBackAndReplaced) {
+    _VersionRecord first = {0, 1, 2}, second = {0, INT32_MIN, 5000000000}, read = {};
+    EXPECT_EQ(version.InsertRecord(&first), 0U);
+    EXPECT_EQ(version.InsertRecord(&second), 0U);
+    EXPECT_EQ(version.QueryRecord(&read), 0U);
+    EXPECT_EQ((Results{read.iVersionNo, read.liCreateTime}), (Results{INT32_MIN, 5000000000}));
+}
+
 // A lock that lasts through the creation and ends before a drop could be tried must not cost the rows.
 TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
     ASSERT_TRUE(db.Run("insert into CT values(1,0,0,0,0,6,7,0,'')"));

@@ -10,11 +10,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
-#include <random>
 #include <set>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
