@@ -89,6 +89,7 @@ uint32_t CDataBaseAgent::ReadRecord(_CacheRecord &record, bool &bHasCode) {
 bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out) {
     bool bHasCode = false;
     char szDescription[TARN_VIRUS_DESC_SIZE] = {};
+    std::memcpy(szDescription, out->szVirusDesc, sizeof szDescription); // bytes behind the text stay the caller's
     const CReadLock lock(m_connection.m_tableLock);
     if (ReadRecord(record, bHasCode) != 0 || !bHasCode || record.lFileAttrHash != AttrHashOf(file.status) ||
         m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), szDescription,
