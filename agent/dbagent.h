@@ -224,7 +224,7 @@ class TARN_API CDataBaseAgent {
     size_t WriteBatch() REQUIRES(m_connection.m_tableLock);
     size_t InsertBatch() REQUIRES(m_connection.m_tableLock);
     void ApplyBatch(std::vector<CacheMD5> &batch);
-    bool DeleteDigests(const std::vector<CacheMD5> &digests) EXCLUDES(m_connection.m_tableLock);
+    bool ApplyList() EXCLUDES(m_connection.m_tableLock);
     void RetryWithdrawals();
     bool DeleteBatchAndCommit(const std::vector<CacheMD5> &batch) REQUIRES(m_connection.m_tableLock);
     bool QueryRequests(RecordMap &requests);

@@ -14,6 +14,7 @@ namespace {
 constexpr char kLogSource[] = "dbagent";
 constexpr size_t kBatchSize = 1000; // deletions in one transaction
 constexpr std::chrono::seconds kRetryInterval(10);
+constexpr int kListsAtOnce = 10; // then the queues get their turn
 
 } // namespace
 
@@ -97,19 +98,24 @@ void CDataBaseAgent::ApplyWithdrawals() {
         }
     }
     m_bListRefused = false;
-    if (m_pProtection->m_withdrawals.IsListPending()) {
-        const uint32_t ulResult = m_pProtection->m_withdrawals.TakeList();
-        m_bListRefused = ulResult == TARN_E_INVALIDARG;
-        if (ulResult == TARN_OK && DeleteDigests(m_pProtection->m_withdrawals.Digests())) {
-            m_pProtection->m_withdrawals.ListDone();
+    // Until a list is read nothing answers, so one that came while its forerunner was worked off is taken at once.
+    for (int i = 0; i < kListsAtOnce && m_pProtection->m_withdrawals.IsListPending(); ++i) {
+        if (!ApplyList()) {
+            break;
         }
     }
     m_pProtection->m_nextTry = std::chrono::steady_clock::now() + kRetryInterval;
 }
 
-// False when one batch failed or the cache is being shut down: all of them are then deleted again, at a later pass or
-// the next start, which costs little.
-bool CDataBaseAgent::DeleteDigests(const std::vector<CacheMD5> &digests) {
+// False when one batch failed or the cache is being shut down: the list stays in force, and all of it is deleted again
+// at a later pass or the next start, which costs little.
+bool CDataBaseAgent::ApplyList() {
+    const uint32_t ulResult = m_pProtection->m_withdrawals.TakeList();
+    m_bListRefused = ulResult == TARN_E_INVALIDARG;
+    if (ulResult != TARN_OK) {
+        return m_bListRefused;
+    }
+    const std::vector<CacheMD5> &digests = m_pProtection->m_withdrawals.Digests();
     for (size_t nDone = 0; nDone < digests.size(); nDone += kBatchSize) {
         if (!m_queue.IsRunning()) {
             return false;
@@ -122,6 +128,7 @@ bool CDataBaseAgent::DeleteDigests(const std::vector<CacheMD5> &digests) {
             return false;
         }
     }
+    m_pProtection->m_withdrawals.ListDone();
     return true;
 }
 

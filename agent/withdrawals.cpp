@@ -64,11 +64,12 @@ uint32_t CWithdrawals::TakeList() {
         }
         m_eList = EList::Read;
     } else if (ulResult == TARN_E_INVALIDARG) {
-        if (!IsFileThere(kUpdateCachePath)) { // else a newer one has taken its place
+        const bool bNewer = IsFileThere(kUpdateCachePath); // has taken its place
+        if (!bNewer) {
             (void)MoveFile(kListTakenPath, kUpdateCachePath);
         }
         RemoveFile(kListTakenPath);
-        m_eList = EList::None;
+        m_eList = bNewer ? EList::Unread : EList::None;
     }
     return ulResult;
 }

@@ -34,8 +34,9 @@ class CWithdrawals {
     void TakeEngine();
     // Its deletions are committed. A marker that could not be set aside, or that came meanwhile, is then in force.
     void EngineDone();
-    // Sets the list aside where that has not happened and reads it into force. TARN_OK; TARN_E_INVALIDARG: it is none,
-    // is back in its place and not in force; TARN_E_FAIL: it could not be read and withdraws everything.
+    // Sets the list aside where that has not happened and reads it into force. TARN_OK; TARN_E_INVALIDARG: it is none
+    // and not in force, and is back in its place unless a newer one is there; TARN_E_FAIL: it could not be read and
+    // withdraws everything.
     [[nodiscard]] uint32_t TakeList();
     [[nodiscard]] const std::vector<CacheMD5> &Digests() const { return m_vecDigests; }
     // Its deletions are committed. Another list that came meanwhile is then in force.

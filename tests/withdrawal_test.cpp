@@ -54,6 +54,27 @@ TEST_P(Withdrawal, ALookupBeforeTheWriterHasReadTheListIsNotAnswered) {
     EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
 }
 
+TEST_P(Withdrawal, AListThatComesWhileAnotherIsWorkedOffIsTakenAtOnce) {
+    Remember(m_strFile, Verdict(1), DigestText(8));
+    (void)LocalCacheUnInit();
+    LeaveList(m_install, m_strDigests);
+    bool bComes = true;
+    g_onStatement = [&](const std::string &strSQL) {
+        if (strSQL.starts_with("delete from CT where FHMD") && std::exchange(bComes, false)) {
+            LeaveList(m_install, "engine:2\n" + DigestText(8) + "\n");
+        }
+    };
+    g_bWatch = true;
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(OnOpen));
+    ASSERT_EQ(LocalCacheInit(), TARN_OK);
+    g_bWatch = false;
+    EXPECT_EQ(LocalCacheWaitReady(60000), TARN_OK);
+    EXPECT_EQ(Lookup(m_strFile), Fooled());
+    EXPECT_EQ(Left(), "");
+    (void)LocalCacheUnInit();
+    g_onStatement = nullptr;
+}
+
 TEST_P(Withdrawal, AListThatIsNoneStaysAndHoldsNobodyUp) {
     Remember(m_strFile);
     (void)LocalCacheUnInit();
