@@ -6,7 +6,9 @@
 #include "tests/cache_fixture.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
 
@@ -51,8 +53,9 @@ extern "C" int OnFcntl(int fd, int iCommand, uint64_t ullValue) {
     return static_cast<int>(syscall(SYS_fcntl, fd, iCommand, ullValue));
 }
 
-class Bracket : public CCacheTest {
-  protected:
+// The bracket of one scan.
+class CBracketedScan {
+  public:
     // A shared map of a file's first page; its descriptor is closed.
     struct _Map {
         explicit _Map(const std::string &strPath) {
@@ -64,14 +67,7 @@ class Bracket : public CCacheTest {
         _Map &operator=(const _Map &) = delete;
         char *pPage;
     };
-    void SetUp() override {
-        m_install.WriteFile("file", "clean");
-        if (TypeOf(m_strFile) != Ext) {
-            GTEST_SKIP() << "the temporary folder is not on ext4";
-        }
-        ASSERT_EQ(LocalCacheInit(), TARN_OK);
-    }
-    void TearDown() override {
+    ~CBracketedScan() {
         g_liAhead = kLongAgo;
         g_liSteadyAhead = 0;
         g_ulFileSystem = 0;
@@ -88,8 +84,7 @@ class Bracket : public CCacheTest {
         m_scan.size = sizeof m_scan;
         ASSERT_EQ(BeginOf(m_file.Get()), TARN_OK);
     }
-    uint32_t Finish(const std::string &strPath) {
-        const _SCAN_FILE_RESULT verdict = Verdict(1);
+    uint32_t Finish(const std::string &strPath, const _SCAN_FILE_RESULT &verdict = Verdict(1)) {
         uint32_t ulReason = 77;
         const uint32_t ulResult = LocalCacheScanFinish(&m_scan, strPath.c_str(), "", &verdict, &ulReason);
         if (ulReason == 77) {
@@ -99,12 +94,11 @@ class Bracket : public CCacheTest {
         (void)LocalCacheFlush(60000, nullptr);
         return ulReason;
     }
-    uint32_t Scan(const std::string &strPath, uint32_t ulAllow = 0) {
+    uint32_t Scan(const std::string &strPath, uint32_t ulAllow = 0, const _SCAN_FILE_RESULT &verdict = Verdict(1)) {
         Begin(strPath);
         m_scan.ulAllow = ulAllow;
-        return Finish(strPath);
+        return Finish(strPath, verdict);
     }
-    bool IsKnown(const std::string &strPath) { return Lookup(strPath) == TARN_OK; }
     bool HasStatusOfBegin() const {
         struct stat status = {};
         return fstat(m_file.Get(), &status) == 0 &&
@@ -114,6 +108,10 @@ class Bracket : public CCacheTest {
         return CDescriptor(open(strPath.c_str(), O_WRONLY | O_CLOEXEC | iFlags));
     }
     static void Write(const std::string &strPath) { EXPECT_EQ(pwrite(Writer(strPath).Get(), "MALWR", 5, 0), 5); }
+    // Mounts of its own for the process.
+    static bool LeaveMounts() {
+        return unshare(CLONE_NEWNS) == 0 && mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0;
+    }
 
     CDescriptor m_file;
     _LOCAL_CACHE_SCAN m_scan = {};

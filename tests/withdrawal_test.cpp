@@ -18,30 +18,6 @@ class Withdrawal : public ProtectTest {
 
 INSTANTIATE_TEST_SUITE_P(Cache, Withdrawal, testing::Bool(), NameOfParameter);
 
-// A trigger makes every deletion fail, as a full disk or another process's lock would.
-TEST_P(Withdrawal, ThatCannotBeDeletedAnswersNoMore) {
-    for (const bool bList : {false, true}) {
-        SCOPED_TRACE(bList);
-        Remember(m_strFile, Verdict(48));
-        (void)LocalCacheUnInit();
-        const CSecondConnection other(m_install.Database());
-        ASSERT_TRUE(other.Run("create trigger T before delete on CT begin select raise(abort, 'no'); end"));
-        bList ? LeaveList(m_install, m_strDigests) : (void)m_install.WriteFile("engine/clean_engine_flag");
-        Restart();
-        EXPECT_EQ(Lookup(m_strFile), Fooled());
-        Restart(); // over a restart too
-        EXPECT_EQ(Lookup(m_strFile), Fooled());
-        EXPECT_EQ(Left(), !GetParam() ? "" : bList ? "kelmorehash/update_cache.taken " : "clean_engine_flag.taken ");
-        (void)LocalCacheUnInit();
-        ASSERT_TRUE(other.Run("drop trigger T"));
-        Restart();
-        EXPECT_EQ(Left(), "");
-        EXPECT_EQ(other.Number("select count(*) from CT"), GetParam() ? 0 : 1); // at last
-        Remember(m_strFile, Verdict(48));
-        EXPECT_EQ(Lookup(m_strFile), TARN_OK); // a new verdict answers again
-    }
-}
-
 TEST_P(Withdrawal, ALookupBeforeTheWriterHasReadTheListIsNotAnswered) {
     Remember(m_strFile);
     (void)LocalCacheUnInit();
@@ -72,7 +48,6 @@ TEST_P(Withdrawal, AListThatComesWhileAnotherIsWorkedOffIsTakenAtOnce) {
     EXPECT_EQ(Lookup(m_strFile), Fooled());
     EXPECT_EQ(Left(), "");
     (void)LocalCacheUnInit();
-    g_onStatement = nullptr;
 }
 
 TEST_P(Withdrawal, AListThatIsNoneStaysAndHoldsNobodyUp) {
