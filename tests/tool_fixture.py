@@ -66,6 +66,16 @@ class ToolTest(unittest.TestCase):
         _, out, _ = self.run_tool("lookup", "--json", *paths)
         return [(line["state"], line.get("engine")) for line in map(json.loads, out.splitlines())]
 
+    def preloaded(self, **variables):
+        if "TARN_TEST_PRELOADED" not in os.environ:
+            self.skipTest("nothing can be loaded before a sanitizer")
+        return {"env": {**os.environ, "LD_PRELOAD": os.environ["TARN_TEST_PRELOADED"], **variables}}
+
+    def needs_change_times(self):
+        kind = subprocess.run(["stat", "-f", "-c", "%T", self.tree], capture_output=True, check=True).stdout
+        if kind in (b"tmpfs\n", b"ramfs\n"):
+            self.skipTest(f"{self.tree} is in memory, of which nothing is ever remembered")
+
     def configure(self, text):
         """Before the first scan: another configuration than the one that comes with the program."""
         (self.root / "config").mkdir(parents=True)

@@ -1,8 +1,10 @@
 """A scan from end to end: what is opened, judged and reported."""
 import json
+import mmap
 import os
 import signal
 import subprocess
+import time
 import unittest
 import zipfile
 from pathlib import Path
@@ -47,11 +49,8 @@ class ScanTest(ToolTest):
             self.assertLessEqual({line["verdict"] for line in lines[:-1]}, {"infected", "error"}, option)
 
     def test_nothing_is_clean_once_memory_ran_out(self):
-        if "TARN_TEST_REFUSING_MEMORY" not in os.environ:
-            self.skipTest("a sanitizer's allocations cannot be refused")
         for least in ("10000", "30000"):  # bytes; of some archives nothing is then unpacked, and the engine says clean
-            _, summary, files = self.scan(INFECTED, env={
-                **os.environ, "LD_PRELOAD": os.environ["TARN_TEST_REFUSING_MEMORY"], "TARN_TEST_LEAST": least})
+            _, summary, files = self.scan(INFECTED, **self.preloaded(TARN_TEST_LEAST=least))
             self.assertEqual({line["verdict"] for line in files.values()}, {"infected", "error"}, least)
             self.assertIn("memory ran out during the scan", {line.get("error") for line in files.values()})
             self.assertEqual(json.loads(self.run_tool("stats", "--json")[1])["records"], summary["infected"])
@@ -70,7 +69,44 @@ class ScanTest(ToolTest):
         self.assertEqual(self.run_tool("scan", CLEAN, env=environment)[0], 0)
         self.assertEqual(os.listdir(self.tree), ["tarncache-unpacked.linked"])
 
+    def test_file_that_changes_during_its_scan_is_never_clean(self):
+        path = self.tree / "file"
+        (self.top / "eicar").write_bytes(EICAR)
+        for change, verdict in (("echo >> file", "changed"), ("cp file new; mv new file", "changed"),
+                                ("echo Harmless > file; touch -d@9 file", "changed"), ("cp ../eicar file", "infected")):
+            options = self.preloaded(TARN_TEST_DURING=f"cd {self.tree}; {change}")
+            for args in (["-v"], ["--no-cache"]):
+                path.write_text("harmless\n")
+                status, summary, files = self.scan(*args, path, **options)
+                self.assertEqual({line["verdict"] for line in files.values() if line["changed"]}, {verdict}, change)
+                self.assertEqual((status, summary["changed"]), (2, 1) if verdict == "changed" else (1, 0), change)
+            self.assertIn(f"{path}: changed during the scan\n", self.run_tool("scan", path, **options)[2], change)
+
+    def test_folders_exchanged_during_the_scan_do_not_exchange_their_verdicts(self):
+        self.needs_change_times()
+        for folder, content in ((self.tree / "A", EICAR.lower()), (self.tree / "B", EICAR)):
+            folder.mkdir()
+            (folder / "file").write_bytes(content)
+        time.sleep(2.1)  # what has just changed is not remembered
+        exchange = f"cd {self.tree}; mv A C && mv B A && mv C B"
+        options = self.preloaded(TARN_TEST_DURING=f"mkdir {self.top}/once 2> {self.top}/rest || exit 0; {exchange}")
+        self.assertEqual(sum(self.scan(self.tree, **options)[1]["not_cached"].values()), 0, "both are remembered")
+        for verdicts in (["infected", "clean"], ["clean", "infected"]):
+            self.assertEqual([file["verdict"] for _, file in sorted(self.scan(self.tree)[2].items())], verdicts)
+            subprocess.run(["sh", "-c", exchange], check=True)
+
+    def test_page_that_was_dirty_before_the_scan_and_changes_after_it(self):
+        (self.tree / "file").write_bytes(EICAR.lower())
+        with open(self.tree / "file", "r+b") as file:
+            page = mmap.mmap(file.fileno(), 0)  # shared
+        page[:1] = b"x"
+        time.sleep(2.1)
+        self.assertEqual(self.scan(self.tree)[1]["not_cached"]["written"], 1)
+        page[:] = EICAR  # until the page is written back, this gives no new change time
+        self.assertEqual(self.scan(self.tree)[0], 1)
+
     def test_fresh_files_are_never_cached(self):
+        self.needs_change_times()
         (self.tree / "clean").write_text("nothing")
         (self.tree / "eicar").write_bytes(EICAR)
         for _ in range(2):

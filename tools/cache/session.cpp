@@ -137,7 +137,15 @@ bool CCacheSession::Find(const std::string &strPath, const struct stat &status, 
            FromRecord(record, szMD5, m_ulTag, verdict);
 }
 
-bool CCacheSession::Add(const std::string &strPath, const struct stat &status, const _FileVerdict &verdict) const {
+bool CCacheSession::BeginScan(int fd, _LOCAL_CACHE_SCAN &scan) const {
+    scan.size = sizeof scan;
+    return m_bInUse && LocalCacheScanBegin(fd, &scan) == TARN_OK;
+}
+
+uint32_t CCacheSession::FinishScan(_LOCAL_CACHE_SCAN &scan, const std::string &strPath,
+                                   const _FileVerdict &verdict) const {
     const _SCAN_FILE_RESULT record = ToRecord(verdict, m_ulTag);
-    return LocalCacheAddStat(strPath.c_str(), &status, verdict.strMD5.c_str(), &record) == TARN_OK;
+    uint32_t ulReason = TARN_REMEMBER_REFUSED; // stays when the call fails
+    (void)LocalCacheScanFinish(&scan, strPath.c_str(), verdict.strMD5.c_str(), &record, &ulReason);
+    return ulReason;
 }

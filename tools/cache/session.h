@@ -6,6 +6,8 @@
 #include "tools/cache/install_root.h"
 #include "tools/engine/verdict.h"
 
+#include <tarncache.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -18,7 +20,7 @@ struct _CacheListener {
     std::function<void(const std::string &strText)> onProgress; // about once a second; empty when there is no more
 };
 
-// The full cache of a scan. Start and Stop belong to the main thread; Find and Add may be called from any.
+// The full cache of a scan. Start and Stop belong to the main thread; the others may be called from any.
 class CCacheSession {
   public:
     CCacheSession() = default;
@@ -42,9 +44,11 @@ class CCacheSession {
     // True when the cache knows the file, unchanged, by a verdict of these very signatures. status: the file's own.
     bool Find(const std::string &strPath, const struct stat &status, _FileVerdict &verdict) const;
 
-    // Remembers the verdict for the file as it was with this status, taken before the scan. False when the cache
-    // refuses it.
-    bool Add(const std::string &strPath, const struct stat &status, const _FileVerdict &verdict) const;
+    // Before the first byte of an open file is read. False when there is no cache, or it cannot watch the file.
+    bool BeginScan(int fd, _LOCAL_CACHE_SCAN &scan) const;
+
+    // After the last one: remembers a clean or infected file unless something speaks against it. TARN_REMEMBER_...
+    uint32_t FinishScan(_LOCAL_CACHE_SCAN &scan, const std::string &strPath, const _FileVerdict &verdict) const;
 
   private:
     bool Open(const CInstallRoot &root, const std::string &strFingerprint, const std::atomic<bool> &bStop,

@@ -11,6 +11,7 @@
 #include "tools/text/path_argument.h"
 
 #include <CLI/CLI.hpp>
+#include <tarncache.h>
 
 #include <algorithm>
 #include <memory>
@@ -27,6 +28,8 @@ struct _ScanOptions {
     std::string strDatabase; // of signatures; empty: the system's, else the program's own
     unsigned nThreads = 0;   // 0: one for each processor that this process may use
     bool bNoCache = false;
+    bool bNetwork = false;
+    bool bRemovable = false;
 };
 
 unsigned ProcessorCount() {
@@ -110,7 +113,9 @@ bool CScanCommand::Scan(std::string &strError) {
     StartCache();
     const COwnFiles ownFiles({m_root.CacheFolder(), m_temporary.Path()});
     const bool bWantDigest = m_cache.IsInUse() || m_options.report.bJson;
-    const _ScanShared shared = {m_cache, ownFiles, CInterrupt::StopFlag(), m_report, m_counters, bWantDigest};
+    const uint32_t ulAllow =
+        (m_options.bNetwork ? TARN_ALLOW_NETWORK : 0U) | (m_options.bRemovable ? TARN_ALLOW_REMOVABLE : 0U);
+    const _ScanShared shared = {m_cache, ownFiles, CInterrupt::StopFlag(), m_report, m_counters, bWantDigest, ulAllow};
     if (!CScanRun(m_options.targets, shared, m_nThreads).Run(*m_pEngine, strError)) {
         return false;
     }
@@ -182,6 +187,16 @@ void AddTargets(CLI::App *pLine, _ScanTargets &targets) {
     pLine->add_flag("--null,-0", targets.bNullSeparated, "The file list is separated by NUL bytes");
 }
 
+void AddCacheUse(CLI::App *pLine, _ScanOptions &options) {
+    pLine->add_flag("--no-cache", options.bNoCache, "Neither ask nor fill the cache");
+    pLine->add_flag("--remember-network", options.bNetwork,
+                    "Cache verdicts of network file systems too; whoever runs the server, or can pass for it, is then "
+                    "able to change a file so that it is not scanned again");
+    pLine->add_flag("--remember-removable", options.bRemovable,
+                    "Likewise of removable media and of images that others may write; whoever changes the "
+                    "medium elsewhere is then able to do so");
+}
+
 void AddReport(CLI::App *pLine, _ReportOptions &report) {
     pLine->add_flag("--verbose,-v", report.bVerbose, "Report clean files too");
     pLine->add_flag("--infected,-i", report.bInfectedOnly, "Report infected files only, no errors");
@@ -222,9 +237,10 @@ _Command AddScan(CLI::App &app) {
     pLine->add_option("--threads,-t", pOptions->nThreads, "Worker threads (default: the processors of this process)")
         ->check(CLI::Range(1u, 1024u).description(""));
     AddTargets(pLine, pOptions->targets);
-    pLine->add_flag("--no-cache", pOptions->bNoCache, "Neither ask nor fill the cache");
+    AddCacheUse(pLine, *pOptions);
     AddReport(pLine, pOptions->report);
     AddLimits(pLine, pOptions->limits);
-    pLine->footer("Exit status: 0 clean, 1 infected files found, 2 errors and nothing infected, 130 interrupted.");
+    pLine->footer("Exit status: 0 clean, 1 infected files found, 2 errors or files that changed during their scan and "
+                  "nothing infected, 130 interrupted.");
     return {pLine, [pOptions] { return RunScan(*pOptions); }};
 }

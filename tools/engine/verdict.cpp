@@ -59,7 +59,7 @@ const char *TypeName(EFileType eType) {
 }
 
 const char *VerdictName(EVerdict eVerdict) {
-    constexpr std::array<const char *, 6> kNames = {"clean",     "infected", "limit exceeded",
-                                                    "timed out", "error",    "interrupted"};
+    constexpr std::array<const char *, 7> kNames = {"clean", "infected",    "limit exceeded", "timed out",
+                                                    "error", "interrupted", "changed"};
     return kNames[static_cast<size_t>(eVerdict)];
 }

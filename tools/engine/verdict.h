@@ -6,7 +6,15 @@
 #include <string>
 #include <string_view>
 
-enum class EVerdict { Clean, Infected, LimitExceeded, TimedOut, Error, Interrupted };
+enum class EVerdict {
+    Clean,
+    Infected,
+    LimitExceeded,
+    TimedOut,
+    Error,
+    Interrupted,
+    Changed // during the scan: what was found holds neither for the file before nor after
+};
 
 // Stored in caches: never renumber. 0 is left out on purpose: as the low byte of a flag word it would make the cache's
 // writer run for every single file.

@@ -9,8 +9,11 @@
 // Why a scanned file was not added to the cache.
 enum class ENotCached {
     None, // it was added, or the cache is not in use
-    TooNew,
+    Written,
+    FileSystem,
+    WritersUnknown,
     ChangedDuringScan,
+    TooNew,
     ScanError,
     TimedOut,
     LimitExceeded,
@@ -36,10 +39,13 @@ constexpr std::array<_ReasonText, 5> kSkippedTexts = {{
     {"the cache's own files", "own_files"},
 }};
 
-constexpr std::array<_ReasonText, 10> kNotCachedTexts = {{
+constexpr std::array<_ReasonText, 13> kNotCachedTexts = {{
     {"", ""},
-    {"changed within 2 seconds", "too_new"},
+    {"open or mapped for writing", "written"},
+    {"untrusted file system", "file_system"},
+    {"writers cannot be told", "writers_unknown"},
     {"changed during the scan", "changed_during_scan"},
+    {"changed within 2 seconds", "too_new"},
     {"scan error", "scan_error"},
     {"timed out", "timed_out"},
     {"limit exceeded", "limit_exceeded"},
@@ -57,7 +63,8 @@ struct _ScanCounters {
     std::atomic<uint64_t> nFromCache = 0;
     std::atomic<uint64_t> nScanned = 0;
     std::atomic<uint64_t> nInfected = 0;
-    std::atomic<uint64_t> nErrors = 0; // files, folders and arguments
+    std::atomic<uint64_t> nErrors = 0;  // files, folders and arguments
+    std::atomic<uint64_t> nChanged = 0; // files without a verdict because of it; errors, too
     std::atomic<uint64_t> nLimitExceeded = 0;
     std::atomic<uint64_t> nTimedOut = 0;
     std::atomic<uint64_t> ullBytesRead = 0;

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr const char *kChangedText = ": changed during the scan\n";
+
 std::string TextLine(const _FileReport &file) {
     const std::string strPath = EscapeName(file.strPath);
     switch (file.verdict.eVerdict) {
@@ -20,6 +22,8 @@ std::string TextLine(const _FileReport &file) {
         return strPath + ": OK\n";
     case EVerdict::Error:
         return strPath + ": " + file.strError + "\n";
+    case EVerdict::Changed:
+        return strPath + kChangedText;
     default:
         return strPath + ": " + VerdictName(file.verdict.eVerdict) + ", not fully scanned\n";
     }
@@ -42,6 +46,9 @@ Json JsonObject(const _FileReport &file) {
     object["file_type"] = TypeName(file.verdict.eType);
     object["size"] = file.ullSize;
     object["from_cache"] = file.bFromCache;
+    if (file.bChanged) {
+        object["changed"] = true;
+    }
     if (file.eNotCached != ENotCached::None) {
         object["not_cached"] = kNotCachedTexts[static_cast<size_t>(file.eNotCached)].pszKey;
     }
@@ -68,6 +75,9 @@ void CScanReport::File(const _FileReport &file) {
         return;
     }
     WriteOut(strLine);
+    if (bInfected && file.bChanged && !m_options.bJson && !m_options.bInfectedOnly) {
+        WriteError(EscapeName(file.strPath) + kChangedText); // the line of a found file stays as programs know it
+    }
 }
 
 void CScanReport::Problem(const std::string &strPath, const std::string &strError) {

@@ -23,6 +23,7 @@ struct _FileReport {
     _FileVerdict verdict = {};
     uint64_t ullSize = 0; // bytes
     bool bFromCache = false;
+    bool bChanged = false; // during the scan
     ENotCached eNotCached = ENotCached::None;
     std::string strError; // for EVerdict::Error
 };

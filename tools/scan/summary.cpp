@@ -60,6 +60,7 @@ std::string SummaryText(const _ScanSummary &summary, const _ScanCounters &counte
     strText += SummaryLine("Scanned", count(counters.nScanned));
     strText += SummaryLine("Infected", count(counters.nInfected));
     strText += SummaryLine("Errors", count(counters.nErrors));
+    strText += SummaryLine("Changed during the scan", count(counters.nChanged));
     strText += SummaryLine("Limit exceeded", count(counters.nLimitExceeded));
     strText += ReasonLines("Skipped", kSkippedTexts, counters.skipped);
     strText += ReasonLines("Not cached", kNotCachedTexts, counters.notCached);
@@ -81,6 +82,7 @@ std::string SummaryJson(const _ScanSummary &summary, const _ScanCounters &counte
     object["scanned"] = counters.nScanned.load();
     object["infected"] = counters.nInfected.load();
     object["errors"] = counters.nErrors.load();
+    object["changed"] = counters.nChanged.load();
     object["timed_out"] = counters.nTimedOut.load();
     object["limit_exceeded"] = counters.nLimitExceeded.load();
     object["skipped"] = ReasonObject(kSkippedTexts, counters.skipped);

@@ -6,12 +6,14 @@
 #include "tools/cache/session.h"
 #include "tools/engine/scan_engine.h"
 #include "tools/scan/counters.h"
+#include "tools/scan/file_bracket.h"
 #include "tools/scan/file_digest.h"
 #include "tools/scan/own_files.h"
 #include "tools/scan/queue.h"
 #include "tools/scan/report.h"
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <sys/stat.h>
 
@@ -23,6 +25,7 @@ struct _ScanShared {
     CScanReport &report;
     _ScanCounters &counters;
     bool bWantDigest; // compute the MD5 of scanned files
+    uint32_t ulAllow; // TARN_ALLOW_..., what may be remembered besides
 };
 
 class CScanWorker {
@@ -34,19 +37,12 @@ class CScanWorker {
     void Run();
 
   private:
-    // The file's status before anything else was done with it.
-    struct _StatusBefore {
-        struct stat status = {};
-        bool bTooNew = false;
-    };
-
     void LookAt(const _ScanJob &job);
     bool AskCache(const struct stat &status, _FileReport &file) const;
-    void ScanFile(const _ScanJob &job, const _StatusBefore &before, _FileReport &file);
-    bool Open(const _ScanJob &job, const std::string &strPath, CDescriptor &descriptor, struct stat &opened,
-              std::string &strError) const;
-    void ReadAndScan(int fd, const struct stat &opened, _FileReport &file);
-    ENotCached ReasonNotToAdd(const _ScanJob &job, int fd, const _StatusBefore &before, const _FileReport &file) const;
+    void ScanFile(const _ScanJob &job, _FileReport &file);
+    bool Open(const _ScanJob &job, const std::string &strPath, CDescriptor &descriptor, CFileBracket &bracket,
+              std::string &strError) const; // and begins the bracket
+    void ReadAndScan(int fd, const struct stat &status, _FileReport &file);
     void Count(const _FileReport &file);
 
     const std::unique_ptr<CScanEngine> m_pEngine;

@@ -1,4 +1,4 @@
-/* Preloaded into the program: while the engine scans, allocations of TARN_TEST_LEAST bytes and more are refused. */
+/* Preloaded into the program: TARN_TEST_DURING runs before each scan, which gets no TARN_TEST_LEAST bytes of memory. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -6,7 +6,8 @@
 static __thread int t_iScanning;
 
 static int IsRefused(size_t nSize) {
-    return t_iScanning && nSize >= strtoul(getenv("TARN_TEST_LEAST"), NULL, 10);
+    const char *pszLeast = t_iScanning ? getenv("TARN_TEST_LEAST") : NULL;
+    return pszLeast != NULL && nSize >= strtoul(pszLeast, NULL, 10);
 }
 
 void *__libc_malloc(size_t nSize);
@@ -32,6 +33,9 @@ int cl_scandesc_callback(int fd, const char *pszFile, const char **ppszName, uns
                          const void *pEngine, void *pOptions, void *pContext) {
     int (*pNext)(int, const char *, const char **, unsigned long *, const void *, void *, void *);
     *(void **)&pNext = dlsym(RTLD_NEXT, "cl_scandesc_callback");
+    if (getenv("TARN_TEST_DURING") != NULL && system(getenv("TARN_TEST_DURING")) != 0) {
+        abort();
+    }
     t_iScanning = 1;
     const int iResult = pNext(fd, pszFile, ppszName, pScanned, pEngine, pOptions, pContext);
     t_iScanning = 0;
