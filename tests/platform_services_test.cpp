@@ -1,6 +1,7 @@
 #include "platform/nubbase.h"
 #include "platform/nubcl_ev.h"
 #include "platform/tarncore.h"
+#include "support/checked_file.h"
 #include "tests/platform_fixture.h"
 
 #include <csignal>
@@ -98,6 +99,39 @@ TEST_F(PlatformServices, BusinessValuesNeedAPrivateFileAndStayOutOfTheLog) {
     std::filesystem::create_symlink("../real.ini", Path("config/business.ini"));
     unsigned char bytes[2] = {};
     EXPECT_EQ(get_business_value("avscan", "mor_secret", 0, 0, bytes, 2), -1) << "a link is refused";
+}
+
+TEST_F(PlatformServices, AFileThatOthersMayHavePutThereIsNamed) {
+    for (const char *pszName : {"good", "linked", "foreign", "open"}) {
+        EXPECT_EQ(chmod(WriteFile(pszName, "text").c_str(), 0600), 0) << pszName;
+    }
+    EXPECT_EQ(link(Path("linked").c_str(), Path("twin").c_str()), 0);
+    EXPECT_EQ(chmod(Path("open").c_str(), 0640), 0);
+    std::filesystem::create_symlink("good", Path("link"));
+    std::filesystem::create_symlink("victim", Path("dangling"));
+    EXPECT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
+    const bool bRoot = chown(Path("foreign").c_str(), 1234, 1234) == 0; // only root may
+    const std::pair<const char *, EFileFault> cases[] = {
+        {"good", EFileFault::None},
+        {"none", EFileFault::Absent},
+        {"link", EFileFault::Link},
+        {"dangling", EFileFault::Link},
+        {"config", EFileFault::NotRegular},
+        {"fifo", EFileFault::NotRegular},
+        {"twin", EFileFault::SeveralNames},
+        {"open", EFileFault::OpenToOthers},
+        {"foreign", bRoot ? EFileFault::ForeignOwner : EFileFault::None}};
+    CDescriptor file;
+    for (const auto &[pszName, eFault] : cases) {
+        EXPECT_EQ(CheckFile(Path(pszName).c_str(), kSharedMode).eFault, eFault) << pszName;
+        EXPECT_EQ(OpenChecked(AT_FDCWD, Path(pszName).c_str(), O_RDONLY, kSharedMode, file).eFault, eFault) << pszName;
+        const EFileFault eMade = eFault == EFileFault::Absent ? EFileFault::None : eFault;
+        EXPECT_EQ(OpenChecked(AT_FDCWD, Path(pszName).c_str(), O_WRONLY | O_CREAT, kSharedMode, file).eFault, eMade)
+            << pszName << ", for writing";
+        EXPECT_EQ(file.IsOpen(), eMade == EFileFault::None) << pszName;
+    }
+    EXPECT_EQ(Status("none").st_mode, S_IFREG | 0600U);
+    EXPECT_FALSE(Exists(Path("victim"))) << "made through a link";
 }
 
 // Runs with another thread's timer.
