@@ -41,6 +41,7 @@ void CDataBaseAgent::DoCleanCachesJob() {
     const int iQueryTimes = static_cast<int>(m_config.lExpirePercent * m_config.lDBQueryCounts / 100);
     const int64_t liCutOff = m_config.lExpirePercent == 100 ? liNow : liNow - kRecencyMarginSeconds;
     TARN_LOG_DEBUG("[%s][cache] iQueryTimes:%d.", iQueryTimes);
+    const CBusyDeadline deadline(m_config.bProtect);
     const CWriteLock lock(m_connection.m_tableLock);
     int iDeleted = static_cast<int>(m_counters.ulWeedOutCount);
     if (const uint32_t ulResult = m_pCacheTable->DeleteExpireRecords(iQueryTimes, liCutOff, &iDeleted); ulResult != 0) {
@@ -88,6 +89,7 @@ void CDataBaseAgent::TimerCleanCaches() {
 
 uint32_t CDataBaseAgent::TrimRecords() {
     int iDeleted = 0;
+    const CBusyDeadline deadline(m_config.bProtect);
     const CWriteLock lock(m_connection.m_tableLock);
     const uint32_t ulResult = m_pCacheTable->DeleteExcessRecords(static_cast<int>(m_config.lExpirePercent), &iDeleted);
     if (ulResult != 0) {
@@ -95,4 +97,9 @@ uint32_t CDataBaseAgent::TrimRecords() {
     }
     m_counters.ulWeedOutCount += static_cast<uint32_t>(iDeleted);
     return ulResult == 0 ? TARN_OK : TARN_E_FAIL;
+}
+
+int64_t CDataBaseAgent::CheckDBIntegrity() {
+    const CBusyDeadline deadline(m_config.bProtect);
+    return m_connection.CheckDBIntegrity();
 }

@@ -3,7 +3,6 @@
 #include "agent/connection.h"
 
 #include "platform/nubbase.h"
-#include "tables/statement.h"
 #include "util/log.h"
 
 #include <sqlite3.h>
@@ -16,7 +15,11 @@ constexpr char kOpen[] = "OpenDB"; // the step of the start that all of this bel
 } // namespace
 
 bool CConnection::Open(const std::string &strPath) {
-    return sqlite3_open(strPath.c_str(), &m_pDB) == SQLITE_OK;
+    const bool bOpened = sqlite3_open(strPath.c_str(), &m_pDB) == SQLITE_OK;
+    if (bOpened) {
+        CBusyDeadline::Attach(m_pDB);
+    }
+    return bOpened;
 }
 
 uint32_t CConnection::OpenForReading(const std::string &strPath) {
@@ -25,6 +28,7 @@ uint32_t CConnection::OpenForReading(const std::string &strPath) {
         sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs) == SQLITE_OK &&
         sqlite3_exec(m_pDB, "select count(*) from sqlite_master;", nullptr, nullptr, nullptr) == SQLITE_OK) {
         if (HasUsableMode()) {
+            CBusyDeadline::Attach(m_pDB);
             return TARN_OK;
         }
         Abandon();

@@ -6,7 +6,7 @@
 #define TARN_AGENT_CONNECTION_H
 
 #include "interface/tarncache.h"
-#include "tables/statement.h"
+#include "tables/busy_deadline.h"
 #include "util/locks.h"
 
 #include <string>
@@ -43,6 +43,8 @@ class TARN_API CConnection {
     [[nodiscard]] uint32_t BeginTransactoion(TransactionType type) REQUIRES(m_tableLock); // TARN_E_INVALIDARG: type
     [[nodiscard]] uint32_t CommitTransaction() REQUIRES(m_tableLock);
     uint32_t RollbackTransaction() REQUIRES(m_tableLock);
+    // Did the last of these three find the database locked by another process?
+    [[nodiscard]] bool WasBusy() const REQUIRES(m_tableLock) { return m_bBusy; }
     // False once SQLite itself has ended the transaction, as a full disk makes it do.
     [[nodiscard]] bool IsInTransaction() const REQUIRES(m_tableLock);
     // What SQLite says of the last call.
@@ -62,7 +64,8 @@ class TARN_API CConnection {
     uint32_t StepTransaction(_SQLStmt &stStep);
 
     sqlite3 *m_pDB = nullptr; // set at start-up, cleared at shut-down
-    _SQLStmt m_stBegin;       // the begin statement last used
+    bool m_bBusy = false;
+    _SQLStmt m_stBegin; // the begin statement last used
     _SQLStmt m_stCommit = _SQLStmt("commit;");
     _SQLStmt m_stRollback = _SQLStmt("rollback;");
 };

@@ -77,6 +77,7 @@ uint32_t CDataBaseAgent::StartDatabase() {
         return TARN_E_FAIL;
     }
     TARN_LOG_AS(ELogLevel::Info, kInit, "[%s][cache] disk have free space for db.");
+    const CBusyDeadline deadline(m_config.bProtect);
     if (const uint32_t ulResult = OpenDB(); ulResult != TARN_OK) {
         TARN_LOG_AS(ELogLevel::Severe, kInit, "[%s][cache] open db failed.");
         return ulResult;

@@ -152,7 +152,7 @@ class TARN_API CDataBaseAgent {
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
     int64_t AdjustDBToActualSize() { return m_connection.AdjustDBToActualSize(m_config.lCacheSize); }
     // "pragma quick_check;". 1 sound (also without a connection), 0 not.
-    [[nodiscard]] int64_t CheckDBIntegrity() { return m_connection.CheckDBIntegrity(); }
+    [[nodiscard]] int64_t CheckDBIntegrity();
 
     // --- engine_flags.cpp: the writer thread at its start
 
@@ -193,6 +193,8 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] CFindProgress &FindProgress() { return m_findProgress; }
 
   private:
+    class CBatch; // batch.cpp: what one pass writes
+
     uint32_t CreateLocks();
     uint32_t StartDatabase();
     uint32_t StartReader();
@@ -217,12 +219,9 @@ class TARN_API CDataBaseAgent {
     uint32_t QueueRecord(const char *file, const struct stat &status, std::unique_ptr<_CacheRecord> pRecord,
                          const char *md5_text, const _SCAN_FILE_RESULT *in);
     uint32_t FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex);
-    bool InsertRecord(_CacheRecord &record) REQUIRES(m_connection.m_tableLock);
     void SweepCodes() EXCLUDES(m_connection.m_tableLock);
     bool CopyRecordOut(const _CacheRecord &stored, _LOCAL_CACHE_RECORD &record)
         REQUIRES_SHARED(m_connection.m_tableLock);
-    size_t WriteBatch() REQUIRES(m_connection.m_tableLock);
-    size_t InsertBatch() REQUIRES(m_connection.m_tableLock);
     void ApplyBatch(std::vector<CacheMD5> &batch);
     bool ApplyList() EXCLUDES(m_connection.m_tableLock);
     void RetryWithdrawals();

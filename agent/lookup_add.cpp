@@ -16,6 +16,7 @@ namespace {
 constexpr char kLogSource[] = "dbagent";
 constexpr char kLookup[] = "CacheLookup"; // the names under which both forms log
 constexpr char kAdd[] = "CacheAdd";
+constexpr uint64_t kForeverMs = 1000ULL * UINT32_MAX; // 136 years
 
 // An empty record for the path; null with the reason logged and in ulResult.
 std::unique_ptr<_CacheRecord> NewRecord(const char *file, uint32_t &ulResult) {
@@ -90,8 +91,10 @@ bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, c
     bool bHasCode = false;
     char szDescription[TARN_VIRUS_DESC_SIZE] = {};
     std::memcpy(szDescription, out->szVirusDesc, sizeof szDescription); // bytes behind the text stay the caller's
-    const CReadLock lock(m_connection.m_tableLock);
-    if (ReadRecord(record, bHasCode) != 0 || !bHasCode || record.lFileAttrHash != AttrHashOf(file.status) ||
+    const CBusyDeadline deadline(IsReader());
+    const CReadLockWithin lock(m_connection.m_tableLock, m_config.bProtect ? kBusyTimeoutMs : kForeverMs);
+    if (!lock.IsHeld() || ReadRecord(record, bHasCode) != 0 || !bHasCode ||
+        record.lFileAttrHash != AttrHashOf(file.status) ||
         m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), szDescription,
                                            sizeof szDescription) == 0 ||
         (m_pProtection != nullptr && !m_pProtection->Allows(file, record, szDescription))) {
@@ -147,6 +150,8 @@ uint32_t CDataBaseAgent::CacheAddStat(const char *file, const struct stat &statu
 
 uint32_t CDataBaseAgent::FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex) {
     int iVirusIndex = 0;
+    const CBusyDeadline deadline(
+        m_config.bProtect); // from before the lock, so that those who queue for it do not add up
     const CWriteLock lock(m_connection.m_tableLock); // the virus table may gain a row
     // An index beyond the record's 16 bits would come back as another description.
     if (m_pVirusTable->GetIndexByVirusDesc(strVirusDesc.c_str(), &iVirusIndex) == 0 || iVirusIndex > INT16_MAX) {
@@ -185,6 +190,12 @@ uint32_t CDataBaseAgent::QueueRecord(const char *file, const struct stat &status
         }
         pRecord->code = m_pProtection->m_identity.CodeOf({file, ullFileSystem, status}, *pRecord, strVirusDesc.c_str());
     }
-    m_queue.Add(std::move(pRecord), TARN_FILE_TYPE(ulFlags) == 0); // file type 0 asks for a write at once
+    if (!m_queue.Add(std::move(pRecord), TARN_FILE_TYPE(ulFlags) == 0)) { // file type 0 asks for a write at once
+        if (m_queue.IsRefusalNews()) {
+            TARN_LOG_AS(ELogLevel::Error, kAdd, "[%s][cache] not queued: %llu records wait and are not written.",
+                        static_cast<unsigned long long>(m_queue.Waiting()));
+        }
+        return TARN_E_FAIL;
+    }
     return TARN_OK;
 }

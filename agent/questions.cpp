@@ -45,6 +45,7 @@ uint32_t CDataBaseAgent::CachePeek(const char *file, char *md5_text, _SCAN_FILE_
     uint64_t ullFileSystem = 0;
     bool bHasCode = false;
     const bool bThere = IdentifyFile(file, status, ullFileSystem) == 0;
+    const CBusyDeadline deadline(IsReader());
     const CReadLock lock(m_connection.m_tableLock);
     if (const uint32_t ulResult = ReadRecord(record, bHasCode); ulResult != SQLITE_OK) {
         return ulResult == SQLITE_DONE ? TARN_NOT_CACHED : TARN_E_FAIL;
@@ -87,6 +88,7 @@ uint32_t CDataBaseAgent::Explain(const char *file, _LOCAL_CACHE_EXPLANATION &exp
         DescribeFile(status, explanation);
     }
     bool bHasCode = false;
+    const CBusyDeadline deadline(IsReader());
     const CReadLock lock(m_connection.m_tableLock);
     const uint32_t ulResult = ReadRecord(stored, bHasCode);
     if (ulResult == SQLITE_DONE) {
@@ -121,6 +123,7 @@ uint32_t CDataBaseAgent::EnumerateRecords(int (*onRecord)(const _LOCAL_CACHE_REC
         vecStored.clear();
         vecRecords.clear();
         {
+            const CBusyDeadline deadline(IsReader());
             const CReadLock lock(m_connection.m_tableLock);
             if (m_pCacheTable->QueryRecordsAfter(liAfter, kRecordsAtOnce, vecStored) != 0) {
                 TARN_LOG_ERROR("[%s][cache] the records cannot be read.");

@@ -17,6 +17,7 @@ bool CDataBaseAgent::QueryRequests(RecordMap &requests) {
         const CacheMD5 md5 = MD5Of(strMD5.c_str());
         bool bQueried = false;
         {
+            const CBusyDeadline deadline(IsReader());
             const CReadLock lock(m_connection.m_tableLock);
             bQueried = m_pCacheTable->QueryFilePathHashByMD5(md5.liHighMD5, md5.liLowMD5, vecRecords) != 0;
         }

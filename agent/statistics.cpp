@@ -18,6 +18,7 @@ uint32_t CDataBaseAgent::GetCacheStatistic(_DBStatistics *out) {
     m_queue.WakeWriter(); // what is pending is written soon
     uint32_t ulResult = TARN_OK;
     {
+        const CBusyDeadline deadline(IsReader());
         const CReadLock lock(m_connection.m_tableLock);
         int iCount = 0;
         if (m_pCacheTable->QueryRecordsCount(&iCount) == 0) {
@@ -34,6 +35,7 @@ uint32_t CDataBaseAgent::GetCacheStatistic(_DBStatistics *out) {
 
 uint32_t CDataBaseAgent::GetInfo(_LOCAL_CACHE_INFO &info) {
     {
+        const CBusyDeadline deadline(IsReader());
         const CReadLock lock(m_connection.m_tableLock);
         int iCount = 0;
         if (m_pCacheTable->QueryRecordsCount(&iCount) != 0 ||
@@ -61,6 +63,7 @@ uint32_t CDataBaseAgent::GetInfo(_LOCAL_CACHE_INFO &info) {
 uint32_t CDataBaseAgent::CountByFileHash(const char *md5_text, uint64_t &ullCount) {
     const CacheMD5 md5 = MD5Of(md5_text);
     int64_t liCount = 0;
+    const CBusyDeadline deadline(IsReader());
     const CReadLock lock(m_connection.m_tableLock);
     if (m_pCacheTable->CountRecordsByMD5(md5.liHighMD5, md5.liLowMD5, &liCount) != 0) {
         TARN_LOG_ERROR("[%s][cache] counting by md5:%s failed.", md5_text);

@@ -29,7 +29,9 @@ const char *BeginText(TransactionType type) {
 uint32_t CConnection::StepTransaction(_SQLStmt &stStep) {
     CStatement step(m_pDB, stStep); // reset at its end: one left active by a busy database would keep the vacuum away
     (void)step.Step();
-    return step.RetryWhileBusy(1) == SQLITE_DONE ? TARN_OK : TARN_E_FAIL;
+    const int iStep = step.RetryWhileBusy(1);
+    m_bBusy = iStep == SQLITE_BUSY;
+    return iStep == SQLITE_DONE ? TARN_OK : TARN_E_FAIL;
 }
 
 uint32_t CConnection::BeginTransactoion(TransactionType type) {

@@ -122,6 +122,7 @@ bool CDataBaseAgent::ApplyList() {
         }
         const size_t nEnd = std::min(nDone + kBatchSize, digests.size());
         const std::vector<CacheMD5> vecBatch(&digests[nDone], &digests[0] + nEnd);
+        const CBusyDeadline deadline(true); // a list is withdrawn in this way with the key "protect" alone
         const CWriteLock lock(m_connection.m_tableLock);
         if (!DeleteBatchAndCommit(vecBatch)) {
             (void)RollbackTransaction();
@@ -144,6 +145,7 @@ uint32_t CDataBaseAgent::BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> 
     if (batch.empty()) {
         return TARN_OK;
     }
+    const CBusyDeadline deadline(m_config.bProtect);
     const CWriteLock lock(m_connection.m_tableLock);
     if (DeleteBatchAndCommit(batch)) {
         return TARN_OK;

@@ -1,6 +1,9 @@
 #include "agent/write_queue.h"
 
+#include <algorithm>
 #include <ctime>
+#include <iterator>
+#include <new>
 #include <sys/time.h>
 
 namespace {
@@ -8,6 +11,8 @@ namespace {
 constexpr size_t kMaxQueuedAdds = 9999; // one more marks the queue as full and wakes the writer
 constexpr size_t kMaxNotedHits = 19999; // likewise for the hit map
 constexpr uint64_t kPassPauseMs = 500;
+constexpr int64_t kSecondsBetweenNews = 60;
+constexpr uint64_t kHeldPauseMs = 50; // while somebody waits for what another process keeps from being written
 
 // The moment at which the wall clock shows its next whole second, to the millisecond and unless it is set meanwhile.
 timespec NextWholeSecond() {
@@ -41,8 +46,11 @@ void CWriteQueue::Stop() {
     m_pauseCondition.Signal();
 }
 
-void CWriteQueue::Add(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow) {
+bool CWriteQueue::Add(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow) {
     const CMutexLock lock(m_mutex);
+    if (m_bWriterFailed || m_ullQueued - m_ullSettled >= kMostQueued) {
+        return false;
+    }
     m_vecAddFront.push_back(std::move(pRecord));
     ++m_ullQueued;
     if (m_vecAddFront.size() > kMaxQueuedAdds) {
@@ -51,11 +59,23 @@ void CWriteQueue::Add(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow) {
     } else if (bWriteNow) {
         m_workCondition.Signal();
     }
+    if (m_vecAddFront.size() == kMostQueued / 2) {
+        m_pauseCondition.Signal(); // one that fills this fast must not wait
+    }
+    return true;
+}
+
+bool CWriteQueue::IsRefusalNews() {
+    const int64_t liNow = DeadlineAfter(0).tv_sec;
+    int64_t liNext = m_liNextRefusalNews;
+    return liNow >= liNext && m_liNextRefusalNews.compare_exchange_strong(liNext, liNow + kSecondsBetweenNews);
 }
 
 void CWriteQueue::NoteHit(int64_t liFilePathHash) {
     const CMutexLock lock(m_mutex);
-    m_mapHitFront.emplace(liFilePathHash, time(nullptr));
+    if (m_mapHitFront.size() < kMostQueued) { // a hit that is forgotten makes the record look less used
+        m_mapHitFront.emplace(liFilePathHash, time(nullptr));
+    }
     if (m_mapHitFront.size() > kMaxNotedHits) {
         m_lFlags |= kHitMapFull;
         m_workCondition.Signal();
@@ -109,6 +129,8 @@ bool CWriteQueue::TakeBatch(bool bWait) {
         WaitForWork();
     }
     SwapDue();
+    m_bPutBack = false;
+    m_bLastBatch = !m_bRunning;
     return m_bRunning;
 }
 
@@ -137,16 +159,41 @@ void CWriteQueue::Settle(size_t nStored) {
     m_mapHitBack.clear();
 }
 
-void CWriteQueue::Pause() {
-    const timespec deadline = DeadlineAfter(kPassPauseMs);
+// What is not settled is still waited for by those who wait. The swap of the hit map that brings these hits again has a
+// higher number than the one that took them, so a flush that waits for the former waits for the latter.
+bool CWriteQueue::PutBack() {
     const CMutexLock lock(m_mutex);
-    if (m_bRunning && m_nFlushing == 0) {
+    if (m_bLastBatch) {
+        return false;
+    }
+    try {
+        m_vecAddBack.reserve(m_vecAddBack.size() + m_vecAddFront.size());
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    std::move(m_vecAddFront.begin(), m_vecAddFront.end(), std::back_inserter(m_vecAddBack));
+    m_vecAddFront.clear();
+    m_vecAddFront.swap(m_vecAddBack);
+    if (m_mapHitBack.size() < kMostQueued) {
+        m_mapHitBack.merge(m_mapHitFront); // moves nodes, and of one key keeps the earlier hit
+    }
+    m_mapHitFront.clear();
+    m_mapHitFront.swap(m_mapHitBack);
+    m_bPutBack = true;
+    return true;
+}
+
+void CWriteQueue::Pause() {
+    const CMutexLock lock(m_mutex);
+    const timespec deadline = DeadlineAfter(m_nFlushing == 0 ? kPassPauseMs : kHeldPauseMs);
+    if (m_bRunning && (m_nFlushing == 0 || m_bPutBack)) {
         (void)m_pauseCondition.WaitUntil(m_mutex, deadline);
     }
 }
 
-void CWriteQueue::WriterEnded() {
+void CWriteQueue::WriterEnded(bool bFailed) {
     const CMutexLock lock(m_mutex);
+    m_bWriterFailed = m_bWriterFailed || bFailed;
     m_bRunning = false;
     m_bHasWriter = false;
     m_settledCondition.SignalAll();

@@ -37,8 +37,12 @@ class CWriteQueue {
 
     // From a successful start until shut-down begins or the writer ends.
     [[nodiscard]] bool IsRunning() const { return m_bRunning; }
-    void Add(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow);
-    // The first hit's time stays until it is written. Throws std::bad_alloc.
+    // False: it is not queued, because the writer has failed, or kMostQueued records wait and are not written. Throws
+    // std::bad_alloc.
+    [[nodiscard]] bool Add(std::unique_ptr<_CacheRecord> pRecord, bool bWriteNow);
+    // True once a minute: every file that is scanned meanwhile is refused in the same way.
+    [[nodiscard]] bool IsRefusalNews();
+    // The first hit's time stays until it is written. Beyond kMostQueued hits it is forgotten. Throws std::bad_alloc.
     void NoteHit(int64_t liFilePathHash);
     void WakeWriter();
     // Waits until all that is queued now is settled. TARN_OK; TARN_E_TIMEOUT; TARN_E_FAIL: nobody writes.
@@ -56,13 +60,19 @@ class CWriteQueue {
     [[nodiscard]] const HitMap &Hits() const { return m_mapHitBack; }
     // Empties the back containers, of whose records nStored reached the disk.
     void Settle(size_t nStored);
+    // Instead: puts what was taken back in front of what came meanwhile, for the next pass. False: that is impossible
+    // with the last batch, or for lack of memory.
+    [[nodiscard]] bool PutBack();
+    // Is this the batch of the last pass?
+    [[nodiscard]] bool IsLastBatch() const { return m_bLastBatch; }
     // The pause between two passes. Work that comes in waits for the next pass; a shut-down or a flush ends it.
     void Pause();
-    // Nobody writes from here on.
-    void WriterEnded();
+    // Nobody writes from here on. bFailed: nor is anything added.
+    void WriterEnded(bool bFailed = false);
 
   private:
-    static constexpr int32_t kAddQueueFull = 1; // flag bits
+    static constexpr size_t kMostQueued = 200000; // records (30 MB), and hits (13 MB)
+    static constexpr int32_t kAddQueueFull = 1;   // flag bits
     static constexpr int32_t kHitMapFull = 2;
 
     void WaitForWork() REQUIRES(m_mutex);
@@ -74,6 +84,7 @@ class CWriteQueue {
     HitMap m_mapHitFront GUARDED_BY(m_mutex);
     int32_t m_lFlags GUARDED_BY(m_mutex) = 0;
     size_t m_nFlushing GUARDED_BY(m_mutex) = 0; // callers that wait; the writer does not rest meanwhile
+    bool m_bWriterFailed GUARDED_BY(m_mutex) = false;
     uint64_t m_ullQueued GUARDED_BY(m_mutex) = 0;
     uint64_t m_ullSettled GUARDED_BY(m_mutex) = 0;
     uint64_t m_ullHitSwaps GUARDED_BY(m_mutex) = 0;        // how often the hit maps were swapped
@@ -81,10 +92,13 @@ class CWriteQueue {
     std::atomic<bool> m_bRunning = false;                  // changed under the mutex; maintenance reads it without
     std::atomic<bool> m_bHasWriter = false;
     std::atomic<uint64_t> m_ullLost = 0;
+    std::atomic<int64_t> m_liNextRefusalNews = INT64_MIN; // seconds on the monotonic clock
 
     // The writer thread's alone.
     std::vector<std::unique_ptr<_CacheRecord>> m_vecAddBack;
     HitMap m_mapHitBack;
+    bool m_bLastBatch = false;
+    bool m_bPutBack = false; // the last batch taken
 };
 
 #endif

@@ -39,8 +39,8 @@ void *CDataBaseAgent::UpdateWorkThread(void *agent) {
         pAgent->UpdateRecords();
     } catch (const std::exception &error) {
         TARN_LOG_SEVERE("[%s][cache] writer thread ended: %s", error.what());
+        pAgent->m_queue.WriterEnded(true);
     }
-    pAgent->m_queue.WriterEnded();
     // Those who wait for the start-up work are let go also when the thread ended before it was done.
     pAgent->m_startGate.Open(pAgent->m_bListRefused ? TARN_E_FAIL : TARN_OK);
     return nullptr;
@@ -93,73 +93,6 @@ bool CDataBaseAgent::RunWritePass(bool bWait) {
     const bool bRunning = m_queue.TakeBatch(bWait);
     DoBatchWriteJobs();
     return bRunning;
-}
-
-void CDataBaseAgent::DoBatchWriteJobs() {
-    size_t nStored = 0;
-    {
-        const CWriteLock lock(m_connection.m_tableLock);
-        if (BeginTransactoion(TransactionType::Deferred) == TARN_OK) {
-            nStored = WriteBatch();
-        } else {
-            (void)RollbackTransaction(); // the batch is dropped
-        }
-    }
-    m_queue.Settle(nStored);
-}
-
-// Writes and commits the batch. How many of its records are stored then.
-size_t CDataBaseAgent::WriteBatch() {
-    constexpr char kFunction[] = "DoBatchWriteJobs";
-    const size_t nRecords = m_queue.Records().size();
-    size_t nStored = InsertBatch();
-    const bool bInserted = nStored == nRecords;
-    // A full disk makes SQLite end the transaction itself; each hit would then be a transaction of its own.
-    bool bInTransaction = m_connection.IsInTransaction();
-    if (!bInTransaction) {
-        nStored = 0;
-        bInTransaction = BeginTransactoion(TransactionType::Deferred) == TARN_OK;
-    }
-    if (bInTransaction) {
-        for (const auto &[liFilePathHash, liHitTime] : m_queue.Hits()) {
-            m_pCacheTable->AddRecordQueryCount(liFilePathHash, liHitTime);
-        }
-    }
-    if (CommitTransaction() != TARN_OK) {
-        if (bInserted) { // else the reason is logged already
-            TARN_LOG_AS(ELogLevel::Error, kFunction,
-                        "[%s][cache] commit failed, %zu records and %zu hits are dropped, err:%s.", nRecords,
-                        m_queue.Hits().size(), m_connection.LastErrorText());
-        }
-        (void)RollbackTransaction(); // the batch is dropped either way
-        nStored = 0;
-    }
-    return nStored;
-}
-
-// The record and, where codes are kept, its code. A record without one only misses.
-bool CDataBaseAgent::InsertRecord(_CacheRecord &record) {
-    uint32_t ulResult = m_pCacheTable->InsertRecord(&record);
-    if (ulResult == 0 && m_pProtection != nullptr) {
-        ulResult = m_pProtection->m_identity.m_table.Put(record.liFilePathHash, record.code);
-    }
-    if (ulResult != 0) {
-        TARN_LOG_AS(ELogLevel::Error, "DoBatchWriteJobs", "[%s]InsertRecord failed with error code = %u", ulResult);
-    }
-    return ulResult == 0;
-}
-
-// How many of the batch's records were inserted, up to the first that cannot be.
-size_t CDataBaseAgent::InsertBatch() {
-    size_t nInserted = 0;
-    for (const std::unique_ptr<_CacheRecord> &pRecord : m_queue.Records()) {
-        if (!InsertRecord(*pRecord)) {
-            break; // the rest of the batch is dropped; what was inserted is committed
-        }
-        ++nInserted;
-        m_counters.ulAdded.fetch_add(1, std::memory_order_relaxed);
-    }
-    return nInserted;
 }
 
 // Codes outlive their records only where a library without codes deleted or replaced these. Once after each start they

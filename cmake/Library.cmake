@@ -10,6 +10,7 @@ add_library(tarncache SHARED
   util/mount_table.cpp
   util/open_file.cpp
   util/walk_targets.cpp
+  tables/busy_deadline.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
   tables/identitytable.cpp
@@ -18,6 +19,7 @@ add_library(tarncache SHARED
   tables/statement_pool.cpp
   tables/versiontable.cpp
   tables/vsdesctable.cpp
+  agent/batch.cpp
   agent/check.cpp
   agent/cleaning.cpp
   agent/compaction.cpp

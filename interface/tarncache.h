@@ -68,7 +68,8 @@ TARN_API uint32_t LocalCacheUnInit(void);
  * TARN_OK: *md5 and the named fields of *result hold the stored verdict. TARN_NOT_CACHED: unknown or changed (the
  * outputs may hold an empty description, nothing else is written). TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED;
  * TARN_E_FAIL (the file's status cannot be read). Never writes to the disk; may wait about a second while a large
- * database is compacted, at the start and every 30 minutes. */
+ * database is compacted, at the start and every 30 minutes. With the key "protect" it waits for other calls for 1.5
+ * seconds at most and then misses. */
 TARN_API uint32_t LocalCacheLookup(const char *path, char *md5, _SCAN_FILE_RESULT *result);
 
 /* As LocalCacheLookup, with the file's own status (lstat, or fstat of a descriptor) taken by the caller: one system
@@ -85,7 +86,8 @@ TARN_API uint32_t LocalCachePeek(const char *path, char *md5, _SCAN_FILE_RESULT 
 
 /* Queues one verdict; the writer stores it within about two seconds, replacing what the cache knew of the path.
  * md5: 32 hexadecimal digits (other text is stored as 16 zero bytes). The record is copied.
- * TARN_OK; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_OUTOFMEMORY; TARN_E_FAIL (status or description). */
+ * TARN_OK; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED; TARN_E_OUTOFMEMORY; TARN_E_FAIL (status or description; the
+ * writer has failed; 200,000 records wait and are not written, as they never are after LocalCacheInitEx). */
 TARN_API uint32_t LocalCacheAdd(const char *path, const char *md5, _SCAN_FILE_RESULT *result);
 
 /* As LocalCacheAdd, for the file that had this status. Take it before the scan: a file that changes afterwards then

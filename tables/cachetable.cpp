@@ -154,14 +154,18 @@ uint32_t CCacheTable::DeleteRecord(_CacheRecord *pRecord) {
 }
 
 void CCacheTable::AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStamp) {
+    (void)CountHit(liFilePathHash, liTimeStamp); // a hit that cannot be counted is not worth a report
+}
+
+uint32_t CCacheTable::CountHit(int64_t liFilePathHash, int64_t liTimeStamp) {
     if (m_pDB == nullptr || m_stSetQueryTime.pStmt == nullptr) {
-        TARN_LOG_ERROR("[%s]m_pDB or m_stSetQueryTime.pStmt is null.");
-        return;
+        TARN_LOG_AS(ELogLevel::Error, "AddRecordQueryCount", "[%s]m_pDB or m_stSetQueryTime.pStmt is null.");
+        return 1;
     }
     CStatement update(m_pDB, m_stSetQueryTime);
     update.BindUnchecked(1, liTimeStamp); // a lost time stamp binds NULL, which the column refuses
     update.Bind(2, liFilePathHash);
-    (void)update.Step(); // a hit that cannot be counted is not worth a report
+    return update.Run();
 }
 
 uint32_t CCacheTable::ResetAllRecordsQueryCount(int iValue) {

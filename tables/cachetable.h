@@ -36,6 +36,8 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
 
     // Adds 1 to the row's query count and sets its time stamp (seconds). An absent row changes nothing.
     void AddRecordQueryCount(int64_t liFilePathHash, int64_t liTimeStamp);
+    // The same, and what came of it: 0 or the SQLite code.
+    [[nodiscard]] uint32_t CountHit(int64_t liFilePathHash, int64_t liTimeStamp);
     // Row count. 0 or the SQLite code (*piCounts untouched); 1 for a null argument.
     [[nodiscard]] uint32_t QueryRecordsCount(int *piCounts);
     // Number of rows with this MD5. As QueryRecordsCount.

@@ -1,6 +1,7 @@
 #include "tables/schema.h"
 
 #include "platform/nubbase.h"
+#include "tables/busy_deadline.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -46,7 +47,7 @@ int __implExecDDL(sqlite3 *pDB, const std::string &strSQL) {
     }
     char *pszError = nullptr;
     int iResult = sqlite3_exec(pDB, strSQL.c_str(), nullptr, nullptr, &pszError);
-    if (iResult == SQLITE_BUSY) {
+    if (iResult == SQLITE_BUSY && !CBusyDeadline::IsSet()) {
         sqlite3_free(pszError);
         pszError = nullptr;
         sqlite3_busy_timeout(pDB, kBusyTimeoutMs);

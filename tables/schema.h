@@ -55,7 +55,8 @@ class TARN_API CTableSchema {
     }
 };
 
-// Runs one statement without results; tries again once, with a 1500 ms time-out, when the database is busy.
+// Runs one statement without results; tries again once, with a 1500 ms time-out, when the database is busy (under a
+// CBusyDeadline: waits until then).
 // 0, or 1 (null connection, failed statement; logged).
 [[nodiscard]] TARN_API int __implExecDDL(sqlite3 *pDB, const std::string &strSQL);
 

@@ -1,5 +1,6 @@
 #include "tables/statement.h"
 
+#include "tables/busy_deadline.h"
 #include "tables/statement_pool.h"
 
 #include <new>
@@ -108,8 +109,8 @@ int CStatement::Step() {
 }
 
 int CStatement::RetryWhileBusy(int nMost, bool bSetTimeout) {
-    // A preparation can find the database busy too; there is nothing to step then.
-    for (; m_iResult == SQLITE_BUSY && m_pStmt != nullptr && nMost > 0; --nMost) {
+    // A preparation can find the database busy too; there is nothing to step then. And what has a deadline has waited.
+    for (; m_iResult == SQLITE_BUSY && m_pStmt != nullptr && nMost > 0 && !CBusyDeadline::IsSet(); --nMost) {
         if (bSetTimeout) {
             sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs);
         }

@@ -78,7 +78,8 @@ class TARN_API CStatement {
     // SQLITE_ROW, SQLITE_DONE or the failing code. A statement that is done or failed is not run again.
     [[nodiscard]] int Step();
     // While the last step found the database busy: resets and steps again, up to nMost times, each time with the
-    // time-out of 1500 ms set on the connection before (if asked), which stays set. The result of the last step.
+    // time-out of 1500 ms set on the connection before (if asked), which stays set. Under a CBusyDeadline the step has
+    // waited already, and nothing is done. The result of the last step.
     [[nodiscard]] int RetryWhileBusy(int nMost, bool bSetTimeout = true);
     // Steps once. 0 when the statement is done, else what the step gave.
     [[nodiscard]] uint32_t Run();

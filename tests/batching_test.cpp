@@ -94,6 +94,38 @@ TEST_F(Batching, ABusyDatabaseIsTriedOnceMoreAndABeginStatementIsKeptForItsType)
     EXPECT_EQ(m_pAgent->CommitTransaction(), TARN_OK);
 }
 
+// One after the other, the hits alone would take a minute and a half.
+TEST_F(Batching, WhatAnotherProcessHoldsIsKeptInOrderAndWaitedForOnce) {
+    Configure("protect=1\n");
+    ASSERT_EQ(Start(), TARN_OK);
+    const CSecondConnection other(m_install.Database());
+    std::vector<std::string> vecFiles(60);
+    for (size_t i = 0; i < vecFiles.size(); ++i) {
+        Write(vecFiles[i] = File(std::to_string(i)));
+    }
+    int iEngine = 1;
+    for (const std::string strLock : {"begin exclusive", "begin; select * from CT"}) {
+        TestClock::s_liTime = 1000 * ++iEngine;
+        for (const std::string &strFile : vecFiles) {
+            EXPECT_EQ(Lookup(strFile), TARN_OK);
+        }
+        ASSERT_TRUE(other.Run(strLock));
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(m_pAgent->DeleteByPath(vecFiles[1].c_str()), TARN_E_FAIL);
+        for (const int iAdded : {99, iEngine}) {
+            EXPECT_EQ(Add(vecFiles[0], Verdict(iAdded)), TARN_OK);
+            m_pAgent->RunWritePass(false);
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20)) << strLock;
+        ASSERT_TRUE(other.Run("rollback"));
+        m_pAgent->RunWritePass(false);
+        EXPECT_EQ(RowsOfEngine(iEngine), 1) << strLock; // the later addition won
+        EXPECT_EQ(Rows("TS = " + std::to_string(1000 * iEngine)), 60) << strLock;
+    }
+    EXPECT_EQ(Statistics().ulAddedCount, 64U);
+    EXPECT_EQ(m_pAgent->Flush(0, nullptr), TARN_OK);
+}
+
 TEST_F(Batching, EveryFileNameIsAnsweredAndRefusalsAreNamed) {
     ASSERT_EQ(Start(), TARN_OK);
     const Texts vecFiles = {File("it's \"quoted\""), File("two\nlines\t%s%n"), File("\xff\xfe\xc3 not UTF-8"),

@@ -118,6 +118,16 @@ TEST_F(Lifetime, WithoutAWriterTheCacheAnswersButKeepsNothing) {
     }
     EXPECT_EQ(RecordedLog::Texts(2), Texts{"[AgentInit][cache] create thread failed, err:11."});
     EXPECT_EQ(ReadWholeFile(m_install.Config()), "[cacheeng]\n");
+    ASSERT_EQ(Start(1), TARN_OK);
+    const struct stat status = StatusOf(m_install.Config());
+    const _SCAN_FILE_RESULT verdict = Verdict(1);
+    int nQueued = 0;
+    while (m_pAgent->CacheAddStat("/file", status, "", &verdict) == TARN_OK) {
+        ASSERT_LT(++nQueued, 1000000);
+    }
+    EXPECT_EQ(nQueued, 200000);
+    EXPECT_EQ(m_pAgent->CacheAddStat("/file", status, "", &verdict), TARN_E_FAIL);
+    EXPECT_EQ(RecordedLog::Count("[CacheAdd][cache] not queued: 200000 records wait and are not written."), 1U);
 }
 
 TEST_F(Lifetime, WithoutATimerTheWriterEndsAfterTheMarkers) {

@@ -6,6 +6,7 @@
 
 #include "util/thread_annotations.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -18,11 +19,11 @@ inline void AbortOnLockError(int iError) {
 }
 
 // A moment on the monotonic clock, for waits that a wall clock set back must not stretch.
-inline timespec DeadlineAfter(uint64_t ullMilliseconds) {
+inline timespec DeadlineAfter(uint64_t ullMilliseconds, clockid_t clock = CLOCK_MONOTONIC) {
     constexpr long kMillisecondNs = 1000000;
     constexpr long kSecondNs = 1000 * kMillisecondNs;
     timespec deadline = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
+    (void)clock_gettime(clock, &deadline);
     deadline.tv_nsec += static_cast<long>(ullMilliseconds % 1000) * kMillisecondNs;
     deadline.tv_sec += static_cast<time_t>(ullMilliseconds / 1000) + deadline.tv_nsec / kSecondNs;
     deadline.tv_nsec %= kSecondNs;
@@ -109,9 +110,29 @@ class CAPABILITY("rwlock") CRwLock : public CPthreadObject<pthread_rwlock_t, pth
         return NoteCreation(iError);
     }
     void LockRead() ACQUIRE_SHARED() { AbortOnLockError(pthread_rwlock_rdlock(&m_object)); }
+    // False when it could not be had in that time. For CReadLockWithin.
+    [[nodiscard]] bool LockReadWithin(uint64_t ullMilliseconds) {
+        int iError = pthread_rwlock_tryrdlock(&m_object); // nearly always free, and then the clock is not asked
+        if (iError == EBUSY) {
+            iError = WaitForRead(ullMilliseconds);
+        }
+        AbortOnLockError(iError == ETIMEDOUT ? 0 : iError);
+        return iError == 0;
+    }
     void LockWrite() ACQUIRE() { AbortOnLockError(pthread_rwlock_wrlock(&m_object)); }
     void UnlockRead() RELEASE_SHARED() { AbortOnLockError(pthread_rwlock_unlock(&m_object)); }
     void UnlockWrite() RELEASE() { AbortOnLockError(pthread_rwlock_unlock(&m_object)); }
+
+  private:
+    int WaitForRead(uint64_t ullMilliseconds) {
+#if defined(__SANITIZE_THREAD__) // which knows only the call that goes by the wall clock
+        const timespec deadline = DeadlineAfter(ullMilliseconds, CLOCK_REALTIME);
+        return pthread_rwlock_timedrdlock(&m_object, &deadline);
+#else
+        const timespec deadline = DeadlineAfter(ullMilliseconds);
+        return pthread_rwlock_clockrdlock(&m_object, CLOCK_MONOTONIC, &deadline);
+#endif
+    }
 };
 
 class SCOPED_CAPABILITY CMutexLock {
@@ -134,6 +155,27 @@ class SCOPED_CAPABILITY CReadLock {
 
   private:
     CRwLock &m_lock;
+};
+
+// The same, unless it cannot be had in that time.
+class SCOPED_CAPABILITY CReadLockWithin {
+  public:
+    CReadLockWithin(CRwLock &lock, uint64_t ullMilliseconds) ACQUIRE_SHARED(lock) NO_THREAD_SAFETY_ANALYSIS
+        : m_lock(lock),
+          m_bHeld(lock.LockReadWithin(ullMilliseconds)) {}
+    ~CReadLockWithin() RELEASE() NO_THREAD_SAFETY_ANALYSIS {
+        if (m_bHeld) {
+            m_lock.UnlockRead();
+        }
+    }
+    CReadLockWithin(const CReadLockWithin &) = delete;
+    CReadLockWithin &operator=(const CReadLockWithin &) = delete;
+
+    [[nodiscard]] bool IsHeld() const { return m_bHeld; } // else nothing that it guards may be touched
+
+  private:
+    CRwLock &m_lock;
+    const bool m_bHeld;
 };
 
 class SCOPED_CAPABILITY CWriteLock {

@@ -14,6 +14,7 @@ constexpr uint32_t kWaitStep = 50;        // milliseconds; an interruption is no
 constexpr uint32_t kStepsInSecond = 20;   // of them
 constexpr uint32_t kNoteAfter = 3;        // seconds
 constexpr uint32_t kFlushStep = 1000;     // milliseconds
+constexpr int kMostIdleSteps = 10;        // of them, in which nothing got stored: another process holds the database
 constexpr uint64_t kLargestIdFile = 4096; // bytes
 
 // With other signatures than last time, every verdict of the engine goes. The new identity is stored last: were it
@@ -50,22 +51,34 @@ uint32_t WaitUntilReady(const std::atomic<bool> &bStop, const _CacheListener &li
     return ulCode;
 }
 
-// Returns how many records were lost since the start.
+// As far as it can be told: not while another process holds the database whole.
+void AskQueued(uint64_t &ullQueued) {
+    _LOCAL_CACHE_INFO info = {};
+    info.size = sizeof info;
+    if (LocalCacheGetInfo(&info) == TARN_OK) {
+        ullQueued = info.ullQueued;
+    }
+}
+
+// Returns how many records were lost since the start, or are about to be.
 uint64_t WaitUntilStored(const _CacheListener &listener) {
     uint64_t ullLost = 0;
+    uint64_t ullQueued = 0;
+    int nIdle = 0;
     uint32_t ulCode = LocalCacheFlush(kFlushStep, &ullLost);
-    while (ulCode == TARN_E_TIMEOUT) {
+    while (ulCode == TARN_E_TIMEOUT && nIdle < kMostIdleSteps) {
         listener.onProgress("storing verdicts");
+        const uint64_t ullBefore = ullQueued;
+        AskQueued(ullQueued);
+        nIdle = ullQueued < ullBefore ? 0 : nIdle + 1;
         ulCode = LocalCacheFlush(kFlushStep, &ullLost);
     }
     listener.onProgress("");
-    _LOCAL_CACHE_INFO info = {};
-    info.size = sizeof info;
-    // Without its writer the cache stores nothing of what is queued.
-    if (ulCode != TARN_OK && LocalCacheGetInfo(&info) == TARN_OK) {
-        ullLost += info.ullQueued;
+    if (ulCode == TARN_OK) {
+        return ullLost;
     }
-    return ullLost;
+    AskQueued(ullQueued); // nobody stores these any more
+    return ullLost + ullQueued;
 }
 
 } // namespace
