@@ -2,6 +2,7 @@
 // connection keeps lookups out while they run.
 #include "agent/connection.h"
 
+#include "platform/nubbase.h"
 #include "tables/statement.h"
 #include "util/log.h"
 
@@ -29,8 +30,9 @@ class CSmallPageCache {
   private:
     void SetPages(int iPages) {
         if (m_iConfiguredPages > kVacuumCachePages) { // a negative size means KiB and is left alone
-            const std::string strSQL = "pragma cache_size=" + std::to_string(iPages) + ";";
-            (void)sqlite3_exec(m_pDB, strSQL.c_str(), nullptr, nullptr, nullptr); // costs memory at worst
+            char szSQL[kStatementSize] = {};          // no allocation: this runs in the destructor
+            str_snprintf(szSQL, sizeof szSQL, "pragma cache_size=%d;", iPages);
+            (void)sqlite3_exec(m_pDB, szSQL, nullptr, nullptr, nullptr); // costs memory at worst
         }
     }
 

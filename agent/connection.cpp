@@ -3,6 +3,7 @@
 #include "agent/connection.h"
 
 #include "platform/nubbase.h"
+#include "tables/guarded_vfs.h"
 #include "util/log.h"
 
 #include <sqlite3.h>
@@ -15,7 +16,8 @@ constexpr char kOpen[] = "OpenDB"; // the step of the start that all of this bel
 } // namespace
 
 bool CConnection::Open(const std::string &strPath) {
-    const bool bOpened = sqlite3_open(strPath.c_str(), &m_pDB) == SQLITE_OK;
+    const bool bOpened = sqlite3_open_v2(strPath.c_str(), &m_pDB, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                                         GuardedVfsName()) == SQLITE_OK;
     if (bOpened) {
         CBusyDeadline::Attach(m_pDB);
     }

@@ -11,6 +11,7 @@ namespace {
 
 constexpr char kLogSource[] = "dbagent";
 constexpr char kInit[] = "AgentInit";
+constexpr uint32_t kTimerWaitMs = 60000; // the first thing that a thread which has been made does
 
 bool IsDiskSpaceEnough(const _DBConfig &config) {
     struct statfs fileSystem = {};
@@ -28,10 +29,7 @@ CDataBaseAgent::~CDataBaseAgent() = default;
 uint32_t CDataBaseAgent::AgentInit(int mode) {
     m_eMode = mode == 0 ? EMode::Full : EMode::Direct;
     const uint32_t ulResult = TakeStart(&CDataBaseAgent::StartDatabase);
-    if (ulResult == TARN_OK && m_eMode == EMode::Full) {
-        StartWriter();
-    }
-    return ulResult;
+    return ulResult == TARN_OK && m_eMode == EMode::Full ? StartWriter() : ulResult;
 }
 
 uint32_t CDataBaseAgent::AgentInitReader() {
@@ -56,7 +54,8 @@ uint32_t CDataBaseAgent::TakeStart(uint32_t (CDataBaseAgent::*start)()) {
 }
 
 uint32_t CDataBaseAgent::CreateLocks() {
-    if (m_connection.m_tableLock.Create() != 0 || m_queue.Create() != 0 || m_startGate.Create() != 0) {
+    if (m_connection.m_tableLock.Create() != 0 || m_queue.Create() != 0 || m_startGate.Create() != 0 ||
+        m_timerGate.Create() != 0) {
         TARN_LOG_AS(ELogLevel::Severe, kInit, "[%s][cache] init rwlock, mutext, cond failed.");
         return TARN_E_FAIL;
     }
@@ -103,15 +102,20 @@ uint32_t CDataBaseAgent::StartReader() {
     return ulResult;
 }
 
-void CDataBaseAgent::StartWriter() {
+uint32_t CDataBaseAgent::StartWriter() {
     m_startGate.Close();
+    m_timerGate.Close();
     m_queue.SetWriter(true);
     if (const int iError = cl_ev_create_isolated_thread(&m_writerThread, 0, UpdateWorkThread, this); iError != 0) {
         m_writerThread = 0;
         m_queue.SetWriter(false);
         m_startGate.Open(TARN_OK);
         TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] create thread failed, err:%d.", iError);
+    } else if (m_config.bProtect && m_timerGate.Wait(kTimerWaitMs) != TARN_OK) {
+        (void)AgentUnInit(); // the writer has said why
+        return TARN_E_FAIL;
     }
+    return TARN_OK;
 }
 
 uint32_t CDataBaseAgent::WaitReady(uint32_t ulTimeoutMs) {
@@ -136,7 +140,8 @@ uint32_t CDataBaseAgent::AgentUnInit() {
             m_writerThread = 0;
         }
     }
-    if (m_connection.m_tableLock.Destroy() != 0 || m_queue.Destroy() != 0 || m_startGate.Destroy() != 0) {
+    if (m_connection.m_tableLock.Destroy() != 0 || m_queue.Destroy() != 0 || m_startGate.Destroy() != 0 ||
+        m_timerGate.Destroy() != 0) {
         TARN_LOG_ERROR("[%s][cache] destroy rwlock, cond, mutex failed.");
     }
     DBTablesUnInit();

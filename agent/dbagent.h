@@ -48,7 +48,7 @@ class TARN_API CDataBaseAgent {
 
     // Locks, configuration, free space, database, tables; mode 0 also starts the writer thread. TARN_OK; TARN_E_FAIL,
     // TARN_E_OUTOFMEMORY or a table's code, with everything taken down again. A writer that cannot be started is logged
-    // only.
+    // only, as is one without a timer unless the key "protect" is set.
     [[nodiscard]] uint32_t AgentInit(int mode);
     // Opens what is there, for questions alone. Also TARN_NOT_CACHED: there is no database.
     [[nodiscard]] uint32_t AgentInitReader();
@@ -70,7 +70,6 @@ class TARN_API CDataBaseAgent {
     // Writes the version row when there is none. 0, a SQLite code, or 0xFFFFFFFF without a connection.
     [[nodiscard]] uint32_t CheckModuleVersion();
     void DBTablesUnInit();
-    // TARN_OK (also without a connection); TARN_E_FAIL: the connection stays.
     uint32_t CloseDB() { return m_connection.CloseDB(); }
 
     // --- lookup_add.cpp: any thread. The forms with a status take it from the caller instead of the file system.
@@ -205,7 +204,8 @@ class TARN_API CDataBaseAgent {
     bool HasExpectedTables();
     void PublishExpiry();
     void TakeUpdates();
-    void StartWriter();
+    uint32_t StartWriter();
+    bool StartCleanTimer();
     bool MakeTables();
     uint32_t CheckTables() NO_THREAD_SAFETY_ANALYSIS;
     uint32_t AnswerLookup(const char *file, int64_t liPathHash, const struct stat &status, char *md5_text,
@@ -234,6 +234,7 @@ class TARN_API CDataBaseAgent {
     CConnection m_connection;
     CWriteQueue m_queue;
     CStartGate m_startGate;
+    CStartGate m_timerGate; // of the clean timer
     CFindProgress m_findProgress;
     CScanBracket m_scanBracket;
     std::unique_ptr<CCacheTable> m_pCacheTable PT_GUARDED_BY(m_connection.m_tableLock);

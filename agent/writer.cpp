@@ -41,17 +41,19 @@ void *CDataBaseAgent::UpdateWorkThread(void *agent) {
         TARN_LOG_SEVERE("[%s][cache] writer thread ended: %s", error.what());
         pAgent->m_queue.WriterEnded(true);
     }
-    // Those who wait for the start-up work are let go also when the thread ended before it was done.
+    // Those who wait are let go also when the thread ended before they were.
+    pAgent->m_timerGate.Open(TARN_E_FAIL);
     pAgent->m_startGate.Open(pAgent->m_bListRefused ? TARN_E_FAIL : TARN_OK);
     return nullptr;
 }
 
 void CDataBaseAgent::UpdateRecords() {
+    const bool bTimerFirst = m_config.bProtect; // the start waits for it
+    if (bTimerFirst && !StartCleanTimer()) {
+        return;
+    }
     TakeUpdates();
-    m_pCleanTimer = cl_timerplus_start(0, kCleanPeriodMs, CleanTimerCallback, this, 0, 0);
-    if (m_pCleanTimer == nullptr) {
-        TARN_LOG_SEVERE("[%s]Start timer failed");
-        m_queue.WriterEnded();
+    if (!bTimerFirst && !StartCleanTimer()) {
         return;
     }
     (void)RunStartStep([this] { DoCleanCachesJob(); });
@@ -75,6 +77,16 @@ void CDataBaseAgent::UpdateRecords() {
     cl_timerplus_close(m_pCleanTimer);
     m_pCleanTimer = nullptr;
     m_queue.WriterEnded();
+}
+
+bool CDataBaseAgent::StartCleanTimer() {
+    m_pCleanTimer = cl_timerplus_start(0, kCleanPeriodMs, CleanTimerCallback, this, 0, 0);
+    if (m_pCleanTimer == nullptr) {
+        TARN_LOG_AS(ELogLevel::Severe, "UpdateRecords", "[%s]Start timer failed");
+        m_queue.WriterEnded();
+    }
+    m_timerGate.Open(m_pCleanTimer != nullptr ? TARN_OK : TARN_E_FAIL);
+    return m_pCleanTimer != nullptr;
 }
 
 // What engine updates have left.

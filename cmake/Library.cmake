@@ -13,6 +13,7 @@ add_library(tarncache SHARED
   tables/busy_deadline.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
+  tables/guarded_vfs.cpp
   tables/identitytable.cpp
   tables/schema.cpp
   tables/statement.cpp

@@ -38,15 +38,9 @@ template <typename Body> uint32_t Ask(bool bArguments, Body body) noexcept {
     return pAgent == nullptr ? TARN_E_NOT_INITIALIZED : CallWithoutThrowing([&] { return body(*pAgent); });
 }
 
-// One that changes something: not for readers, and a refused write must not kill the host.
+// One that changes something: not for readers.
 template <typename Body> uint32_t Change(bool bArguments, Body body) noexcept {
-    return Ask(bArguments, [&](CDataBaseAgent &agent) {
-        if (agent.IsReader()) {
-            return TARN_E_FAIL;
-        }
-        const CWriteSignalGuard noWriteSignals;
-        return body(agent);
-    });
+    return Ask(bArguments, [&](CDataBaseAgent &agent) { return agent.IsReader() ? TARN_E_FAIL : body(agent); });
 }
 
 #endif

@@ -120,6 +120,7 @@ uint32_t LocalCacheSetFindProgress(void (*onFolder)(const char *folder, void *co
 }
 
 void LocalCacheFree(_CacheFileInfo *pCacheFileinfo, uint64_t uCfinfoCounts) {
+    const CCancelGuard noCancel;
     if (pCacheFileinfo == nullptr || uCfinfoCounts == 0) {
         TARN_LOG_ERROR("[%s]arg pCacheFileinfo is null or uCfinfoCounts is 0.");
         return;

@@ -22,10 +22,13 @@ class CCancelGuard {
 
 // Turns the signals of a refused write, SIGPIPE (no reader) and SIGXFSZ (file-size limit), into plain errors for this
 // thread: blocks them, consumes one that the write raised, restores the mask. Signals pending before stay pending, and
-// no process-wide handler is touched.
+// no process-wide handler is touched. Inside another one it does nothing.
 class CWriteSignalGuard {
   public:
     CWriteSignalGuard() noexcept {
+        if (s_nGuards++ > 0) {
+            return;
+        }
         sigset_t writeSignals;
         sigemptyset(&writeSignals);
         sigemptyset(&m_toConsume);
@@ -41,6 +44,9 @@ class CWriteSignalGuard {
         (void)pthread_sigmask(SIG_BLOCK, &writeSignals, &m_previousMask);
     }
     ~CWriteSignalGuard() {
+        if (--s_nGuards > 0) {
+            return;
+        }
         const timespec noWait = {0, 0};
         while (sigtimedwait(&m_toConsume, nullptr, &noWait) > 0) {
         }
@@ -50,7 +56,9 @@ class CWriteSignalGuard {
     CWriteSignalGuard &operator=(const CWriteSignalGuard &) = delete;
 
   private:
-    sigset_t m_previousMask;
+    static inline thread_local int s_nGuards = 0;
+
+    sigset_t m_previousMask; // of the outermost one
     sigset_t m_toConsume;
 };
 

@@ -142,6 +142,9 @@ TEST_F(Lifetime, WithoutATimerTheWriterEndsAfterTheMarkers) {
     EXPECT_EQ(Stop(), TARN_OK);
     EXPECT_EQ(Keys(), "2"); // due for expiry; the addition is not written
     EXPECT_EQ(ReadWholeFile(m_install.Config()), "[cacheeng]\n");
+    Configure("protect=1\n");
+    EXPECT_EQ(Start(0), TARN_E_FAIL);
+    EXPECT_EQ(RecordedLog::Count("[UpdateRecords]Start timer failed"), 2U);
 }
 
 TEST_F(Lifetime, TheWriterCountsItsStartAndWritesWithinASecond) {

@@ -156,6 +156,20 @@ TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
     EXPECT_EQ(LocalCacheAdd(Path(0).c_str(), DigestText(1).c_str(), &verdict), TARN_E_FAIL);
     EXPECT_EQ(LocalCacheDeleteByFileHash(DigestText(1).c_str()), TARN_E_FAIL);
     LimitFileSize(RLIM_INFINITY);
+    EXPECT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
+    const std::string strJournal = m_install.Database() + "-journal";
+    const CSecondConnection other(m_install.Database());
+    ASSERT_TRUE(other.Run("begin; update CT set QC = QC + 1"));
+    ASSERT_EQ(sqlite3_db_cacheflush(other.m_pDB), SQLITE_OK);
+    const std::string strLeft = ReadWholeFile(strJournal); // as a killed process leaves it
+    ASSERT_TRUE(other.Run("rollback"));
+    m_install.WriteFile("engine/cache/morcache.db-journal", strLeft);
+    char szMD5[TARN_MD5_TEXT_SIZE] = {};
+    LimitFileSize(512); // the next to read rolls it back, which is refused, and lives
+    EXPECT_EQ(LocalCacheLookup(Path(0).c_str(), szMD5, &verdict), TARN_NOT_CACHED);
+    LimitFileSize(RLIM_INFINITY);
+    EXPECT_TRUE(UseFile(0));
+    EXPECT_FALSE(Exists(strJournal));
     AddFiles(kFiles);
     EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
     EXPECT_EQ(Rows(), kFiles);
