@@ -1,14 +1,15 @@
 // The C interface under many threads, and under a file-size limit.
 #include "tests/agent_fixture.h"
 
+#include <iostream>
 #include <sys/resource.h>
 #include <thread>
 
 namespace {
 
-void RunThreads(const std::function<void(int)> &body) {
+void RunThreads(int nThreads, const std::function<void(int)> &body) {
     std::vector<std::jthread> vecThreads; // joins them
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < nThreads; ++i) {
         vecThreads.emplace_back(body, i);
     }
 }
@@ -33,78 +34,104 @@ class Threads : public CAgentTest {
         }
     }
     std::string Path(int iFile) const { return m_install.Path("engine/" + std::to_string(iFile)); }
-    // Every value follows from the file's number, so any thread can tell a right answer from a wrong one.
-    static _SCAN_FILE_RESULT VerdictOf(int iFile) {
-        return Verdict(iFile, static_cast<uint32_t>(iFile) & 0xFU, "Virus." + std::to_string(iFile % 13));
+    // Every value follows from the file's number and version, so any thread can tell a right answer from a wrong one.
+    static _SCAN_FILE_RESULT VerdictOf(int iFile, int iVersion) {
+        const int iSum = iFile + iVersion;
+        return Verdict(iFile, static_cast<uint32_t>(iSum) & 0xFU, "Virus." + std::to_string(iSum % 13));
     }
-    uint32_t AddFile(int iFile) const {
-        _SCAN_FILE_RESULT verdict = VerdictOf(iFile);
-        return LocalCacheAdd(Path(iFile).c_str(), DigestText(iFile + 1).c_str(), &verdict);
+    struct stat StatusOf(int iFile, int iVersion) const {
+        struct stat status = ::StatusOf(Path(iFile));
+        status.st_size += iVersion;
+        return status;
+    }
+    uint32_t AddFile(int iFile, int iVersion = 0) const {
+        const _SCAN_FILE_RESULT verdict = VerdictOf(iFile, iVersion);
+        const struct stat status = StatusOf(iFile, iVersion);
+        return LocalCacheAddStat(Path(iFile).c_str(), &status, DigestText(iFile + 1).c_str(), &verdict);
     }
     void AddFiles(int nFiles) const {
         for (int i = 0; i < nFiles; ++i) {
             ASSERT_EQ(AddFile(i), TARN_OK);
         }
     }
-    // Looks the file up and peeks at it; whether the lookup was a hit.
-    bool UseFile(int iFile) const {
+    bool IsHit(int iFile, int iVersion = 0) const {
+        const _SCAN_FILE_RESULT verdict = VerdictOf(iFile, iVersion);
+        const struct stat status = StatusOf(iFile, iVersion);
         char szMD5[TARN_MD5_TEXT_SIZE] = {};
         _SCAN_FILE_RESULT found = {};
-        const auto expectRight = [&] {
-            const _SCAN_FILE_RESULT verdict = VerdictOf(iFile);
+        const uint32_t ulResult = LocalCacheLookupStat(Path(iFile).c_str(), &status, szMD5, &found);
+        if (ulResult != TARN_NOT_CACHED) {
+            EXPECT_EQ(ulResult, TARN_OK);
             EXPECT_EQ(szMD5, DigestText(iFile + 1));
-            EXPECT_EQ(std::memcmp(&found, &verdict, sizeof found), 0) << iFile;
-        };
-        const uint32_t ulLookup = LocalCacheLookup(Path(iFile).c_str(), szMD5, &found);
-        if (ulLookup != TARN_NOT_CACHED) {
-            EXPECT_EQ(ulLookup, TARN_OK);
-            expectRight();
+            EXPECT_EQ(std::memcmp(&found, &verdict, sizeof found), 0) << iFile << " " << iVersion;
         }
-        uint32_t ulState = TARN_PEEK_UNKNOWN;
-        EXPECT_EQ(LocalCachePeek(Path(iFile).c_str(), szMD5, &found, &ulState), TARN_OK);
-        if (ulState != TARN_PEEK_UNKNOWN) {
-            expectRight();
-        }
-        return ulLookup == TARN_OK;
+        return ulResult == TARN_OK;
     }
 };
 
-TEST_F(Threads, EveryThreadGetsRightAnswersWhileTheCacheIsCleaned) {
-    constexpr int kFiles = 160;
-    MakeFiles(kFiles);
+// Each of 64 threads alone adds versions of a file of its own, and deletes it; so it knows what it has to be told, and
+// what the others may be. TARN_TEST_LENGTH: the share of 30 seconds, in percent.
+TEST_F(Threads, EveryAnswerWasTrueAtSomeMomentOfTheCall) {
+    constexpr int kThreads = 64;
+    MakeFiles(kThreads);
+    Configure("protect=1\n");
     ASSERT_EQ(LocalCacheInit(), TARN_OK);
-    std::atomic<int> nHits = 0;
-    RunThreads([&](int iThread) {
-        for (int i = 0; i < 400; ++i) {
-            const int iFile = (iThread * 37 + i * 7) % kFiles;
-            EXPECT_EQ(AddFile(iFile), TARN_OK);
-            for (const int iUsed : {iFile, kFiles - 1 - iFile}) {
-                nHits += UseFile(iUsed) ? 1 : 0;
+    ASSERT_TRUE(WaitForFirstStart(m_install));
+    std::atomic<int> aStored[kThreads] = {}; // the version that was stored last, for all to see
+    std::atomic<int> nClearsBegun = 0, nClearsEnded = 0, nHits = 0, nAdded = 0, nLookups = 0;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300 * TestLength());
+    const auto isHit = [&](int iFile, int iVersion) {
+        const bool bHit = IsHit(iFile, iVersion);
+        nHits += bHit ? 1 : 0;
+        ++nLookups;
+        return bHit;
+    };
+    RunThreads(kThreads, [&](int i) {
+        const std::function<uint32_t()> deletions[] = {
+            [&] { return LocalCacheDeleteByPath(Path(i).c_str()); },
+            [&] { return LocalCacheDeleteByEngine(i); },
+            [&] { return LocalCacheDeleteByFileHash(DigestText(i + 1).c_str()); },
+        };
+        for (int iVersion = 1; std::chrono::steady_clock::now() < end; ++iVersion) {
+            const int nEnded = nClearsEnded;
+            EXPECT_EQ(AddFile(i, iVersion), TARN_OK);
+            ++nAdded;
+            EXPECT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
+            aStored[i] = iVersion;
+            EXPECT_FALSE(isHit(i, iVersion - 1)) << "superseded";
+            EXPECT_TRUE(isHit(i, iVersion) || nClearsBegun != nEnded) << "stored, and nobody cleared";
+            const int iOther = (i * 7 + iVersion) % kThreads;
+            const int iOld = aStored[iOther] - 1;
+            EXPECT_FALSE(isHit(iOther, iOld)) << "another's, superseded before";
+            (void)isHit(iOther, iOld + 1 + iVersion % 2);
+            if (iVersion % 4 == 0) {
+                EXPECT_EQ(deletions[iVersion / 4 % 3](), TARN_OK);
+                EXPECT_FALSE(isHit(i, iVersion)) << "deleted";
             }
-            if (i % 16 == iThread) {
+            if (i == 0 && iVersion % 16 == 0) {
                 TestLoop::s_bFire = true;
-                EXPECT_EQ(LocalCacheDeleteByFileHash(DigestText(iFile + 1).c_str()), TARN_OK);
+                ++nClearsBegun;
+                EXPECT_EQ(LocalCacheClear(), TARN_OK);
+                ++nClearsEnded;
             }
         }
     });
-    EXPECT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
     _LOCAL_CACHE_STATISTIC statistic = {};
     EXPECT_EQ(LocalCacheGetStatistic(&statistic), TARN_OK);
-    EXPECT_EQ(uint32_t{statistic.ulAddedCount}, 8U * 400U); // every addition, exactly once
-    AddFiles(kFiles);
+    EXPECT_EQ(uint32_t{statistic.ulAddedCount}, static_cast<uint32_t>(nAdded)); // every addition, exactly once
     EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
-    EXPECT_EQ(Rows(), kFiles);
     EXPECT_EQ(Query("pragma integrity_check"), "ok");
     EXPECT_TRUE(RecordedLog::Contains("tarncache: [LocalCacheUnInit]hit cache times: " + std::to_string(nHits)));
     for (const std::string &strLine : RecordedLog::Texts(2)) { // a vacuum gives way to readers; nothing else may fail
         EXPECT_NE(strLine.find("cannot VACUUM - SQL statements in progress"), std::string::npos) << strLine;
     }
+    std::cout << kThreads << " threads: " << nAdded << " additions, " << nLookups << " lookups, " << nHits << " hits\n";
 }
 
 TEST_F(Threads, StartsAndEndsNestInAnyOrder) {
     MakeFiles(2);
-    RunThreads([&](int iThread) {
-        for (int i = 0; i < 20; ++i) {
+    RunThreads(16, [&](int iThread) {
+        for (int i = 0; i < 100; ++i) {
             const int nDepth = 1 + (iThread + i) % 3;
             for (int k = 0; k < nDepth; ++k) {
                 EXPECT_EQ(k % 2 == 0 ? LocalCacheInit() : LocalCacheInitEx(), TARN_OK);
@@ -149,7 +176,7 @@ TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
     EXPECT_TRUE(
         WaitFor([] { return RecordedLog::Contains("[DoBatchWriteJobs]InsertRecord failed with error code = 10"); }));
     for (int i = 0; i < 50; ++i) {
-        EXPECT_TRUE(UseFile(i)) << i; // what was stored before answers
+        EXPECT_TRUE(IsHit(i)) << i; // what was stored before answers
     }
     LimitFileSize(0); // a caller's own write fails too, and its thread lives
     _SCAN_FILE_RESULT verdict = Verdict(1, 1, "New.Virus");

@@ -42,6 +42,16 @@ bool Exists(const std::string &strPath) {
     return fs::exists(fs::symlink_status(strPath));
 }
 
+uint64_t TestLength() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const uint64_t nDefault = 1;
+#else
+    const uint64_t nDefault = 10;
+#endif
+    const char *pszLength = getenv("TARN_TEST_LENGTH");
+    return pszLength != nullptr ? strtoul(pszLength, nullptr, 10) : nDefault;
+}
+
 struct stat StatusOf(const std::string &strPath) {
     struct stat status = {};
     if (lstat(strPath.c_str(), &status) != 0) {

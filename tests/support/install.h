@@ -32,6 +32,8 @@ class CTempInstall {
 
 std::string ReadWholeFile(const std::string &strPath);
 bool Exists(const std::string &strPath);
+// How much of a long test runs, in percent: TARN_TEST_LENGTH, else 10, under a sanitizer 1.
+uint64_t TestLength();
 struct stat StatusOf(const std::string &strPath); // of a link itself; throws where there is none
 
 // A second connection to a database file.
