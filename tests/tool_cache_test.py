@@ -2,9 +2,11 @@
 import fcntl
 import json
 import os
+import random
 import sqlite3
 import stat
 import subprocess
+import time
 import unittest
 from pathlib import Path
 
@@ -38,6 +40,24 @@ class CacheTest(ToolTest):
         self.change_records("FTV = FTV & ~(1 << 18) | (-1 << 48), RS = 0")  # somebody calls it clean
         self.assertEqual(self.scan(path)[0], 1)
         self.assertIn(b"Protection:          on\n", self.run_tool("stats")[1])
+
+    def test_kills_cost_nothing_that_was_stored(self):
+        length, seed = int(os.environ.get("TARN_TEST_LENGTH", "10")), random.randrange(2**32)  # in percent of 100
+        moments, stored = random.Random(seed), 0
+        self.scan(f"{INFECTED}/clam.exe")
+        for _ in range(length):
+            with subprocess.Popen([*SCAN, "--root", self.root, INFECTED, CLEAN], stdout=subprocess.DEVNULL) as tool:
+                time.sleep(moments.uniform(0, 0.4))
+                tool.kill()
+            database = sqlite3.connect(self.root / "engine/cache/morcache.db")
+            before, stored = stored, database.execute("select count(*) from CT").fetchone()[0]
+            self.assertGreaterEqual(stored, before, f"seed {seed}")
+            self.assertEqual(database.execute("pragma integrity_check").fetchall(), [("ok",)], f"seed {seed}")
+            database.close()
+        status, summary, _ = self.scan(INFECTED, CLEAN)
+        self.assertEqual((status, summary["infected"], summary["from_cache"] >= stored), (1, 44, True))
+        self.assertCountEqual(os.listdir(self.root / "engine/cache"), ["morcache.db", "morcache.key"])
+        print(f"seed {seed}: {length} kills of a scan, {stored} records kept")
 
     def test_other_signatures_drop_the_records_of_this_engine_only(self):
         headers = sorted(str(path) for path in Path(CLEAN).iterdir())[:3]
