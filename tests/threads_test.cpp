@@ -195,7 +195,7 @@ TEST_F(Threads, AFullDiskLosesTheBatchByNameAndNothingElse) {
     LimitFileSize(512); // the next to read rolls it back, which is refused, and lives
     EXPECT_EQ(LocalCacheLookup(Path(0).c_str(), szMD5, &verdict), TARN_NOT_CACHED);
     LimitFileSize(RLIM_INFINITY);
-    EXPECT_TRUE(UseFile(0));
+    EXPECT_TRUE(IsHit(0));
     EXPECT_FALSE(Exists(strJournal));
     AddFiles(kFiles);
     EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
