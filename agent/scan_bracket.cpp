@@ -2,16 +2,17 @@
 // impossible that the file is read or changed otherwise while the status stays. Against that stand, in this order:
 //
 //   1. the moment of Begin        a file that changed less than 2 s before can change again in the same second;
-//   2. write-back, where a map may be hidden: from then on each page's next write through a map gives a new change
-//   time;
-//   3. the first status;
-//   4. the first lease            nobody has it open or mapped for writing: a page that is dirty already could be
+//   2. the first lease            nobody has it open or mapped for writing: a page that is dirty already could be
 //                                 written without a new change time;
+//   3. write-back, where a map may be hidden: from then on each page's next write through a map gives a new change
+//      time; and, where strangers may write, no page stays in memory: who has the kernel hold one for a write that
+//      waits for its data needs neither map nor descriptor any more, and a page may differ from the disk;
+//   4. the first status;
 //   5. the scan;
 //   6. the second lease           a map that was made meanwhile may have written already, and may go on;
 //   7. the second status          who opened the file between the leases and wrote has changed it.
 //
-// Whom the kernel does not tell about writers has 2 alone. That does not hold against a write() that set the change
+// Whom the kernel does not tell about writers has 3 alone. That does not hold against a write() that set the change
 // time before 1 and still waits for its data, so it is enough only where root or the caller himself alone may write.
 #include "agent/scan_bracket.h"
 
@@ -75,23 +76,25 @@ uint32_t FindingsOf(EWriters eWriters) {
     return eWriters == EWriters::Some ? kWritten : eWriters == EWriters::NotTold ? kNotTold : 0U;
 }
 
-// Does a write-back make up for a lease that is not granted, or must it be added to one that is?
-bool NeedsWriteBack(EFileSystem eKind, EWriters eWriters, const struct stat &status) {
-    return eWriters == EWriters::None ? eKind == EFileSystem::Overlay
-                                      : eWriters == EWriters::NotTold && IsWrittenByTrustedAlone(status);
+// Where a page that somebody holds in memory shows through the file, and nothing else speaks against it already.
+bool IsCached(EFileSystem eKind) {
+    return eKind == EFileSystem::Disk || eKind == EFileSystem::OtherDisk || eKind == EFileSystem::Overlay ||
+           eKind == EFileSystem::Network;
 }
 
-// Writers and write-back, and the status anew where there was one.
-uint32_t AskAtBegin(int fd, EFileSystem eKind, struct stat &status) {
-    if (eKind == EFileSystem::ReadOnly) {
-        return kReadOnly;
+// Makes up for what a lease does not say, or for one that is not granted. Takes the status anew where it did something.
+// bRecent: the verdict will not be remembered anyway.
+uint32_t Settle(int fd, EFileSystem eKind, EWriters eWriters, bool bRecent, struct stat &status) {
+    const bool bTrusted = IsWrittenByTrustedAlone(status);
+    const bool bDrop = eWriters == EWriters::None && !bTrusted && !bRecent && IsCached(eKind);
+    const bool bWriteBack =
+        eWriters == EWriters::None ? eKind == EFileSystem::Overlay : eWriters == EWriters::NotTold && bTrusted;
+    if (!bDrop && !bWriteBack) {
+        return 0;
     }
-    const EWriters eWriters = AskWhoWrites(fd);
-    if (!NeedsWriteBack(eKind, eWriters, status)) {
-        return FindingsOf(eWriters);
-    }
-    const bool bWrittenBack = WriteBack(fd, eKind) && fstat(fd, &status) == 0;
-    return FindingsOf(eWriters) | (bWrittenBack ? kWrittenBack : kUnknown);
+    const bool bDone = (!bWriteBack || WriteBack(fd, eKind)) &&
+                       (!bDrop || DropPages(fd, static_cast<uint64_t>(status.st_size))) && fstat(fd, &status) == 0;
+    return !bDone ? kUnknown : bWriteBack ? kWrittenBack : 0;
 }
 
 bool IsAllowed(const _LOCAL_CACHE_SCAN &scan, uint32_t ulFinding, uint32_t ulAllowance) {
@@ -142,8 +145,14 @@ bool CScanBracket::Begin(int fd, _LOCAL_CACHE_SCAN &scan) {
         return false;
     }
     const EFileSystem eKind = FileSystemOfType(static_cast<uint32_t>(fileSystem.f_type));
-    const uint32_t ulWriters = AskAtBegin(fd, eKind, scan.status);
-    scan.ulFindings = ulWriters | FindingsAbout(fd, fileSystem, scan, liSteady);
+    if (eKind == EFileSystem::ReadOnly) {
+        scan.ulFindings = kReadOnly;
+    } else {
+        const EWriters eWriters = AskWhoWrites(fd);
+        const bool bRecent = Nanoseconds(scan.status.st_ctim) > scan.liBegun - kSettleTime;
+        scan.ulFindings = FindingsOf(eWriters) | Settle(fd, eKind, eWriters, bRecent, scan.status);
+    }
+    scan.ulFindings |= FindingsAbout(fd, fileSystem, scan, liSteady);
     scan.lDescriptor = fd;
     scan.ullMark = kOpenMark;
     return true;

@@ -13,7 +13,8 @@
 #include <sys/vfs.h>
 
 // f_type of statfs
-constexpr uint32_t Ext = 0xEF53, Xfs = 0x58465342, Zfs = 0x2FC12FC1, Squash = 0x73717368, Tmpfs = 0x01021994;
+constexpr uint32_t Ext = 0xEF53, Xfs = 0x58465342, Btrfs = 0x9123683E, Zfs = 0x2FC12FC1, Squash = 0x73717368,
+                   Tmpfs = 0x01021994;
 constexpr uint32_t Fuse = 0x65735546, Nfs = 0x6969, Fat = 0x4D44, NeverHeardOf = 0x12345678;
 constexpr int64_t kLongAgo = 10; // seconds
 

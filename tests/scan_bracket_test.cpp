@@ -5,6 +5,7 @@
 #include <csignal>
 #include <linux/userfaultfd.h>
 #include <sys/ioctl.h>
+#include <sys/uio.h>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -47,17 +48,31 @@ TEST_F(Bracket, AWriteThatWaitsForItsDataIsSeen) {
         GTEST_SKIP() << "userfaultfd is not allowed here";
     }
     fs::permissions(m_strFile, fs::perms(0666)); // a stranger's write
-    std::thread writer([&] { EXPECT_EQ(pwrite(Writer(m_strFile).Get(), pPage, 5, 0), 5); });
-    uffd_msg touched = {};
-    EXPECT_EQ(read(faults.Get(), &touched, sizeof touched), static_cast<ssize_t>(sizeof touched));
-    Remember(m_strFile);
-    EXPECT_EQ(Scan(m_strFile), TARN_REMEMBER_WRITTEN);
-    g_iLeaseError = EACCES;
-    EXPECT_EQ(Scan(m_strFile), TARN_REMEMBER_UNKNOWN);
-    EXPECT_EQ(ioctl(faults.Get(), UFFDIO_COPY, &fill), 0);
-    writer.join();
-    EXPECT_EQ(ReadWholeFile(m_strFile), "MMMMM");
-    EXPECT_TRUE(IsKnown(m_strFile)); // no new change time
+    for (const bool bMapGone : {false, true}) {  // then the kernel alone holds the page that it writes to
+        SCOPED_TRACE(bMapGone);
+        m_install.WriteFile("file", "clean");
+        ASSERT_EQ(madvise(pPage, 4096, MADV_DONTNEED), 0);
+        auto pMap = bMapGone ? std::make_unique<_Map>(m_strFile) : nullptr;
+        std::thread writer([&] {
+            const iovec from = {pPage, 5}, to = {bMapGone ? pMap->pPage : nullptr, 5};
+            EXPECT_EQ(bMapGone ? process_vm_writev(getpid(), &from, 1, &to, 1, 0)
+                               : pwrite(Writer(m_strFile).Get(), pPage, 5, 0),
+                      5);
+        });
+        uffd_msg touched = {};
+        EXPECT_EQ(read(faults.Get(), &touched, sizeof touched), static_cast<ssize_t>(sizeof touched));
+        pMap = nullptr;
+        Remember(m_strFile);
+        EXPECT_EQ(Scan(m_strFile), bMapGone ? TARN_REMEMBER_UNKNOWN : TARN_REMEMBER_WRITTEN);
+        g_iLeaseError = EACCES;
+        EXPECT_EQ(Scan(m_strFile), TARN_REMEMBER_UNKNOWN);
+        g_iLeaseError = 0;
+        EXPECT_EQ(ioctl(faults.Get(), UFFDIO_COPY, &fill), 0);
+        writer.join();
+        EXPECT_EQ(ReadWholeFile(m_strFile), "MMMMM");
+        EXPECT_TRUE(IsKnown(m_strFile)); // no new change time
+    }
+    EXPECT_EQ(Scan(m_strFile), TARN_REMEMBER_YES); // nobody holds anything
 }
 
 TEST_F(Bracket, WithoutALeaseAWriteBackMakesEveryLaterWriteShow) {
@@ -128,8 +143,9 @@ TEST_F(Bracket, TheFileSystemDecides) {
         uint32_t ulType;
         uint32_t ulReason, ulWhereStrangersWrite, ulWithoutLease;
     };
-    for (const _Case &row : {_Case{Fuse, 2, 2, 2}, _Case{Nfs, 2, 2, 2}, _Case{Fat, 2, 2, 2}, _Case{Xfs, 0, 2, 0},
-                             _Case{Squash, 0, 0, 0}, _Case{Zfs, 0, 0, 3}, _Case{NeverHeardOf, 3, 3, 3}}) {
+    for (const _Case &row :
+         {_Case{Fuse, 2, 2, 2}, _Case{Nfs, 2, 2, 2}, _Case{Fat, 2, 2, 2}, _Case{Xfs, 0, 2, 0}, _Case{Btrfs, 0, 2, 0},
+          _Case{Squash, 0, 0, 0}, _Case{Zfs, 0, 0, 3}, _Case{NeverHeardOf, 3, 3, 3}}) {
         SCOPED_TRACE(row.ulType);
         g_ulFileSystem = row.ulType;
         EXPECT_EQ(Scan(m_strFile), row.ulReason);

@@ -13,15 +13,15 @@ struct _Kind {
 // Numbers, since the system's own header has not all of them.
 constexpr _Kind kKinds[] = {
     {0xEF53, EFileSystem::Disk},           // ext2, ext3, ext4
-    {0x9123683E, EFileSystem::Disk},       // btrfs
     {0xF2F52010, EFileSystem::Disk},       // f2fs
-    {0x58465342, EFileSystem::Exchanging}, // xfs: XFS_IOC_SWAPEXT leaves all times alone
+    {0x58465342, EFileSystem::Exchanging}, // xfs: XFS_IOC_SWAPEXT and FIDEDUPERANGE leave all times alone
+    {0x9123683E, EFileSystem::Exchanging}, // btrfs: FIDEDUPERANGE, which compares pages that a held write has changed
     {0x794C7630, EFileSystem::Overlay},    // overlayfs
     {0x3153464A, EFileSystem::OtherDisk},  // jfs
     {0x52654973, EFileSystem::OtherDisk},  // reiserfs
     {0x3434, EFileSystem::OtherDisk},      // nilfs2
     {0x2FC12FC1, EFileSystem::OtherDisk},  // zfs
-    {0xCA451A4E, EFileSystem::OtherDisk},  // bcachefs
+    {0xCA451A4E, EFileSystem::Exchanging}, // bcachefs: likewise
     {0x73717368, EFileSystem::ReadOnly},   // squashfs
     {0xE0F5E1E2, EFileSystem::ReadOnly},   // erofs
     {0x28CD3D45, EFileSystem::ReadOnly},   // cramfs

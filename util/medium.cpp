@@ -123,9 +123,9 @@ EMedium MediumOf(int fd, dev_t device, EFileSystem eKind, const std::string &str
     if (major(device) != 0) {
         return CBlockDevices(strSys).MediumOf(device);
     }
-    // Of the kind Disk, btrfs alone has device numbers of its own making. A pool of another kind does not show in
-    // sysfs.
-    return eKind == EFileSystem::Disk ? MediumOfBtrfs(fd, strSys) : EMedium::Fixed;
+    // Of the kind Exchanging, btrfs makes device numbers of its own and tells its devices. A pool of the kind OtherDisk
+    // does not show in sysfs.
+    return eKind == EFileSystem::Exchanging ? MediumOfBtrfs(fd, strSys) : EMedium::Fixed;
 }
 
 bool IsWrittenByTrustedAlone(const struct stat &status) {

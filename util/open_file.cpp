@@ -1,5 +1,6 @@
 #include "util/open_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <linux/fs.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
@@ -92,6 +94,37 @@ class CBlockedSignal {
     int m_iSignal = 0;
 };
 
+// A map of a piece of a file, never looked into: a file that shrinks meanwhile does no harm.
+class CSilentMap {
+  public:
+    CSilentMap(int fd, uint64_t ullOffset, size_t nSize) noexcept
+        : m_nSize(nSize), m_pStart(mmap(nullptr, nSize, PROT_NONE, MAP_SHARED, fd, static_cast<off_t>(ullOffset))) {}
+    ~CSilentMap() {
+        if (m_pStart != MAP_FAILED) {
+            (void)munmap(m_pStart, m_nSize);
+        }
+    }
+    CSilentMap(const CSilentMap &) = delete;
+    CSilentMap &operator=(const CSilentMap &) = delete;
+
+    // Also false where the kernel does not say.
+    [[nodiscard]] bool IsOutOfMemory() const noexcept {
+        unsigned char abIsThere[kPages] = {};
+        const auto isThere = [](unsigned char bPage) { return (bPage & 1) != 0; };
+        return m_pStart != MAP_FAILED && mincore(m_pStart, m_nSize, abIsThere) == 0 &&
+               std::none_of(abIsThere, abIsThere + kPages, isThere);
+    }
+
+    static constexpr size_t kPages = 4096; // at most
+    static constexpr size_t kMostBytes = kPages * 4096;
+
+  private:
+    size_t m_nSize;
+    void *m_pStart;
+};
+
+constexpr unsigned int kWriteAndWait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+
 } // namespace
 
 EWriters AskWhoWrites(int fd) noexcept {
@@ -116,8 +149,7 @@ bool WriteBack(int fd, EFileSystem eKind) noexcept {
     case EFileSystem::Disk:
     case EFileSystem::Exchanging:
         // The pages alone: fdatasync would also empty the disk's own cache, which takes milliseconds a file.
-        return sync_file_range(fd, 0, 0,
-                               SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) == 0;
+        return sync_file_range(fd, 0, 0, kWriteAndWait) == 0;
     case EFileSystem::Overlay: {
         // An overlay keeps fdatasync from files of its lower layers, and from all files when it is mounted "volatile".
         // Asked for the place of a file it writes back the file below, and memory below has no places.
@@ -132,4 +164,18 @@ bool WriteBack(int fd, EFileSystem eKind) noexcept {
     default:
         return false;
     }
+}
+
+bool DropPages(int fd, uint64_t ullSize) noexcept {
+    (void)sync_file_range(fd, 0, 0, kWriteAndWait); // dirty pages stay, and are then seen below
+    if (posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED) != 0) {
+        return false;
+    }
+    for (uint64_t ullDone = 0; ullDone < ullSize; ullDone += CSilentMap::kMostBytes) {
+        const auto nPiece = static_cast<size_t>(std::min<uint64_t>(ullSize - ullDone, CSilentMap::kMostBytes));
+        if (!CSilentMap(fd, ullDone, nPiece).IsOutOfMemory()) {
+            return false;
+        }
+    }
+    return true;
 }

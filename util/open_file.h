@@ -5,6 +5,8 @@
 
 #include "util/file_system_kind.h"
 
+#include <cstdint>
+
 // Who has the file open or mapped for writing.
 enum class EWriters {
     None,
@@ -19,5 +21,10 @@ enum class EWriters {
 // Writes the file's dirty pages back and waits for it, so that each page's next write through any map gives a new
 // change time. False: it failed, or nothing says that it has this effect.
 [[nodiscard]] bool WriteBack(int fd, EFileSystem eKind) noexcept;
+
+// Lets the file's pages go from memory, dirty ones after writing them back, so that the next read comes from the disk.
+// False: some stayed. Whoever holds one may yet write into it, without map, descriptor or new change time; or its
+// content may be another than what lies on the disk. A program that runs or maps the file holds its pages as well.
+[[nodiscard]] bool DropPages(int fd, uint64_t ullSize) noexcept;
 
 #endif
