@@ -29,8 +29,9 @@ void *ini_file_load(const char *path);
  * handle is freed or the key is set again. */
 const char *ini_file_get(void *ini, const char *section, const char *key);
 
-/* Sets or adds a key in memory; a repeated key becomes a single one. Text that would not survive a save (line breaks, a
- * key that looks like a comment or section) is refused. Returns 0, or -1 with errno set and the handle unchanged. */
+/* Sets or adds a key in memory; a repeated key becomes a single one. Text that would not survive a save (line breaks,
+ * blanks around it, a key that looks like a comment or section) is refused. Returns 0, or -1 with errno set and the
+ * handle unchanged. */
 int ini_file_set(void *ini, const char *section, const char *key, const char *value);
 
 /* Replaces the file atomically (new file in the same folder, flushed to disk, renamed), keeping mode and owner; a

@@ -48,7 +48,7 @@ TEST_F(PlatformIni, AwkwardFilesKeepTheirTextAndSettleAtTheFirstSave) {
     const std::string cases[] = {"\n;begin\n[s]\nk=v\n",
                                  "junk\n;begin\n[s]\nk=v",
                                  "[s]\r\nk = v\r\n;end",
-                                 "\xef\xbb\xbf[s]\nk=v\n\n;begin\n\n;end\n",
+                                 "\xef\xbb\xbf[other\n[s]\nk=v\n\n;begin\n\n;end\n",
                                  "[s]\nk=1\nx=\nk=v\n[]\ny=2\n[s]\nother=3\n",
                                  "<<<a\n=q\n[s]\nk=v\n[other\nm=<<<E\nline\n",
                                  "[t]\n[s]\nk=v\n;begin\n[T] ;end\njunk\n",
@@ -81,7 +81,8 @@ TEST_F(PlatformIni, UnusableFilesAndTextAreRefused) {
     }
     ASSERT_TRUE(Load(WriteFile("x.ini", "[s]\nk=v\n")));
     const char *const texts[][3] = {{"s", "k", "a\n[t]"}, {"s", "k", "a\rb"}, {"s]", "k", "v"}, {"s", "a=b", "v"},
-                                    {"s", "", "v"},       {"s", ";k", "v"},   {"s", "[k", "v"}, {"s", "k", nullptr}};
+                                    {"s", "", "v"},       {"s", ";k", "v"},   {"s", "[k", "v"}, {"s", "k", nullptr},
+                                    {"s", "k ", "v"},     {" s", "k", "v"},   {"s", "k", "\tv"}};
     for (const auto &[pSection, pKey, pValue] : texts) {
         EXPECT_NE(Set(pSection, pKey, pValue), 0) << pSection << "/" << pKey;
     }

@@ -21,13 +21,16 @@ constexpr size_t kMaxFileSize = size_t{4} << 20U; // bytes; far above any config
 constexpr int kMaxPasses = 4;                     // two are usual
 constexpr mode_t kNewFileMode = 0600;
 
-bool IsOneLine(std::string_view text) {
-    return text.find_first_of("\r\n") == std::string_view::npos;
+// A save keeps neither line breaks nor blanks around a text.
+bool IsKept(std::string_view text) {
+    constexpr std::string_view kBlanks(IniText::kBlanks);
+    return text.find_first_of("\r\n") == kBlanks.npos &&
+           (text.empty() || (kBlanks.find(text.front()) == kBlanks.npos && kBlanks.find(text.back()) == kBlanks.npos));
 }
 
 bool IsUsableKey(std::string_view key) {
-    return !key.empty() && IsOneLine(key) && key.find('=') == std::string_view::npos &&
-           std::string_view(";#[ \t").find(key.front()) == std::string_view::npos;
+    return !key.empty() && IsKept(key) && key.find('=') == std::string_view::npos &&
+           std::string_view(";#[").find(key.front()) == std::string_view::npos;
 }
 
 class CIniFile {
@@ -133,8 +136,8 @@ const char *ini_file_get(void *ini, const char *section, const char *key) {
 }
 
 int ini_file_set(void *ini, const char *section, const char *key, const char *value) {
-    if (ini == nullptr || section == nullptr || key == nullptr || value == nullptr || !IsOneLine(section) ||
-        std::string_view(section).find(']') != std::string_view::npos || !IsUsableKey(key) || !IsOneLine(value)) {
+    if (ini == nullptr || section == nullptr || key == nullptr || value == nullptr || !IsKept(section) ||
+        std::string_view(section).find(']') != std::string_view::npos || !IsUsableKey(key) || !IsKept(value)) {
         return Fail(EINVAL);
     }
     try {

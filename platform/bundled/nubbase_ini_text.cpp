@@ -31,6 +31,10 @@ template <typename Visit> void ForEachLine(std::string_view text, Visit visit) {
     }
 }
 
+std::string_view SignatureOf(std::string_view text) {
+    return text.substr(0, text.starts_with(kSignature) ? kSignature.size() : 0);
+}
+
 std::string WithPlainLineEnds(std::string_view raw) {
     std::string strText;
     strText.reserve(raw.size());
@@ -89,16 +93,16 @@ class CPreparation {
 std::string IniText::Prepare(std::string_view raw) {
     const std::string strText = WithPlainLineEnds(raw);
     const std::string_view text(strText);
-    const size_t nSignature = text.starts_with(kSignature) ? kSignature.size() : 0;
+    const std::string_view signature = SignatureOf(text);
     CPreparation preparation;
-    ForEachLine(text.substr(nSignature), [&](std::string_view line) { preparation.AddLine(line); });
-    return std::string(text.substr(0, nSignature)).append(preparation.Take());
+    ForEachLine(text.substr(signature.size()), [&](std::string_view line) { preparation.AddLine(line); });
+    return std::string(signature).append(preparation.Take());
 }
 
 std::string IniText::Restore(std::string_view prepared) {
-    std::string strText;
+    std::string strText(SignatureOf(prepared));
     strText.reserve(prepared.size());
-    ForEachLine(prepared, [&](std::string_view line) {
+    ForEachLine(prepared.substr(strText.size()), [&](std::string_view line) {
         line.remove_prefix(line.starts_with(kHidden) ? kHidden.size() : 0);
         strText.append(line).append("\n");
     });
