@@ -13,6 +13,8 @@ TEST(Medium, RemovableDevicesAreFoundBehindWhatLiesOnThem) {
     const CTempInstall install;
     const std::string strImage = install.WriteFile("image");
     fs::permissions(strImage, fs::perms(0666));
+    const std::string strDeleted = install.Path("gone (deleted)"); // planted where an image was
+    fs::create_symlink("/etc/passwd", strDeleted);
     using Files = std::map<std::string, std::string>;
     const std::vector<std::pair<Files, EMedium>> vecCases = {
         {{{"7:7/removable", "0\n"}, {"7:7/slaves/.", ""}}, EMedium::Fixed},
@@ -21,6 +23,7 @@ TEST(Medium, RemovableDevicesAreFoundBehindWhatLiesOnThem) {
         {{{"7:7/removable", "0\n"}, {"7:7/slaves/x/dev", "8:9\n"}, {"8:9/removable", "1\n"}}, EMedium::Removable},
         {{{"7:7/removable", "0\n"}, {"7:7/slaves/x/dev", "7:7\n"}}, EMedium::Unknown}, // without an end
         {{{"7:7/removable", "0\n"}, {"7:7/slaves/.", ""}, {"7:7/loop/backing_file", strImage}}, EMedium::Removable},
+        {{{"7:7/removable", "0\n"}, {"7:7/slaves/.", ""}, {"7:7/loop/backing_file", strDeleted}}, EMedium::Removable},
         {{}, EMedium::Unknown},
     };
     for (size_t i = 0; i < vecCases.size(); ++i) {

@@ -37,6 +37,12 @@ dev_t DeviceFrom(const std::string &strText) {
     return makedev(uMajor, uMinor);
 }
 
+// Of the named kind itself, no link to it, and nobody but root may change it.
+bool IsRootsAlone(const std::string &strPath, mode_t kind, struct stat &status) {
+    return lstat(strPath.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == kind && status.st_uid == 0 &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 class CBlockDevices {
   public:
     explicit CBlockDevices(const std::string &strSys) : m_strSys(strSys) {}
@@ -74,12 +80,17 @@ class CBlockDevices {
 
   private:
     // Who may write the image behind a loop device changes files below the file system, which then shows their old
-    // status.
+    // status. Who may write a folder above it decides which file the name means: a deleted image is called by its
+    // former name with " (deleted)" behind it, and of a name with a line end the first line is all that is read.
     EMedium MediumOfImage(const std::string &strImage, int nDepth) const {
         struct stat status = {};
         struct statfs fileSystem = {};
-        if (stat(strImage.c_str(), &status) != 0 || statfs(strImage.c_str(), &fileSystem) != 0 || status.st_uid != 0 ||
-            !IsWrittenByTrustedAlone(status)) {
+        for (size_t nEnd = strImage.find('/', 1); nEnd != std::string::npos; nEnd = strImage.find('/', nEnd + 1)) {
+            if (!IsRootsAlone(strImage.substr(0, nEnd), S_IFDIR, status)) {
+                return EMedium::Removable;
+            }
+        }
+        if (!IsRootsAlone(strImage, S_IFREG, status) || statfs(strImage.c_str(), &fileSystem) != 0) {
             return EMedium::Removable;
         }
         const EFileSystem eKind = FileSystemOfType(static_cast<uint32_t>(fileSystem.f_type));
