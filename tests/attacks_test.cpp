@@ -52,6 +52,9 @@ TEST_P(Attacks, AnotherFileOfTheSameSizeAndSecondInItsPlace) { // 6
         EXPECT_EQ(Lookup(m_strFile, other), Fooled()) << pszName;
     }
     EXPECT_EQ(Lookup(m_strFile), TARN_OK);
+    g_ulFileSystem = Fuse; // made by him, with the numbers of the true one
+    Restart();
+    EXPECT_EQ(Lookup(m_strFile), Fooled()) << "file system";
 }
 
 TEST_P(Attacks, AVerdictChangedInTheDatabaseByHand) { // 17

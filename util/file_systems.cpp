@@ -1,15 +1,39 @@
 #include "util/file_systems.h"
 
 #include "support/descriptor.h"
+#include "util/medium.h"
 
 #include <cstring>
-#include <sys/stat.h>
+#include <sodium.h>
 #include <sys/vfs.h>
 
 namespace {
 
-// O_PATH: nothing is opened but the name, so that neither a device, a pipe nor a lease is touched.
-bool AskFileSystem(dev_t device, const char *pszPath, uint64_t &ullIdentity) {
+constexpr uint32_t kBtrfs = 0x9123683E;
+
+// What is hashed. The number alone is easily had twice: user space and servers give 0, and an image or a medium has
+// the one that its maker chose.
+struct _Description {
+    uint64_t ullNumber; // f_fsid
+    uint32_t ulType;    // f_type
+    uint32_t ulMedium;
+};
+static_assert(sizeof(_Description) == 16, "hashed as it lies in memory; what is made of it is stored");
+
+uint64_t HashOf(const _Description &description) {
+    unsigned char abHash[crypto_generichash_BYTES_MIN] = {};
+    uint64_t ullIdentity = 0;
+    // Cannot fail with these sizes.
+    (void)crypto_generichash(abHash, sizeof abHash, reinterpret_cast<const unsigned char *>(&description),
+                             sizeof description, nullptr, 0);
+    std::memcpy(&ullIdentity, abHash, sizeof ullIdentity);
+    return ullIdentity;
+}
+
+} // namespace
+
+bool CFileSystems::Ask(dev_t device, const char *pszPath, _Known &known) {
+    // O_PATH: nothing is opened but the name, so that neither a device, a pipe nor a lease is touched.
     const CDescriptor file(open(pszPath, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status = {};
     struct statfs fileSystem = {};
@@ -17,12 +41,16 @@ bool AskFileSystem(dev_t device, const char *pszPath, uint64_t &ullIdentity) {
         fstatfs(file.Get(), &fileSystem) != 0) {
         return false;
     }
-    static_assert(sizeof fileSystem.f_fsid == sizeof ullIdentity);
-    std::memcpy(&ullIdentity, &fileSystem.f_fsid, sizeof ullIdentity);
+    _Description description = {0, static_cast<uint32_t>(fileSystem.f_type), 0};
+    static_assert(sizeof fileSystem.f_fsid == sizeof description.ullNumber);
+    std::memcpy(&description.ullNumber, &fileSystem.f_fsid, sizeof description.ullNumber);
+    if (known.bAsked && known.ullNumber == description.ullNumber) {
+        return true;
+    }
+    description.ulMedium = static_cast<uint32_t>(MediumOf(file.Get(), device, FileSystemOfType(description.ulType)));
+    known = {true, description.ulType == kBtrfs, description.ullNumber, HashOf(description)};
     return true;
 }
-
-} // namespace
 
 bool CFileSystems::IdentityOf(dev_t device, const char *pszPath, uint64_t &ullIdentity) {
     // 1. The mount table is looked at, and what is known is forgotten when it changed, under one hold of the mutex:
@@ -33,13 +61,10 @@ bool CFileSystems::IdentityOf(dev_t device, const char *pszPath, uint64_t &ullId
     if (m_mountTable.HasChanged()) {
         m_mapKnown.clear();
     }
-    if (const auto it = m_mapKnown.find(device); it != m_mapKnown.end()) {
-        ullIdentity = it->second;
-        return true;
-    }
-    if (!AskFileSystem(device, pszPath, ullIdentity)) {
+    _Known &known = m_mapKnown[device];
+    if ((!known.bAsked || known.bGivesNumberAgain) && !Ask(device, pszPath, known)) {
         return false;
     }
-    m_mapKnown.emplace(device, ullIdentity);
+    ullIdentity = known.ullIdentity;
     return true;
 }

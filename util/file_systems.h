@@ -10,7 +10,8 @@
 #include <sys/types.h>
 
 // Device numbers change from boot to boot on some file systems, and after an unmount another one may get the number.
-// The identity that the file system itself gives (f_fsid) is kept for each device until the mount table changes.
+// So the number that the file system itself gives (f_fsid) counts, together with its kind and what it lies on. They are
+// kept for each device until the mount table changes.
 class CFileSystems {
   public:
     CFileSystems() = default;
@@ -22,9 +23,17 @@ class CFileSystems {
     [[nodiscard]] bool IdentityOf(dev_t device, const char *pszPath, uint64_t &ullIdentity);
 
   private:
+    struct _Known {
+        bool bAsked;
+        bool bGivesNumberAgain; // a subvolume that is deleted leaves its device number to the next, without a mount
+        uint64_t ullNumber;
+        uint64_t ullIdentity;
+    };
+    static bool Ask(dev_t device, const char *pszPath, _Known &known);
+
     CMountTable m_mountTable;
     std::mutex m_mutex; // guards the map, and holds the table's answer and its consequence together
-    std::map<dev_t, uint64_t> m_mapKnown;
+    std::map<dev_t, _Known> m_mapKnown;
 };
 
 #endif
