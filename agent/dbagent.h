@@ -150,8 +150,7 @@ class TARN_API CDataBaseAgent {
     // --- the connection's too: the writer thread
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
     int64_t AdjustDBToActualSize() { return m_connection.AdjustDBToActualSize(m_config.lCacheSize); }
-    // "pragma quick_check;". 1 sound (also without a connection), 0 not.
-    [[nodiscard]] int64_t CheckDBIntegrity();
+    [[nodiscard]] int64_t CheckDBIntegrity(); // "pragma quick_check;". 1 sound (also without a connection), 0 not
 
     // --- engine_flags.cpp: the writer thread at its start
 
@@ -222,6 +221,7 @@ class TARN_API CDataBaseAgent {
     void SweepCodes() EXCLUDES(m_connection.m_tableLock);
     bool CopyRecordOut(const _CacheRecord &stored, _LOCAL_CACHE_RECORD &record)
         REQUIRES_SHARED(m_connection.m_tableLock);
+    bool DeleteDigests(const std::vector<CacheMD5> &digests) EXCLUDES(m_connection.m_tableLock);
     void ApplyBatch(std::vector<CacheMD5> &batch);
     bool ApplyList() EXCLUDES(m_connection.m_tableLock);
     void RetryWithdrawals();

@@ -16,6 +16,55 @@ constexpr size_t kBatchSize = 1000; // deletions in one transaction
 constexpr std::chrono::seconds kRetryInterval(10);
 constexpr int kListsAtOnce = 10; // then the queues get their turn
 
+// Applies the digest lines in batches. As ParseAndDeleteCacheRecordsByFileMD5, in whose name it logs.
+template <typename IsRunning, typename Apply>
+uint32_t DeleteListed(CListText &lines, IsRunning isRunning, Apply apply) {
+    constexpr char kFunction[] = "ParseAndDeleteCacheRecordsByFileMD5";
+    uint32_t ulResult = TARN_E_INVALIDARG; // not a single line
+    std::vector<CacheMD5> vecBatch;
+    vecBatch.reserve(kBatchSize);
+    char szDigest[kDigestTextSize] = {};
+    while (lines.NextDigest(szDigest) || lines.IsBrokenOff()) {
+        if (lines.IsBrokenOff() || !isRunning()) {
+            TARN_LOG_AS(ELogLevel::Error, kFunction, "[%s]clean cache is abort, will cleaning in next time");
+            ulResult = TARN_E_ABORT;
+            break;
+        }
+        ulResult = TARN_OK;
+        TARN_LOG_AS(ELogLevel::Info, kFunction, "[%s]will clean cache md5: %s", szDigest);
+        CacheMD5 md5 = {};
+        if (!ParseDigest(szDigest, md5)) {
+            continue;
+        }
+        vecBatch.push_back(md5);
+        if (vecBatch.size() % kBatchSize == 0) {
+            apply(vecBatch);
+        }
+        sleep(0); // yields
+    }
+    if (!vecBatch.empty()) {
+        apply(vecBatch);
+    }
+    return ulResult;
+}
+
+// The digests of a list that has been set aside and is not kept in memory. Nothing answers meanwhile, so its digests
+// need not be known all at once.
+template <typename Delete> bool DeleteLongList(const std::function<bool()> &isRunning, Delete deleteDigests) {
+    CUpdateListFile list(isRunning);
+    if (list.Open(kListTakenPath) != TARN_OK) {
+        return false;
+    }
+    std::vector<CacheMD5> vecDigests;
+    do {
+        vecDigests.clear();
+        if (!ReadDigests(list.Digests(), kBatchSize, vecDigests) || !deleteDigests(vecDigests)) {
+            return false;
+        }
+    } while (!vecDigests.empty());
+    return true;
+}
+
 } // namespace
 
 uint32_t CDataBaseAgent::CheckDeleteFrepCacheRecords() {
@@ -38,11 +87,16 @@ uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
         TARN_LOG_ERROR("[%s]GetUpdateCacheFilePath() failed");
         return TARN_E_FAIL;
     }
-    CUpdateListText list;
-    if (const uint32_t ulResult = list.Read(szPath); ulResult != TARN_OK) {
-        return ulResult == TARN_NOT_CACHED ? TARN_OK : ulResult; // one that cannot be opened counts as done, and goes
+    const auto isRunning = [this] { return m_queue.IsRunning(); };
+    CUpdateListFile list(isRunning);
+    uint32_t ulResult = list.Open(szPath);
+    if (ulResult == TARN_NOT_CACHED) {
+        return TARN_OK; // one that cannot be opened counts as done, and goes
     }
-    const uint32_t ulResult = ParseAndDeleteCacheRecordsByFileMD5(list.Digests());
+    if (ulResult != TARN_OK && ulResult != TARN_E_ABORT) {
+        return ulResult;
+    }
+    ulResult = DeleteListed(list.Digests(), isRunning, [this](std::vector<CacheMD5> &batch) { ApplyBatch(batch); });
     if (ulResult != TARN_OK) {
         TARN_LOG_ERROR("[%s]ParseAndDeleteCacheRecordsByFileMD5() failed, hr=0x%08x", ulResult);
     }
@@ -50,35 +104,9 @@ uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
 }
 
 uint32_t CDataBaseAgent::ParseAndDeleteCacheRecordsByFileMD5(char *text) {
-    CDigestLines lines(text);
-    char szDigest[kDigestTextSize] = {};
-    if (!lines.Next(szDigest)) {
-        return TARN_E_INVALIDARG;
-    }
-    uint32_t ulResult = TARN_OK;
-    std::vector<CacheMD5> vecBatch;
-    vecBatch.reserve(kBatchSize);
-    do {
-        if (!m_queue.IsRunning()) {
-            TARN_LOG_ERROR("[%s]clean cache is abort, will cleaning in next time");
-            ulResult = TARN_E_ABORT;
-            break;
-        }
-        TARN_LOG_INFO("[%s]will clean cache md5: %s", szDigest);
-        CacheMD5 md5 = {};
-        if (!ParseDigest(szDigest, md5)) {
-            continue;
-        }
-        vecBatch.push_back(md5);
-        if (vecBatch.size() % kBatchSize == 0) {
-            ApplyBatch(vecBatch);
-        }
-        sleep(0); // yields
-    } while (lines.Next(szDigest));
-    if (!vecBatch.empty()) {
-        ApplyBatch(vecBatch);
-    }
-    return ulResult;
+    CListText lines{std::string_view(text)};
+    return DeleteListed(
+        lines, [this] { return m_queue.IsRunning(); }, [this](std::vector<CacheMD5> &batch) { ApplyBatch(batch); });
 }
 
 // A failed batch is reported and dropped: its digests are not tried again.
@@ -110,12 +138,22 @@ void CDataBaseAgent::ApplyWithdrawals() {
 // False when one batch failed or the cache is being shut down: the list stays in force, and all of it is deleted again
 // at a later pass or the next start, which costs little.
 bool CDataBaseAgent::ApplyList() {
-    const uint32_t ulResult = m_pProtection->m_withdrawals.TakeList();
+    const auto isRunning = [this] { return m_queue.IsRunning(); };
+    const uint32_t ulResult = m_pProtection->m_withdrawals.TakeList(isRunning);
     m_bListRefused = ulResult == TARN_E_INVALIDARG;
     if (ulResult != TARN_OK) {
         return m_bListRefused;
     }
-    const std::vector<CacheMD5> &digests = m_pProtection->m_withdrawals.Digests();
+    const auto deleteDigests = [this](const std::vector<CacheMD5> &digests) { return DeleteDigests(digests); };
+    if (m_pProtection->m_withdrawals.IsTooLong() ? !DeleteLongList(isRunning, deleteDigests)
+                                                 : !DeleteDigests(m_pProtection->m_withdrawals.Digests())) {
+        return false;
+    }
+    m_pProtection->m_withdrawals.ListDone();
+    return true;
+}
+
+bool CDataBaseAgent::DeleteDigests(const std::vector<CacheMD5> &digests) {
     for (size_t nDone = 0; nDone < digests.size(); nDone += kBatchSize) {
         if (!m_queue.IsRunning()) {
             return false;
@@ -129,7 +167,6 @@ bool CDataBaseAgent::ApplyList() {
             return false;
         }
     }
-    m_pProtection->m_withdrawals.ListDone();
     return true;
 }
 

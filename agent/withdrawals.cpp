@@ -10,6 +10,7 @@
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
+constexpr size_t kMostDigests = 1000000; // kept in memory, 16 MB
 
 bool IsLess(const CacheMD5 &first, const CacheMD5 &second) {
     return std::tie(first.liHighMD5, first.liLowMD5) < std::tie(second.liHighMD5, second.liLowMD5);
@@ -49,7 +50,7 @@ void CWithdrawals::EngineDone() {
 // 2. It is read. A list that is none goes back where it was; its marker was never touched.
 // 3. The marker goes. After a crash before this, the next start finds the list set aside and the marker without a list,
 //    and comes here again.
-uint32_t CWithdrawals::TakeList() {
+uint32_t CWithdrawals::TakeList(const std::function<bool()> &isRunning) {
     if (m_eList == EList::Read) {
         return TARN_OK;
     }
@@ -57,12 +58,12 @@ uint32_t CWithdrawals::TakeList() {
         TARN_LOG_ERROR("[%s][cache] the list of digests cannot be set aside.");
         return TARN_E_FAIL;
     }
-    const uint32_t ulResult = ReadDigests();
+    const uint32_t ulResult = ReadList(isRunning);
     if (ulResult == TARN_OK) {
         if (!IsFileThere(kUpdateCachePath)) {
             RemoveFile(kHashMarkerPath);
         }
-        m_eList = EList::Read;
+        m_eList = m_vecDigests.empty() ? EList::Unread : EList::Read;
     } else if (ulResult == TARN_E_INVALIDARG) {
         const bool bNewer = IsFileThere(kUpdateCachePath); // has taken its place
         if (!bNewer) {
@@ -74,25 +75,26 @@ uint32_t CWithdrawals::TakeList() {
     return ulResult;
 }
 
-uint32_t CWithdrawals::ReadDigests() {
-    CUpdateListText list;
-    switch (list.Read(kListTakenPath)) {
+// TARN_OK without digests: there are too many.
+uint32_t CWithdrawals::ReadList(const std::function<bool()> &isRunning) {
+    CUpdateListFile list(isRunning);
+    switch (list.Open(kListTakenPath)) {
     case TARN_OK:
         break;
     case TARN_NOT_CACHED: // no descriptor or no memory is left: for the moment, and no fault of the list
     case TARN_E_OUTOFMEMORY:
+    case TARN_E_ABORT:
         return TARN_E_FAIL;
     default:
         return TARN_E_INVALIDARG;
     }
     m_vecDigests.clear();
-    CDigestLines lines(list.Digests());
-    char szDigest[kDigestTextSize] = {};
-    while (lines.Next(szDigest)) {
-        TARN_LOG_INFO("[%s]will clean cache md5: %s", szDigest);
-        if (CacheMD5 md5 = {}; ParseDigest(szDigest, md5)) {
-            m_vecDigests.push_back(md5);
-        }
+    if (!ReadDigests(list.Digests(), kMostDigests, m_vecDigests)) {
+        return TARN_E_FAIL;
+    }
+    if (m_vecDigests.size() == kMostDigests) {
+        m_vecDigests = std::vector<CacheMD5>();
+        return TARN_OK;
     }
     std::sort(m_vecDigests.begin(), m_vecDigests.end(), IsLess);
     // A text deciphered with a wrong key may by chance begin like a version line, but it holds no digest.

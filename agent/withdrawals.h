@@ -8,6 +8,7 @@
 #include "util/cache_record.h"
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -37,15 +38,18 @@ class CWithdrawals {
     // Sets the list aside where that has not happened and reads it into force. TARN_OK; TARN_E_INVALIDARG: it is none
     // and not in force, and is back in its place unless a newer one is there; TARN_E_FAIL: it could not be read and
     // withdraws everything.
-    [[nodiscard]] uint32_t TakeList();
+    // isRunning: as with CUpdateListFile.
+    [[nodiscard]] uint32_t TakeList(const std::function<bool()> &isRunning);
     [[nodiscard]] const std::vector<CacheMD5> &Digests() const { return m_vecDigests; }
+    // A list of more digests than are kept in memory goes on withdrawing everything until it is done.
+    [[nodiscard]] bool IsTooLong() const { return m_eList == EList::Unread; }
     // Its deletions are committed. Another list that came meanwhile is then in force.
     void ListDone();
 
   private:
     enum class EList { None, Unread, Read };
 
-    uint32_t ReadDigests();
+    uint32_t ReadList(const std::function<bool()> &isRunning);
 
     std::atomic<bool> m_bEngine = false;
     std::atomic<EList> m_eList = EList::None;

@@ -1,11 +1,11 @@
 #include "formats/update_list.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
 constexpr size_t kBlockSize = 256; // bytes after which the key stream begins anew
+constexpr int kEnd = -1;
 
 } // namespace
 
@@ -17,29 +17,49 @@ void CipherUpdateList(char *pList, size_t nSize,
     }
 }
 
-char *SplitVersionLine(char *pszText, char (&szVersionId)[kVersionIdSize]) {
-    char *pszColon = std::strchr(pszText, ':');
-    char *pszLineEnd = std::strchr(pszText, '\n');
-    if (pszColon == nullptr || pszLineEnd == nullptr || pszColon > pszLineEnd) {
-        return nullptr;
+int CListText::Next() {
+    if (m_rest.empty() && !m_bEnd) {
+        const std::optional<std::string_view> piece = m_source();
+        m_bBrokenOff = !piece.has_value();
+        m_rest = piece.value_or(std::string_view());
     }
-    const char *pszId = pszColon + 1;
-    auto nLength = static_cast<size_t>(pszLineEnd - pszId);
-    if (nLength > 0 && pszId[nLength - 1] == '\r') {
-        --nLength;
+    m_bEnd = m_bEnd || m_rest.empty() || m_rest.front() == '\0';
+    if (m_bEnd) {
+        return kEnd;
     }
-    nLength = std::min(nLength, kVersionIdSize - 1);
-    std::memcpy(szVersionId, pszId, nLength);
-    szVersionId[nLength] = '\0';
-    return pszLineEnd + 1;
+    const int iChar = static_cast<unsigned char>(m_rest.front());
+    m_rest.remove_prefix(1);
+    return iChar;
 }
 
-bool CDigestLines::Next(char (&szDigest)[kDigestTextSize]) {
-    const char *pszLine = m_pszNext + std::strspn(m_pszNext, "\n");
-    const size_t nLineLength = std::strcspn(pszLine, "\n");
-    m_pszNext = pszLine + nLineLength;
-    const size_t nLength = std::min(nLineLength, kMD5Digits);
-    std::memcpy(szDigest, pszLine, nLength);
+bool CListText::ReadVersion(char (&szVersionId)[kVersionIdSize]) {
+    bool bColon = false;
+    size_t nLength = 0; // of the ID, all of it
+    int iLast = 0;
+    int iChar = Next();
+    for (; iChar != '\n' && iChar != kEnd; iChar = Next()) {
+        if (bColon) {
+            szVersionId[std::min(nLength++, kVersionIdSize - 1)] = static_cast<char>(iChar);
+            iLast = iChar;
+        }
+        bColon = bColon || iChar == ':';
+    }
+    nLength -= iLast == '\r' ? 1 : 0;
+    szVersionId[std::min(nLength, kVersionIdSize - 1)] = '\0';
+    return bColon && iChar == '\n';
+}
+
+bool CListText::NextDigest(char (&szDigest)[kDigestTextSize]) {
+    int iChar = Next();
+    while (iChar == '\n') {
+        iChar = Next();
+    }
+    size_t nLength = 0;
+    for (; iChar != '\n' && iChar != kEnd; iChar = Next()) {
+        if (nLength < kMD5Digits) {
+            szDigest[nLength++] = static_cast<char>(iChar);
+        }
+    }
     szDigest[nLength] = '\0';
     return nLength > 0;
 }

@@ -9,6 +9,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <string_view>
+#include <utility>
 
 constexpr uint64_t kMaxUpdateListSize = 4294967295; // bytes; a 32-bit size
 constexpr size_t kVersionIdSize = 100;              // bytes with the NUL; a longer ID is cut
@@ -19,18 +22,31 @@ constexpr size_t kDigestTextSize = kMD5Digits + 1;  // with the NUL
 void CipherUpdateList(char *pList, size_t nSize,
                       const std::function<void(unsigned char *pBlock, size_t nBytes)> &cipherBlock);
 
-// Splits off the version line: copies its ID into szVersionId and returns the text behind it; null without such a line.
-[[nodiscard]] char *SplitVersionLine(char *pszText, char (&szVersionId)[kVersionIdSize]);
-
-// Walks over the digest lines of a text, which it leaves alone.
-class CDigestLines {
+// Reads the text of a list, which may come in pieces.
+class CListText {
   public:
-    explicit CDigestLines(const char *pszText) : m_pszNext(pszText) {}
+    // Gives the next piece, which stays until the next call. Empty: there is no more. None: it was broken off.
+    using Source = std::function<std::optional<std::string_view>()>;
+
+    explicit CListText(Source source) : m_source(std::move(source)) {}
+    explicit CListText(std::string_view text) : m_source([] { return std::string_view(); }), m_rest(text) {}
+
+    // Reads the first line. False when it is no version line.
+    [[nodiscard]] bool ReadVersion(char (&szVersionId)[kVersionIdSize]);
     // Copies the next non-empty line's first 32 characters; false at the end.
-    bool Next(char (&szDigest)[kDigestTextSize]);
+    [[nodiscard]] bool NextDigest(char (&szDigest)[kDigestTextSize]);
+    // What was read last may then be cut.
+    [[nodiscard]] bool IsBrokenOff() const { return m_bBrokenOff; }
+    // What is left of the present piece.
+    [[nodiscard]] std::string_view Rest() const { return m_rest; }
 
   private:
-    const char *m_pszNext;
+    int Next(); // a character, or -1
+
+    Source m_source;
+    std::string_view m_rest;
+    bool m_bEnd = false;
+    bool m_bBrokenOff = false;
 };
 
 #endif

@@ -27,16 +27,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
     ParseMemToChar(vecText.data(), vecText.size());
     Require(std::equal(vecText.begin(), vecText.end(), strPlain.begin(), strPlain.end()));
 
-    vecText.push_back('\0');
+    // In pieces of any size the text reads as it does whole.
+    const size_t nPiece = nSize == 0 ? 1 : 1 + pData[0] % 70U;
+    std::string_view left = strPlain;
+    CListText pieces([&left, nPiece] {
+        const std::string_view piece = left.substr(0, nPiece);
+        left.remove_prefix(piece.size());
+        return piece;
+    });
+    CListText whole{std::string_view(strPlain)};
     char szVersionId[kVersionIdSize] = {};
-    char *pszDigests = SplitVersionLine(vecText.data(), szVersionId);
-    if (pszDigests == nullptr) {
+    char szSameId[kVersionIdSize] = {};
+    const bool bVersion = whole.ReadVersion(szVersionId);
+    Require(pieces.ReadVersion(szSameId) == bVersion && std::string_view(szVersionId) == szSameId);
+    if (!bVersion) {
         return 0;
     }
-    Require(szVersionId[kVersionIdSize - 1] == '\0');
-    CDigestLines lines(pszDigests);
     char szDigest[kDigestTextSize] = {};
-    while (lines.Next(szDigest)) {
+    char szSame[kDigestTextSize] = {};
+    while (whole.NextDigest(szDigest)) {
+        Require(pieces.NextDigest(szSame) && std::string_view(szDigest) == szSame);
         const std::string strDigest(szDigest);
         Require(strDigest.size() < kDigestTextSize && strPlain.find(strDigest) != std::string::npos);
         CacheMD5 md5 = {};
@@ -45,5 +55,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
             std::all_of(strDigest.begin(), strDigest.end(), [](unsigned char ch) { return std::isxdigit(ch) != 0; });
         Require(ParseDigest(szDigest, md5) == bHex);
     }
+    Require(!pieces.NextDigest(szSame) && !pieces.IsBrokenOff());
     return 0;
 }

@@ -6,7 +6,14 @@
 namespace fs = std::filesystem;
 
 namespace {
-std::function<void()> g_onYield; // the list's reader yields after each digest
+std::function<void()> g_onYield;     // the list's reader yields after each digest
+std::atomic<uint64_t> g_ullRead = 0; // bytes asked for in requests of 60 KB and more
+} // namespace
+
+extern "C" size_t fread(void *pBuffer, size_t nSize, size_t nCount, FILE *pFile) {
+    static const auto pRead = reinterpret_cast<decltype(&fread)>(dlsym(RTLD_NEXT, "fread"));
+    g_ullRead += nSize * nCount >= 60000 ? nSize * nCount : 0;
+    return pRead(pBuffer, nSize, nCount, pFile);
 }
 
 extern "C" unsigned int sleep(unsigned int) {
@@ -145,6 +152,11 @@ TEST_F(Invalidation, WhatIsNoReadableListIsLeftOrRemovedByName) {
         {[this] { return mkfifo(m_strList.c_str(), 0600); }, {strFailed + "0004005"}},
         {[this] { return truncate(m_install.WriteFile("engine/kelmorehash/update_cache.dat").c_str(), 1L << 32); },
          {strFailed + "0004005"}}, // a byte too long
+        {[this] {
+             const std::string strText = Encipher("no version\n");
+             return truncate(m_install.WriteFile("engine/kelmorehash/update_cache.dat", strText).c_str(), UINT32_MAX);
+         },
+         {strFunction + "ParseToGetVersionID() failed", strFailed + "0070057"}},
         {[this] { return mknod(m_strList.c_str(), S_IFSOCK | 0600, 0); },
          {strFunction + "fopen " + m_strList + " failed"}},
     };
@@ -153,9 +165,11 @@ TEST_F(Invalidation, WhatIsNoReadableListIsLeftOrRemovedByName) {
         fs::remove(m_strList);
         ASSERT_EQ(place(), 0);
         RecordedLog::Clear();
+        g_ullRead = 0;
         const bool bStays = vecLines.back().find(strFailed) == 0;
         EXPECT_EQ(m_pAgent->CheckDeleteFrepCacheRecords(), bStays ? TARN_E_FAIL : TARN_OK);
         EXPECT_EQ(RecordedLog::Texts(2), vecLines);
+        EXPECT_LE(g_ullRead, 65536U);   // of four billion bytes
         EXPECT_EQ(HasMarker(), bStays); // what cannot even be opened counts as done
         fs::remove(m_strList);
     }
@@ -181,7 +195,12 @@ TEST_F(Invalidation, ALongListIsCutIntoBatchesAndAFailedOneIsRolledBackAlone) {
 }
 
 TEST_F(Invalidation, ShutDownEndsTheReadingKeepsTheListAndDeletesWhatWasRead) {
-    StartWithRows(2500);
+    StartWithRows(1500);
+    std::string strList = "engine:1.2\n";
+    for (int i = 1; i <= 1500; ++i) {
+        strList += DigestText(i) + "\n";
+    }
+    LeaveList(m_install, strList + std::string(1 << 20, 'x')); // a long line behind them
     std::atomic<int> nRead = 0;
     std::atomic<bool> bStopping = false;
     g_onYield = [&] {
@@ -193,11 +212,13 @@ TEST_F(Invalidation, ShutDownEndsTheReadingKeepsTheListAndDeletesWhatWasRead) {
     WatchBatches();
     ASSERT_EQ(Start(0), TARN_OK);
     ASSERT_TRUE(WaitFor([&] { return nRead == 1500; }));
+    g_ullRead = 0;
     g_onJoin = [&] { bStopping = true; };
     EXPECT_EQ(Stop(), TARN_OK);
-    m_vecBatches.resize(2); // later ones belong to the end
+    EXPECT_EQ(g_ullRead, 0U); // nothing more
+    m_vecBatches.resize(2);   // later ones belong to the end
     EXPECT_EQ(m_vecBatches, (Texts{"1000 commit;", "500 commit;"}));
-    EXPECT_EQ(Rows(), 1001);
+    EXPECT_EQ(Rows(), 1);
     EXPECT_TRUE(HasMarker());
     EXPECT_TRUE(Exists(m_strList));
     EXPECT_EQ(RecordedLog::Texts(2).back(),

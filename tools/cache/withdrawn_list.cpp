@@ -9,10 +9,10 @@
 
 namespace {
 
-bool HoldsDigest(const char *pszText) {
-    CDigestLines lines(pszText);
+bool HoldsDigest(std::string_view text) {
+    CListText lines(text);
     char szDigest[kDigestTextSize] = {};
-    while (lines.Next(szDigest)) {
+    while (lines.NextDigest(szDigest)) {
         if (IsMD5Text(szDigest)) {
             return true;
         }
@@ -43,10 +43,9 @@ EReadFile ReadPendingList(const CInstallRoot &root, std::string &strDigests, std
     EncipherList(strKey, strDigests);
     strDigests.resize(std::strlen(strDigests.c_str())); // a NUL ends the list
     char szVersionId[kVersionIdSize] = {};
-    const char *pszDigests = SplitVersionLine(strDigests.data(), szVersionId);
-    strDigests.erase(0,
-                     pszDigests == nullptr ? std::string::npos : static_cast<size_t>(pszDigests - strDigests.data()));
-    if (HoldsDigest(strDigests.c_str())) {
+    CListText text(strDigests);
+    strDigests.erase(0, text.ReadVersion(szVersionId) ? strDigests.size() - text.Rest().size() : std::string::npos);
+    if (HoldsDigest(strDigests)) {
         return EReadFile::Read;
     }
     strError = UnfitListText(root);
