@@ -92,6 +92,7 @@ uint32_t CDataBaseAgent::StartDatabase() {
 
 // Makes nothing, so it needs no free space, and a table that is missing or different is not made anew.
 uint32_t CDataBaseAgent::StartReader() {
+    const CBusyDeadline deadline(true); // a running cache may be writing
     uint32_t ulResult = CreateLocks();
     ulResult = ulResult != TARN_OK ? ulResult : ReadExistingDBConfig(&m_config);
     if (ulResult == TARN_E_FAIL) {

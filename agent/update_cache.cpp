@@ -104,7 +104,7 @@ uint32_t CDataBaseAgent::DeleteCacheRecordsByFileMD5() {
 }
 
 uint32_t CDataBaseAgent::ParseAndDeleteCacheRecordsByFileMD5(char *text) {
-    CListText lines{std::string_view(text)};
+    CListText lines = CListText(std::string_view(text));
     return DeleteListed(
         lines, [this] { return m_queue.IsRunning(); }, [this](std::vector<CacheMD5> &batch) { ApplyBatch(batch); });
 }

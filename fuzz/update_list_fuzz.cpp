@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
         left.remove_prefix(piece.size());
         return piece;
     });
-    CListText whole{std::string_view(strPlain)};
+    CListText whole = CListText(std::string_view(strPlain));
     char szVersionId[kVersionIdSize] = {};
     char szSameId[kVersionIdSize] = {};
     const bool bVersion = whole.ReadVersion(szVersionId);
