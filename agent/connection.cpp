@@ -25,19 +25,19 @@ bool CConnection::Open(const std::string &strPath) {
 }
 
 uint32_t CConnection::OpenForReading(const std::string &strPath) {
-    // The file is opened by the first question, so that one is asked here.
-    if (sqlite3_open_v2(strPath.c_str(), &m_pDB, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-        sqlite3_busy_timeout(m_pDB, kBusyTimeoutMs) == SQLITE_OK &&
-        sqlite3_exec(m_pDB, "select count(*) from sqlite_master;", nullptr, nullptr, nullptr) == SQLITE_OK) {
-        if (HasUsableMode()) {
-            CBusyDeadline::Attach(m_pDB);
-            return TARN_OK;
-        }
-        Abandon();
-        return TARN_E_FAIL;
+    bool bOpened = sqlite3_open_v2(strPath.c_str(), &m_pDB, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK;
+    if (bOpened) {
+        CBusyDeadline::Attach(m_pDB);
+        // The file is opened by the first question, so that one is asked here.
+        bOpened = sqlite3_exec(m_pDB, "select count(*) from sqlite_master;", nullptr, nullptr, nullptr) == SQLITE_OK;
     }
-    TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] %s cannot be read, err:%s.", strPath.c_str(),
-                m_pDB != nullptr ? sqlite3_errmsg(m_pDB) : sqlite3_errstr(SQLITE_NOMEM));
+    if (!bOpened) {
+        TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] %s cannot be read, err:%s.", strPath.c_str(),
+                    m_pDB != nullptr ? sqlite3_errmsg(m_pDB) : sqlite3_errstr(SQLITE_NOMEM));
+    }
+    if (bOpened && HasUsableMode()) {
+        return TARN_OK;
+    }
     Abandon();
     return TARN_E_FAIL;
 }

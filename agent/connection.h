@@ -25,7 +25,7 @@ class TARN_API CConnection {
 
     // Opens the file, making it when it is missing. False: the connection only reports its error; Abandon it.
     [[nodiscard]] bool Open(const std::string &strPath);
-    // Opens a file that is there, for reading alone, and waits up to the usual time-out for one that is being written.
+    // Opens a file that is there, for reading alone; the caller's CBusyDeadline says how long it waits for a writer.
     // TARN_OK; TARN_E_FAIL (closed again).
     [[nodiscard]] uint32_t OpenForReading(const std::string &strPath);
     // Sets the page cache (SQLite pages) and prepares commit and rollback. TARN_OK; TARN_E_FAIL (closed again).

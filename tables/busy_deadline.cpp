@@ -1,31 +1,36 @@
 #include "tables/busy_deadline.h"
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <sqlite3.h>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Nanoseconds = std::chrono::nanoseconds;
 
-thread_local Clock::time_point t_deadline; // the clock's zero: none is set
+constinit thread_local Nanoseconds::rep t_liDeadline = 0; // on the steady clock; 0: none is set
+
+Nanoseconds Now() noexcept {
+    return std::chrono::steady_clock::now().time_since_epoch();
+}
 
 } // namespace
 
 CBusyDeadline::CBusyDeadline(bool bWanted, int iMilliseconds) noexcept : m_bSets(bWanted && !IsSet()) {
     if (m_bSets) {
-        t_deadline = Clock::now() + std::chrono::milliseconds(iMilliseconds);
+        t_liDeadline = (Now() + std::chrono::milliseconds(iMilliseconds)).count();
     }
 }
 
 CBusyDeadline::~CBusyDeadline() {
     if (m_bSets) {
-        t_deadline = {};
+        t_liDeadline = 0;
     }
 }
 
 bool CBusyDeadline::IsSet() noexcept {
-    return t_deadline != Clock::time_point();
+    return t_liDeadline != 0;
 }
 
 void CBusyDeadline::Attach(sqlite3 *pDB) {
@@ -34,12 +39,12 @@ void CBusyDeadline::Attach(sqlite3 *pDB) {
 
 // SQLite calls it while it holds the connection's mutex; 1: it tries again.
 int CBusyDeadline::OnBusy(void *, int nCalls) noexcept {
-    constexpr std::chrono::nanoseconds kLongestPause = std::chrono::milliseconds(25);
-    const std::chrono::nanoseconds remaining = t_deadline - Clock::now(); // negative without a deadline
+    constexpr Nanoseconds kLongestPause = std::chrono::milliseconds(25);
+    const Nanoseconds remaining = Nanoseconds(t_liDeadline) - Now(); // negative without a deadline
     if (remaining.count() <= 0) {
         return 0;
     }
-    const std::chrono::nanoseconds step = std::chrono::milliseconds(1 + std::min(nCalls, 100));
+    const Nanoseconds step = std::chrono::milliseconds(1 + std::min(nCalls, 100));
     const timespec pause = {0, static_cast<long>(std::min({remaining, step, kLongestPause}).count())};
     (void)nanosleep(&pause, nullptr);
     return 1;

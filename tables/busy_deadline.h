@@ -6,8 +6,6 @@
 
 #include "tables/statement.h"
 
-#include <chrono>
-
 // As long as it lives, this thread's statements wait until the deadline, all of them together, and then find the
 // database busy at once. Inside another one it changes nothing: the outer deadline counts.
 class CBusyDeadline {

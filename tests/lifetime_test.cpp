@@ -147,6 +147,12 @@ TEST_F(Lifetime, WithoutATimerTheWriterEndsAfterTheMarkers) {
     EXPECT_EQ(RecordedLog::Count("[UpdateRecords]Start timer failed"), 2U);
 }
 
+TEST_F(Lifetime, AWriterThatFailedTakesNoMoreAdditions) {
+    TestLoop::s_iDueCallbacks = -1; // throws
+    ASSERT_EQ(Start(0), TARN_OK);
+    EXPECT_TRUE(WaitFor([this] { return Add(m_install.Config()) == TARN_E_FAIL; }));
+}
+
 TEST_F(Lifetime, TheWriterCountsItsStartAndWritesWithinASecond) {
     Configure("expiretime=99999999999\ndbquerycounts=3\n");
     ASSERT_EQ(Start(0), TARN_OK);

@@ -1,6 +1,8 @@
 // The start for questions alone.
 #include "tests/cache_fixture.h"
 
+#include <thread>
+
 namespace fs = std::filesystem;
 
 class Reader : public CCacheTest {
@@ -72,7 +74,15 @@ TEST_F(Reader, WorksBesideAWriterOfAnotherProcess) {
     ASSERT_EQ(LocalCacheInitReader(), TARN_OK);
     EXPECT_EQ(Lookup(m_strFile), TARN_OK);
     EXPECT_TRUE(other.Run("commit")); // nothing of the reader's is in its way
-    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
+    ASSERT_EQ(LocalCacheUnInit(), TARN_OK);
+    for (const bool bStart : {true, false}) { // what meets a lock waits
+        ASSERT_TRUE(other.Run("begin exclusive"));
+        const std::jthread release([&other] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            EXPECT_TRUE(other.Run("commit"));
+        });
+        EXPECT_EQ(bStart ? LocalCacheInitReader() : Lookup(m_strFile), TARN_OK) << bStart;
+    }
 }
 
 TEST_F(Reader, LeavesWhatItCannotReadAsItIs) {

@@ -124,6 +124,9 @@ void cl_event_loop_once(void) {
 }
 
 int cl_ev_cb_count(void) {
+    if (TestLoop::s_iDueCallbacks < 0) {
+        throw std::bad_alloc();
+    }
     return TestLoop::s_iDueCallbacks;
 }
 

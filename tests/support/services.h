@@ -34,7 +34,7 @@ struct TestLoop {
         s_bFailTimers = s_bFire = false;
     }
     static inline std::atomic<int> s_iThreadError = 0;  // of the next threads; 0: they start
-    static inline std::atomic<int> s_iDueCallbacks = 0; // what the loop says is still to run
+    static inline std::atomic<int> s_iDueCallbacks = 0; // what the loop says is still to run; below 0: throws
     static inline std::atomic<bool> s_bFailTimers = false;
     static inline std::atomic<bool> s_bFire = false;     // runs the callback in the next turn of the timer's loop
     static inline std::atomic<uint64_t> s_ullPeriod = 0; // of the running timer, 0 without one
