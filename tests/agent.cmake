@@ -6,7 +6,7 @@ foreach(name IN ITEMS lifetime_test queues_test batching_test cleaning_test host
 endforeach()
 
 # Under faults: with the bundled base services, and in children of a process that does not use the library itself.
-add_executable(faults_test faults_test.cpp support/faults.cpp)
+add_executable(faults_test faults_test.cpp)
 target_link_libraries(faults_test PRIVATE tarn_temp_install tarncache tarncore GTest::gtest tarn_warnings tarn_settings)
 set_target_properties(faults_test PROPERTIES ENABLE_EXPORTS ON RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
 gtest_discover_tests(faults_test DISCOVERY_MODE PRE_TEST)

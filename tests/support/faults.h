@@ -1,25 +1,109 @@
-// faults.h - the n-th file operation of SQLite or the n-th allocation fails, in a child process. Linked into a test
-// program, this stands in front of malloc, fsync and SQLite's file system.
+// faults.h - the n-th system call of SQLite or the n-th allocation of anybody fails, in a child process that suffers
+// it. Included once per test program, whose malloc and fdatasync this replaces.
 #ifndef TARN_TESTS_SUPPORT_FAULTS_H
 #define TARN_TESTS_SUPPORT_FAULTS_H
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <cstdint>
+#include <csignal>
 #include <functional>
+#include <new>
+#include <sqlite3.h>
 #include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
-namespace Faults {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define REAL(Name) __interceptor_##Name
+#else
+#define REAL(Name) __libc_##Name
+#endif
+extern "C" void *REAL(malloc)(size_t), *REAL(calloc)(size_t, size_t), *REAL(realloc)(void *, size_t);
+extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
-enum class EKind { None, File, Kill, Memory }; // Kill: SIGKILL before the file operation
+enum class EFault { None, File, Kill, Memory }; // Kill: SIGKILL before the system call
 
-void Install(); // before SQLite is used
-// Counts the calls of this kind in nPoints; the nAt-th fails, with bForEver each later one too.
-void Arm(EKind eKind, uint64_t nAt, bool bForEver, std::atomic<uint64_t> &nPoints);
-// Runs body in a child. "", or how it ended: "killed" (as it is when the time is up), "signal 6", "status 1" (leaks).
-std::string RunInChild(const std::function<void()> &body, std::chrono::microseconds limit = std::chrono::minutes(1));
+// Which call fails: the nAt-th of this kind, with bForEver each later one too. They are counted in *pPoints.
+struct _FaultPlan {
+    EFault eKind = EFault::None;
+    uint64_t nAt = 0;
+    bool bForEver = false;
+    std::atomic<uint64_t> *pPoints = nullptr;
+};
+inline _FaultPlan g_plan;
 
-extern const bool kSanitized;
-} // namespace Faults
+inline bool IsDue(bool bMemory) {
+    if (g_plan.eKind == EFault::None || (g_plan.eKind == EFault::Memory) != bMemory) {
+        return false;
+    }
+    const uint64_t nPoint = ++*g_plan.pPoints;
+    const bool bDue = nPoint == g_plan.nAt || (g_plan.bForEver && nPoint > g_plan.nAt);
+    if (bDue && g_plan.eKind == EFault::Kill) {
+        (void)raise(SIGKILL);
+    }
+    errno = !bDue ? errno : bMemory ? ENOMEM : g_plan.nAt % 2 == 0 ? ENOSPC : EIO;
+    return bDue;
+}
+
+template <int iCall, typename Result, typename... Arguments> void PutInFront(const char *pszSystemCall) {
+    static sqlite3_syscall_ptr s_pReal = nullptr;
+    sqlite3_vfs *pVfs = sqlite3_vfs_find(nullptr);
+    s_pReal = pVfs->xGetSystemCall(pVfs, pszSystemCall);
+    Result (*const pOurs)(Arguments...) = [](Arguments... arguments) {
+        return IsDue(false) ? Result{-1} : reinterpret_cast<Result (*)(Arguments...)>(s_pReal)(arguments...);
+    };
+    (void)pVfs->xSetSystemCall(pVfs, pszSystemCall, reinterpret_cast<sqlite3_syscall_ptr>(pOurs));
+}
+
+inline void PutInFrontOfSQLite() {
+    PutInFront<0, int, const char *, int, int>("open");
+    PutInFront<1, int, int, int, void *>("fcntl");
+    PutInFront<2, int, int, struct stat *>("fstat");
+    PutInFront<3, int, int, off_t>("ftruncate");
+    PutInFront<4, int, const char *>("unlink");
+    PutInFront<5, ssize_t, int, void *, size_t, off_t>("pread64");
+    PutInFront<6, ssize_t, int, const void *, size_t, off_t>("pwrite64");
+}
+
+extern "C" {
+int fdatasync(int) {
+    return IsDue(false) ? -1 : 0; // a kill takes nothing from the kernel, and thousands of runs have no time
+}
+void *malloc(size_t nBytes) {
+    return IsDue(true) ? nullptr : REAL(malloc)(nBytes);
+}
+void *calloc(size_t nCount, size_t nBytes) {
+    return IsDue(true) ? nullptr : REAL(calloc)(nCount, nBytes);
+}
+void *realloc(void *pMemory, size_t nBytes) {
+    return IsDue(true) ? nullptr : REAL(realloc)(pMemory, nBytes);
+}
+const char *__asan_default_options() {
+    return "alloc_dealloc_mismatch=0"; // operator new below
+}
+}
+void *operator new(size_t nBytes) {
+    void *pMemory = malloc(nBytes);
+    return pMemory != nullptr ? pMemory : throw std::bad_alloc();
+}
+
+// Runs body in a child of this process and kills it after that time. "", or how it ended: "signal 9", "status 1".
+inline std::string RunInChild(const std::function<void()> &body, std::chrono::microseconds time) {
+    const pid_t child = fork();
+    if (child == 0) {
+        std::thread([time] { std::this_thread::sleep_for(time), (void)kill(getpid(), SIGKILL); }).detach();
+        body();
+        g_plan = {};
+        _exit(__lsan_do_recoverable_leak_check != nullptr ? __lsan_do_recoverable_leak_check() : 0);
+    }
+    int iStatus = -1;
+    (void)waitpid(child, &iStatus, 0);
+    return iStatus == 0           ? ""
+           : WIFSIGNALED(iStatus) ? "signal " + std::to_string(WTERMSIG(iStatus))
+                                  : "status " + std::to_string(WEXITSTATUS(iStatus));
+}
 
 #endif
