@@ -1,6 +1,8 @@
-// One scenario, from start to shut-down with the key "protect", under every kind of fault. What a fault cost is judged
-// afterwards: by a start without one, by another connection, and by the files that are left. TARN_TEST_LENGTH: the
-// share of the points, kills and damages in percent.
+// faults_fixture.h - one scenario, from start to shut-down with the key "protect", for every kind of fault. What a fault
+// cost is judged afterwards: by a start without one, by another connection, and by the files that are left.
+#ifndef TARN_TESTS_FAULTS_FIXTURE_H
+#define TARN_TESTS_FAULTS_FIXTURE_H
+
 #include "tests/agent_fixture.h"
 #include "tests/support/faults.h"
 
