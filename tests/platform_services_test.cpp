@@ -6,7 +6,16 @@
 
 #include <csignal>
 #include <cstring>
+#include <new>
+#include <sys/resource.h>
 #include <unistd.h>
+
+static bool g_bNoMemory = false;
+
+// The timers' only allocation.
+void *operator new(size_t nSize, const std::nothrow_t &) noexcept {
+    return g_bNoMemory ? nullptr : operator new(nSize);
+}
 
 class PlatformServices : public PlatformTest {
   protected:
@@ -154,6 +163,13 @@ void *PlatformServices::InIsolation(void *pForeignTimer) {
 
 TEST_F(PlatformServices, ATimerRepeatsOnItsOwnThreadUntilStopped) {
     int nFired = 0;
+    g_bNoMemory = true;
+    EXPECT_EQ(cl_timerplus_start(0, 5, CountUp, &nFired, 0, 0), nullptr);
+    g_bNoMemory = false;
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none = {0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0); // a host without a descriptor left has timers all the same
     cl_timerplus *pTimer = cl_timerplus_start(0, 5, CountUp, &nFired, 0, 0);
     ASSERT_NE(pTimer, nullptr);
     pthread_t thread;
@@ -175,4 +191,5 @@ TEST_F(PlatformServices, ATimerRepeatsOnItsOwnThreadUntilStopped) {
     cl_event_loop_once();
     EXPECT_EQ(nFired, 2);
     cl_timerplus_close(pTimer);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 }

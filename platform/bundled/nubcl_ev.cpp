@@ -1,143 +1,82 @@
 #include "platform/nubcl_ev.h"
 
+#include "support/call_guard.h"
+
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <thread>
 #include <type_traits>
-#include <unistd.h>
-#include <uv.h>
 
+// A list of times and a sleep. There is nothing but timers to wait for, and so there is nothing that a host without
+// descriptors could lack: a timer takes one small piece of memory, and whoever cannot have it is told. Libraries take
+// two descriptors or more for each loop; some of them end the process when there are none.
 namespace {
 
-class CThreadLoop;
+using Clock = std::chrono::steady_clock;
+
+constexpr uint64_t kLongestPeriod = uint64_t{1} << 40U; // milliseconds, 35 years: no sum of times overflows
 
 struct _Timer {
     cl_timerplus head; // first: callers hold its address
-    uv_timer_t handle;
+    _Timer *pNext;
     cl_timerplus_cb pCallback;
-    CThreadLoop *pOwner;
+    std::chrono::milliseconds period;
+    Clock::time_point due; // the next callback
+    bool bStopped;
 };
 static_assert(std::is_standard_layout_v<_Timer>, "the head's address has to be the record's");
 
-_Timer *RecordOf(cl_timerplus *timer) {
-    return reinterpret_cast<_Timer *>(timer);
-}
-uv_handle_t *HandleOf(_Timer *pTimer) {
-    return reinterpret_cast<uv_handle_t *>(&pTimer->handle);
-}
-void FreeRecord(uv_handle_t *pHandle) {
-    delete static_cast<_Timer *>(pHandle->data);
-}
-
-// One thread's loop, made by its first timer; a thread without timers costs nothing. Only its own thread touches it.
-class CThreadLoop {
-  public:
-    CThreadLoop() = default;
-    ~CThreadLoop();
-    CThreadLoop(const CThreadLoop &) = delete;
-    CThreadLoop &operator=(const CThreadLoop &) = delete;
-
-    void SetNoWait(bool bNoWait) noexcept { m_bNoWait = bNoWait; }
-    _Timer *StartTimer(uint64_t ullPeriod, cl_timerplus_cb pCallback, void *pUserData) noexcept;
-    void RunOnce() noexcept;
-    [[nodiscard]] int CountDue() noexcept;
-
-  private:
-    [[nodiscard]] bool Make() noexcept;
-    void FollowFork() noexcept;
-
-    uv_loop_t m_loop = {};
-    pid_t m_process = 0; // whose kernel objects the loop holds; 0 while there is no loop
-    bool m_bNoWait = false;
-    bool m_bRunning = false;
+struct _ThreadLoop {
+    _Timer *pFirst;
+    bool bNoWait;
+    bool bRunning;
 };
 
-thread_local CThreadLoop t_loop;
+// Plain data in the memory that a thread starts with: the first use of any other kind of thread-local object allocates,
+// and ends the process when it cannot.
+[[gnu::tls_model("initial-exec")]] constinit thread_local _ThreadLoop t_loop = {};
 
-CThreadLoop::~CThreadLoop() {
-    if (m_process == 0) {
-        return;
-    }
-    FollowFork();
-    uv_walk(
-        &m_loop,
-        [](uv_handle_t *pHandle, void *) {
-            if (uv_is_closing(pHandle) == 0) {
-                uv_close(pHandle, FreeRecord);
-            }
-        },
-        nullptr);
-    (void)uv_run(&m_loop, UV_RUN_DEFAULT); // only closings are left to run
-    (void)uv_loop_close(&m_loop);
-    m_process = 0;
-}
-
-bool CThreadLoop::Make() noexcept {
-    if (m_process == 0 && uv_loop_init(&m_loop) == 0) {
-        m_process = getpid();
-    }
-    return m_process != 0;
-}
-
-// A child shares the parent's poll descriptor until it gets its own.
-void CThreadLoop::FollowFork() noexcept {
-    const pid_t process = getpid();
-    if (m_process != process) {
-        (void)uv_loop_fork(&m_loop); // after a failure the timers stand still, and nothing else could be done
-        m_process = process;
+void FreeTimers(void *pLoop) {
+    auto &loop = *static_cast<_ThreadLoop *>(pLoop);
+    while (loop.pFirst != nullptr) {
+        const std::unique_ptr<_Timer> timer(loop.pFirst);
+        loop.pFirst = timer->pNext;
     }
 }
 
-_Timer *CThreadLoop::StartTimer(uint64_t ullPeriod, cl_timerplus_cb pCallback, void *pUserData) noexcept {
-    if (!Make()) {
-        return nullptr;
+// Frees the timers of a thread that ends. Made when the library is loaded, and never taken back.
+struct _EndOfThread {
+    _EndOfThread() noexcept : bMade(pthread_key_create(&key, FreeTimers) == 0) {}
+    [[nodiscard]] bool Watch(_ThreadLoop &loop) const noexcept { return bMade && pthread_setspecific(key, &loop) == 0; }
+
+    pthread_key_t key = 0;
+    bool bMade;
+};
+const _EndOfThread g_endOfThread;
+
+// The timer whose turn is next, null without one. Of equal times the older timer comes first.
+_Timer *NextTimer() noexcept {
+    _Timer *pNext = nullptr;
+    for (_Timer *pTimer = t_loop.pFirst; pTimer != nullptr; pTimer = pTimer->pNext) {
+        if (!pTimer->bStopped && (pNext == nullptr || pTimer->due <= pNext->due)) {
+            pNext = pTimer;
+        }
     }
-    FollowFork();
-    std::unique_ptr<_Timer> timer(new (std::nothrow) _Timer{{pUserData}, {}, pCallback, this});
-    if (timer == nullptr || uv_timer_init(&m_loop, &timer->handle) != 0) {
-        return nullptr;
-    }
-    _Timer *pTimer = timer.release(); // the loop knows the handle from here on, so only closing it frees the record
-    pTimer->handle.data = pTimer;
-    uv_update_time(&m_loop); // the loop's clock stands still between turns
-    const auto onTimer = [](uv_timer_t *pHandle) {
-        _Timer *pDue = static_cast<_Timer *>(pHandle->data);
-        pDue->pCallback(&pDue->head);
-    };
-    if (uv_timer_start(&pTimer->handle, onTimer, ullPeriod, ullPeriod) != 0) {
-        uv_close(HandleOf(pTimer), FreeRecord);
-        return nullptr;
-    }
-    return pTimer;
+    return pNext;
 }
 
-void CThreadLoop::RunOnce() noexcept {
-    if (m_process == 0 || m_bRunning) { // the loop cannot be entered twice
-        return;
+// Where this thread's list points to the timer; at null when the timer is not in it.
+_Timer **FindTimer(const cl_timerplus *pHead) noexcept {
+    _Timer **ppTimer = &t_loop.pFirst;
+    while (*ppTimer != nullptr && &(*ppTimer)->head != pHead) {
+        ppTimer = &(*ppTimer)->pNext;
     }
-    FollowFork();
-    m_bRunning = true;
-    (void)uv_run(&m_loop, m_bNoWait ? UV_RUN_NOWAIT : UV_RUN_ONCE); // tells only whether timers remain
-    m_bRunning = false;
-}
-
-int CThreadLoop::CountDue() noexcept {
-    if (m_process == 0) {
-        return 0;
-    }
-    uv_update_time(&m_loop);
-    int nDue = 0;
-    uv_walk(
-        &m_loop,
-        [](uv_handle_t *pHandle, void *pCount) {
-            if (uv_is_active(pHandle) != 0 && uv_timer_get_due_in(reinterpret_cast<uv_timer_t *>(pHandle)) == 0) {
-                ++*static_cast<int *>(pCount);
-            }
-        },
-        &nDue);
-    return nDue;
+    return ppTimer;
 }
 
 } // namespace
@@ -164,38 +103,60 @@ int cl_ev_create_isolated_thread(pthread_t *thread, int /*flags*/, void *(*entry
 }
 
 void cl_ev_loop_nowait(int on) {
-    t_loop.SetNoWait(on != 0);
+    t_loop.bNoWait = on != 0;
 }
 
 void cl_event_loop_once(void) {
-    t_loop.RunOnce();
+    if (t_loop.bRunning || NextTimer() == nullptr) {
+        return;
+    }
+    const CCancelGuard noCancel;
+    if (!t_loop.bNoWait) {
+        std::this_thread::sleep_until(NextTimer()->due);
+    }
+    // A callback may start, stop and close any timer, so the list is looked at afresh after each. A timer that has run
+    // is not due again in this turn.
+    const auto now = Clock::now();
+    t_loop.bRunning = true;
+    for (_Timer *pTimer = NextTimer(); pTimer != nullptr && pTimer->due <= now; pTimer = NextTimer()) {
+        pTimer->due = now + pTimer->period;
+        pTimer->pCallback(&pTimer->head);
+    }
+    t_loop.bRunning = false;
 }
 
 int cl_ev_cb_count(void) {
-    return t_loop.CountDue();
+    const auto now = Clock::now();
+    int nDue = 0;
+    for (const _Timer *pTimer = t_loop.pFirst; pTimer != nullptr; pTimer = pTimer->pNext) {
+        nDue += !pTimer->bStopped && pTimer->due <= now ? 1 : 0;
+    }
+    return nDue;
 }
 
 cl_timerplus *cl_timerplus_start(int /*flags*/, uint64_t periodMs, cl_timerplus_cb callback, void *userData,
                                  int /*reserved0*/, int /*reserved1*/) {
-    if (callback == nullptr || periodMs == 0) {
+    if (callback == nullptr || periodMs == 0 || !g_endOfThread.Watch(t_loop)) {
         return nullptr;
     }
-    _Timer *pTimer = t_loop.StartTimer(periodMs, callback, userData);
-    return pTimer == nullptr ? nullptr : &pTimer->head;
+    const std::chrono::milliseconds period(std::min(periodMs, kLongestPeriod));
+    auto *pTimer = new (std::nothrow) _Timer{{userData}, t_loop.pFirst, callback, period, Clock::now() + period, false};
+    if (pTimer == nullptr) {
+        return nullptr;
+    }
+    t_loop.pFirst = pTimer;
+    return &pTimer->head;
 }
 
 void cl_timerplus_stop(cl_timerplus *timer) {
-    if (timer != nullptr && RecordOf(timer)->pOwner == &t_loop) {
-        (void)uv_timer_stop(&RecordOf(timer)->handle);
+    if (_Timer *pTimer = *FindTimer(timer); pTimer != nullptr) {
+        pTimer->bStopped = true;
     }
 }
 
 void cl_timerplus_close(cl_timerplus *timer) {
-    if (timer == nullptr || RecordOf(timer)->pOwner != &t_loop) {
-        return;
-    }
-    uv_handle_t *pHandle = HandleOf(RecordOf(timer));
-    if (uv_is_closing(pHandle) == 0) {
-        uv_close(pHandle, FreeRecord);
+    _Timer **ppTimer = FindTimer(timer);
+    if (const std::unique_ptr<_Timer> closed(*ppTimer); closed != nullptr) {
+        *ppTimer = closed->pNext;
     }
 }
