@@ -3,7 +3,6 @@
 #include "support/whole_file.h"
 
 #include <algorithm>
-#include <sys/stat.h>
 
 namespace {
 
@@ -28,19 +27,15 @@ bool IsSameName(std::string_view first, std::string_view second) {
 
 } // namespace
 
-EKeyFile LoadKeyFile(const char *pszPath, std::string &strText, mode_t &mode) {
+_FileCheck LoadKeyFile(const char *pszPath, std::string &strText) {
     strText.clear();
-    const CDescriptor file = OpenForReading(AT_FDCWD, pszPath, ELastLink::Refuse);
-    struct stat status = {};
-    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
-        return EKeyFile::Unreadable;
+    CDescriptor file;
+    const _FileCheck check = OpenChecked(AT_FDCWD, pszPath, O_RDONLY, kSharedMode, file);
+    if (!check.IsGood()) {
+        return check;
     }
-    mode = status.st_mode & (S_ISUID | S_ISGID | S_ISVTX | S_IRWXU | S_IRWXG | S_IRWXO);
-    if ((mode & (S_IRWXG | S_IRWXO)) != 0) {
-        return EKeyFile::Shared;
-    }
-    errno = LoadWholeFile(file, kLargestFile, strText);
-    return errno == 0 ? EKeyFile::Private : EKeyFile::Unreadable;
+    const int iError = LoadWholeFile(file, kLargestFile, strText);
+    return iError == 0 ? _FileCheck{} : _FileCheck{EFileFault::Failure, iError};
 }
 
 std::optional<std::string_view> FindBusinessValue(std::string_view text, std::string_view section,

@@ -3,13 +3,13 @@
 #ifndef TARN_FORMATS_BUSINESS_VALUES_H
 #define TARN_FORMATS_BUSINESS_VALUES_H
 
+#include "support/checked_file.h"
 #include "support/hex.h"
 
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 
 constexpr char kKeySection[] = "avscan";
 constexpr char kKeyName[] = "mor_secret";
@@ -21,12 +21,10 @@ constexpr size_t kKeySize = 14; // bytes; the file has them in hexadecimal
     return text.size() == 2 * kKeySize && IsHexText(text);
 }
 
-enum class EKeyFile { Private, Shared, Unreadable };
-
-// Reads the whole file, at most 4 MiB. Shared: group or others may read, write or execute it, as mode says, so what it
-// holds is no secret and may be somebody else's. Unreadable: errno says why; ELOOP for a link, whose target others may
-// choose. strText is empty unless the file is private. Throws only std::bad_alloc.
-[[nodiscard]] EKeyFile LoadKeyFile(const char *pszPath, std::string &strText, mode_t &mode);
+// Reads the whole file, at most 4 MiB, when it is private: a regular file of root or of the effective user with one
+// name, which nobody else may read, write or execute. A link is refused, since others may choose its target. strText is
+// empty on failure. Throws only std::bad_alloc.
+[[nodiscard]] _FileCheck LoadKeyFile(const char *pszPath, std::string &strText);
 
 // The value in the text of an ini file, without the blanks around it. The letters' case makes no difference in the
 // names, a section may come in several pieces, and of several entries the last one counts.

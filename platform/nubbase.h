@@ -21,8 +21,10 @@ int str_snprintf(char *buf, size_t size, const char *format, ...) __attribute__(
  * cannot hold the whole path, or in is null (out is then the empty string). */
 int dirutils_path_transform(const char *in, char *out, int outSize);
 
-/* Loads an ini file of at most 4 MiB; only a regular file, and never waiting for one that is not. Keys and sections
- * match without regard to ASCII case. Returns a handle to be freed with ini_file_free, or NULL (errno is set). */
+/* Loads an ini file of at most 4 MiB; only a regular file with one name, of root or of the effective user, which not
+ * everybody may write, and never waiting for one that is none. A symbolic link is followed when it, the file and all
+ * folders on the way to it are root's or the effective user's. Keys and sections match without regard to ASCII case.
+ * Returns a handle to be freed with ini_file_free, or NULL with errno set; what is refused is logged too. */
 void *ini_file_load(const char *path);
 
 /* The value's text, the last one when the key is repeated; NULL when absent. Owned by the handle: valid until the
@@ -35,9 +37,9 @@ const char *ini_file_get(void *ini, const char *section, const char *key);
 int ini_file_set(void *ini, const char *section, const char *key, const char *value);
 
 /* Replaces the file atomically (new file in the same folder, flushed to disk, renamed), keeping mode and owner; a
- * symbolic link is followed and stays. Comments, order, other keys and sections are kept. A new file has mode 0600.
- * flags is reserved (0). Returns 0, or -1 with errno set and the old file in place (the new one when only flushing the
- * folder failed). */
+ * symbolic link is followed as by ini_file_load and stays. What a save that was killed has left is removed. Comments,
+ * order, other keys and sections are kept. A new file has mode 0600. flags is reserved (0). Returns 0, or -1 with errno
+ * set and the old file in place (the new one when only flushing the folder failed). */
 int ini_file_save(void *ini, const char *path, int flags);
 
 /* Frees a handle; NULL is allowed. */

@@ -51,17 +51,19 @@ const char *_FileCheck::Text() const noexcept {
     case EFileFault::None:
         return "nothing is wrong";
     case EFileFault::Link:
-        return "refused, it is a symbolic link";
+        return "it is a symbolic link";
+    case EFileFault::ForeignLink:
+        return "it is a symbolic link that others can change";
     case EFileFault::NotRegular:
-        return "refused, it is not a regular file";
+        return "it is not a regular file";
     case EFileFault::NotAFolder:
-        return "refused, it is not a folder";
+        return "it is not a folder";
     case EFileFault::SeveralNames:
-        return "refused, it has several names (hard links)";
+        return "it has several names (hard links)";
     case EFileFault::ForeignOwner:
-        return "refused, it belongs to another user";
+        return "it belongs to another user";
     case EFileFault::OpenToOthers:
-        return "refused, its permissions let others in";
+        return "its permissions let others in";
     case EFileFault::Absent:
     case EFileFault::Failure:
         break;

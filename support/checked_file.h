@@ -5,12 +5,14 @@
 
 #include "support/descriptor.h"
 
+#include <string>
 #include <sys/stat.h>
 
 enum class EFileFault {
     None,
     Absent,
     Link,         // a symbolic link
+    ForeignLink,  // one that somebody else made, or can lead elsewhere
     NotRegular,   // a folder, a pipe, a device, a socket
     NotAFolder,   // the same, where a folder is asked for
     SeveralNames, // hard links: the file may have been put here under a second name
@@ -52,5 +54,10 @@ constexpr mode_t kPublicMode = S_IWOTH;             // forbidden where an admini
 // A folder, links followed, of root or of the effective user, in which others can replace nothing: they may not write,
 // or it has the sticky bit. bGroupToo counts the group among them.
 [[nodiscard]] _FileCheck CheckFolder(const char *pszPath, bool bGroupToo) noexcept;
+
+// The name that symbolic links at the end of a path lead to; the path itself when it is none. Links and the folders
+// that they lead through have to be of root or of the effective user, and others may replace nothing in those folders.
+// A link to nothing is a failure (ENOENT). Throws only std::bad_alloc.
+[[nodiscard]] _FileCheck FollowLinks(const char *pszPath, std::string &strTarget);
 
 #endif

@@ -1,8 +1,10 @@
 #include "platform/nubbase.h"
+#include "support/descriptor.h"
 #include "tests/platform_fixture.h"
 
 #include <cerrno>
 #include <memory>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -21,10 +23,15 @@ TEST_F(PlatformIni, ASaveThroughALinkChangesOnlyWhatWasSet) {
     std::string strText = "; file\n; two lines\n\n\n[cacheeng]\n\n; counted\ndbquerycounts=04\ndbname=a.db\n\n\n"
                           "# theirs\n[scanner]\nexclude=/proc\nexclude=/sys\nquoted=\"a b\"\n\n; last words\n";
     const std::string strReal = WriteFile("real.ini", strText);
-    const uid_t owner = chown(strReal.c_str(), 1234, 1235) == 0 ? 1234 : geteuid(); // only root may
+    const gid_t group = chown(strReal.c_str(), geteuid(), 1235) == 0 ? 1235 : getegid(); // only root may
     ASSERT_EQ(chmod(strReal.c_str(), 0640), 0);
     std::filesystem::create_symlink("../real.ini", Path("config/x.ini"));
     strText.replace(strText.find("04"), 2, "17");
+    for (const char *pszName : {".real.ini.new.Kill3d", ".real.ini.new.theirs1", ".real.ini.new.Liv1ng"}) {
+        WriteFile(pszName, "left over");
+    }
+    const CDescriptor live(open(Path(".real.ini.new.Liv1ng").c_str(), O_RDONLY));
+    ASSERT_EQ(flock(live.Get(), LOCK_EX), 0);
     for (int nSave = 0; nSave < 2; ++nSave) {
         ASSERT_TRUE(Load("config/x.ini"));
         EXPECT_EQ(Set("cacheeng", "dbquerycounts", "9"), 0);
@@ -32,7 +39,10 @@ TEST_F(PlatformIni, ASaveThroughALinkChangesOnlyWhatWasSet) {
         ASSERT_EQ(Save("config/x.ini"), 0);
         EXPECT_EQ(Read("real.ini"), strText);
     }
-    EXPECT_EQ(Status("real.ini").st_uid, owner);
+    EXPECT_FALSE(Exists(Path(".real.ini.new.Kill3d"))) << "what a killed save has left stays";
+    EXPECT_TRUE(Exists(Path(".real.ini.new.theirs1"))) << "no name of ours";
+    EXPECT_TRUE(Exists(Path(".real.ini.new.Liv1ng"))) << "its maker lives";
+    EXPECT_EQ(Status("real.ini").st_gid, group);
     EXPECT_EQ(Status("real.ini").st_mode, S_IFREG | 0640U);
     EXPECT_TRUE(std::filesystem::is_symlink(Path("config/x.ini")));
 }
@@ -73,8 +83,14 @@ TEST_F(PlatformIni, AwkwardFilesKeepTheirTextAndSettleAtTheFirstSave) {
 TEST_F(PlatformIni, UnusableFilesAndTextAreRefused) {
     ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
     std::filesystem::resize_file(WriteFile("huge", "[s]\n"), 100'000'000);
-    const std::pair<const char *, int> files[] = {
-        {"none", ENOENT}, {"config", EISDIR}, {"fifo", EINVAL}, {"huge", EFBIG}};
+    EXPECT_EQ(chmod(WriteFile("open", "[s]\n").c_str(), 0666), 0);
+    EXPECT_EQ(link(WriteFile("twin", "[s]\n").c_str(), Path("twin2").c_str()), 0);
+    const std::string strWide = WriteFile("engine/x.ini", "[s]\n");
+    EXPECT_EQ(chmod(Path("engine").c_str(), 0777), 0);
+    std::filesystem::create_symlink("engine/x.ini", Path("wide"));
+    const std::pair<const char *, int> files[] = {{"none", ENOENT}, {"config", EISDIR}, {"fifo", EINVAL},
+                                                  {"huge", EFBIG},  {"open", EACCES},   {"twin", EMLINK},
+                                                  {"wide", EPERM}};
     for (const auto &[pszName, iError] : files) {
         EXPECT_FALSE(Load(pszName)) << pszName;
         EXPECT_EQ(errno, iError) << pszName;
@@ -92,11 +108,17 @@ TEST_F(PlatformIni, AFailedSaveLeavesTheOldFileAndSaysWhy) {
     ASSERT_TRUE(Load(WriteFile("lib/x.ini", "[s]\nk=old\n")));
     EXPECT_EQ(Set("s", "k", "new"), 0);
     std::filesystem::create_symlink("nowhere", Path("dangling"));
-    const std::pair<const char *, int> files[] = {{"gone/x.ini", ENOENT}, {"dangling", ENOENT}, {"config", EISDIR}};
+    std::filesystem::create_symlink(WriteFile("victim", "root's"), Path("theirs"));
+    const bool bForeign = lchown(Path("theirs").c_str(), 1234, 1234) == 0; // only root may
+    const std::pair<const char *, int> files[] = {{"gone/x.ini", ENOENT},
+                                                  {"dangling", ENOENT},
+                                                  {"config", EISDIR},
+                                                  {bForeign ? "theirs" : "dangling", bForeign ? EPERM : ENOENT}};
     for (const auto &[pszName, iError] : files) {
         EXPECT_NE(Save(pszName), 0) << pszName;
         EXPECT_EQ(errno, iError) << pszName;
     }
+    EXPECT_EQ(Read("victim"), "root's");
     rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
     const rlimit none = {0, limit.rlim_max};

@@ -1,6 +1,7 @@
 #include "platform/nubbase.h"
 
 #include "platform/bundled/nubbase_ini_text.h"
+#include "platform/tarncore.h"
 #include "support/call_guard.h"
 #include "support/whole_file.h"
 
@@ -14,6 +15,8 @@
 #define SI_NO_CONVERSION
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
+
+#pragma weak error_output
 
 namespace {
 
@@ -94,6 +97,13 @@ class CIniFile {
     std::string m_strTail; // comments after the last entry, which the parser would drop
 };
 
+// The log may be a product's own or not be there at all, in a program that uses this library alone.
+void Report(const char *pszPath, const _FileCheck &check) noexcept {
+    if (check.IsRefused() && error_output != nullptr) {
+        error_output(2, "nubbase", __LINE__, "[ini_file_load]%s is refused: %s", pszPath, check.Text());
+    }
+}
+
 int Fail(int iError) {
     errno = iError;
     return -1;
@@ -109,9 +119,10 @@ void *ini_file_load(const char *path) {
     const CCancelGuard noCancel;
     try {
         std::string strText;
-        const int iError = LoadWholeFile(path, ELastLink::Follow, kMaxFileSize, strText);
-        if (iError != 0) {
-            errno = iError;
+        const _FileCheck check = LoadCheckedFile(path, kPublicMode, kMaxFileSize, strText);
+        if (!check.IsGood()) {
+            Report(path, check);
+            errno = check.iError;
             return nullptr;
         }
         auto file = std::make_unique<CIniFile>();

@@ -8,7 +8,6 @@
 #include "support/hex.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <optional>
@@ -58,16 +57,10 @@ int ReadValue(const char *section, const char *name, unsigned char *out, int out
         return -1;
     }
     std::string strText;
-    mode_t mode = 0;
-    const EKeyFile eFile = LoadKeyFile(szPath, strText, mode);
-    if (eFile == EKeyFile::Shared) {
-        error_output(kLevelError, kSource, __LINE__, "[%s]%s is refused: group or others may access it (mode %04o)",
-                     kFunction, szPath, static_cast<unsigned>(mode));
-        return -1;
-    }
-    if (eFile == EKeyFile::Unreadable) {
-        error_output(kLevelError, kSource, __LINE__, "[%s]cannot read %s: %s", kFunction, szPath,
-                     strerrordesc_np(errno));
+    const _FileCheck check = LoadKeyFile(szPath, strText);
+    if (!check.IsGood()) {
+        error_output(kLevelError, kSource, __LINE__, "[%s]%s %s: %s", kFunction, szPath,
+                     check.IsRefused() ? "is refused" : "cannot be read", check.Text());
         return -1;
     }
     const std::optional<std::string_view> value = FindBusinessValue(strText, section, name);

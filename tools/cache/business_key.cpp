@@ -12,13 +12,14 @@ namespace {
 
 // A missing file is an empty one; any other trouble is a failure.
 bool LoadText(const std::string &strPath, std::string &strText, std::string &strError) {
-    mode_t mode = 0;
-    const EKeyFile eFile = LoadKeyFile(strPath.c_str(), strText, mode);
-    if (eFile == EKeyFile::Private || (eFile == EKeyFile::Unreadable && errno == ENOENT)) {
+    const _FileCheck check = LoadKeyFile(strPath.c_str(), strText);
+    if (check.IsGood() || check.eFault == EFileFault::Absent) {
         return true;
     }
-    strError = eFile == EKeyFile::Shared ? EscapeName(strPath) + " is open to other users; it has to have mode 0600"
-                                         : ReadFailureText(strPath, errno);
+    strError = check.eFault == EFileFault::OpenToOthers
+                   ? EscapeName(strPath) + " is open to other users; it has to have mode 0600"
+               : check.IsRefused() ? EscapeName(strPath) + ": " + check.Text()
+                                   : ReadFailureText(strPath, check.iError);
     return false;
 }
 
