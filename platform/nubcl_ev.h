@@ -1,4 +1,4 @@
-/* nubcl_ev.h - the product's event loop: each thread has its own loop, made on first use and closed when it ends.
+/* nubcl_ev.h - the product's event loop: each thread has its own loop, which ends with it and needs no descriptor.
  *
  * Loop and timer functions act on the calling thread's loop; a timer belongs to the thread that started it.
  */

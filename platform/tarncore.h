@@ -14,9 +14,11 @@ extern "C" {
 /* Writes one log line, printf-style. level: 1 severe, 2 error, 3 information, 4 debug; lines above the configured level
  * cost one comparison. Bytes that could start a new line or steer a terminal (control bytes, invalid UTF-8, direction
  * marks) are written as escapes such as \n or \x1b, a backslash as \\; a message is cut at about 5,000 bytes.
- * The line goes to the configured file (created 0600, rotated at 10 MiB, two older ones kept), or to standard error
- * when there is none or it cannot be written. A failing sink is ignored. errno is left as it was; no signal is raised.
- */
+ * The line goes to the configured file (created 0600, rotated at 10 MiB, two older ones kept; no link, one name, of
+ * root or the effective user), or to standard error when there is none or it cannot be written. A full pipe, socket or
+ * terminal is not waited for: lines are dropped, and how many is said later. But at level debug, one place writes at
+ * most five lines a minute and no text twice in it, and says later how many were left out. A failing sink is ignored.
+ * errno is left as it was; no signal is raised. */
 void error_output(int level, const char *source, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
@@ -29,7 +31,8 @@ int is_open_debug_log_avscan(void);
 
 /* Copies a stored value (hexadecimal text in "@/../config/business.ini") into out; a longer value is cut to outLen
  * bytes. Returns the bytes copied, or -1 with a logged error and out untouched: no such value, malformed hexadecimal,
- * or a file that is a link or that group or others may access. The error never shows the value. reserved0 and reserved1
+ * or a file that is a link, has several names, belongs to somebody else than root and the effective user, or that group
+ * or others may access. The error never shows the value. reserved0 and reserved1
  * are 0. */
 int get_business_value(const char *section, const char *name, int reserved0, int reserved1, unsigned char *out,
                        int outLen);

@@ -24,5 +24,24 @@ int main(int, char **argv) {
         }
         execlp("ls", "ls", "-l", "/proc/self/fd", nullptr);
     }
+    if (strAction == "flood") {
+        for (int i = 0; i < 1000; ++i) {
+            error_output(2, "flood", 1, "number %d", i);
+            error_output(2, "flood", 2, "same");
+        }
+    }
+    if (strAction == "full") { // nobody reads the pipe at first
+        static char szText[1 << 16];
+        if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
+            return 99;
+        }
+        for (int i = 0; i < 100; ++i) {
+            error_output(2, "child", i, "%4000s", "x");
+        }
+        ssize_t nRead = read(ends[0], szText, sizeof szText);
+        error_output(2, "child", 1, "after");
+        nRead = read(ends[0], szText, sizeof szText);
+        return write(STDOUT_FILENO, szText, static_cast<size_t>(nRead)) == nRead ? 0 : 97;
+    }
     return errno == EXDEV ? is_open_debug_log_avscan() : 98;
 }

@@ -67,10 +67,16 @@ TEST_F(PlatformLog, FilesArePrivateBoundedAndNotInherited) {
 TEST_F(PlatformLog, ABrokenSinkNeverReachesTheCaller) {
     std::filesystem::create_symlink(WriteFile("target", "untouched"), Path("link.log"));
     ASSERT_EQ(mkfifo(Path("fifo.log").c_str(), 0600), 0);
-    const std::string cases[][3] = {{"none/a.log", "levels", "2>&1"}, {"link.log", "levels", "2>&1"},
-                                    {"fifo.log", "levels", "2>&1"},   {"none/a.log", "levels", "2>/dev/full"},
-                                    {"none/a.log", "levels", "2>&-"}, {"none/a.log", "pipe", ""},
-                                    {"x.log", "limited", ""},         {"/dev/null", "levels", "2>&1"}};
+    ASSERT_EQ(link(Path("target").c_str(), Path("twin.log").c_str()), 0);
+    const std::string cases[][3] = {{"none/a.log", "levels", "2>&1"},
+                                    {"link.log", "levels", "2>&1"},
+                                    {"twin.log", "levels", "2>&1"},
+                                    {"fifo.log", "levels", "2>&1"},
+                                    {"none/a.log", "levels", "2>/dev/full"},
+                                    {"none/a.log", "levels", "2>&-"},
+                                    {"none/a.log", "pipe", ""},
+                                    {"x.log", "limited", ""},
+                                    {"/dev/null", "levels", "2>&1"}};
     for (const auto &[strFile, strAction, strAfter] : cases) {
         EXPECT_EQ(RunChild("TARN_LOG_FILE=" + Path(strFile), strAction + " text", strAfter), 0) << strFile << strAfter;
         for (const char *pszLine : {"child:1 text\n", "child:2 text\n"}) {
@@ -78,6 +84,18 @@ TEST_F(PlatformLog, ABrokenSinkNeverReachesTheCaller) {
         }
     }
     EXPECT_EQ(Read("target"), "untouched");
+}
+
+TEST_F(PlatformLog, AFloodIsCountedAndAFullPipeDropsLinesInsteadOfWaiting) {
+    for (const bool bDebug : {false, true}) {
+        EXPECT_EQ(RunChild(bDebug ? "TARN_LOG_LEVEL=debug" : "", "flood text"), bDebug ? 1 : 0);
+        EXPECT_EQ(std::count(m_strOutput.begin(), m_strOutput.end(), '\n'), bDebug ? 2004 : 2 + 6 + 2);
+        EXPECT_NE(Shown("flood:1 and 995 more lines like these\n"), bDebug) << m_strOutput;
+        EXPECT_NE(Shown("flood:2 and 999 more lines like these\n"), bDebug) << m_strOutput;
+    }
+    EXPECT_EQ(RunChild("timeout 20", "full text"), 0);
+    EXPECT_TRUE(Shown(" lines dropped: ")) << m_strOutput;
+    EXPECT_TRUE(m_strOutput.ends_with(" child:1 after\n")) << m_strOutput;
 }
 
 TEST_F(PlatformLog, AForkAmongLoggingThreadsLosesNoLine) {

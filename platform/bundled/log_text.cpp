@@ -3,8 +3,7 @@
 #include "support/utf8.h"
 
 #include <chrono>
-#include <iterator>
-#include <spdlog/fmt/fmt.h>
+#include <cstdio>
 #include <unistd.h>
 
 std::string FormatLogLine(int iLevel, std::string_view source, int iLine, std::string_view message) {
@@ -15,14 +14,17 @@ std::string FormatLogLine(int iLevel, std::string_view source, int iLine, std::s
     const auto today = floor<days>(now);
     const year_month_day date(today);
     const hh_mm_ss<milliseconds> time(now - today);
-    std::string strLine = fmt::format(
-        "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z {} {}/{} ", static_cast<int>(date.year()),
-        static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), time.hours().count(),
-        time.minutes().count(), time.seconds().count(), time.subseconds().count(),
-        kLevelNames[iLevel >= kLevelOff && iLevel <= kLevelDebug ? iLevel : kLevelError], getpid(), gettid());
+    char szHead[96] = "";
+    (void)std::snprintf(szHead, sizeof szHead, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ %s %d/%d ", int{date.year()},
+                        unsigned{date.month()}, unsigned{date.day()}, static_cast<int>(time.hours().count()),
+                        static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()),
+                        static_cast<int>(time.subseconds().count()),
+                        kLevelNames[iLevel >= kLevelOff && iLevel <= kLevelDebug ? iLevel : kLevelError], getpid(),
+                        gettid());
+    std::string strLine(szHead);
     strLine.reserve(strLine.size() + source.size() + message.size() + 16);
     AppendEscaped(strLine, source);
-    fmt::format_to(std::back_inserter(strLine), ":{} ", iLine);
+    strLine.append(":").append(std::to_string(iLine)).append(" ");
     AppendEscaped(strLine, message);
     strLine += '\n';
     return strLine;

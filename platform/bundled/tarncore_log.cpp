@@ -1,81 +1,38 @@
 #include "platform/tarncore.h"
 
-#include "formats/installation.h"
 #include "platform/bundled/log_output.h"
+#include "platform/bundled/log_repeats.h"
+#include "platform/bundled/log_settings.h"
 #include "platform/bundled/log_text.h"
-#include "platform/nubbase.h"
+#include "platform/bundled/standard_error.h"
 #include "support/call_guard.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <strings.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
 
 constexpr int kLevelUnread = -1;
+constexpr std::chrono::seconds kReadAgain(1); // settings that could not be read for want of memory or descriptors
 
 constexpr size_t kMaxMessage = PATH_MAX + 1024; // bytes: the longest path and a sentence around it
-constexpr char kConfigSection[] = "log";
-
-struct _LogSettings {
-    int iLevel = kLevelError;
-    std::string strFile; // empty: standard error
-};
-
-int ParseLevel(const std::string &strLevel) {
-    for (int i = kLevelOff; i <= kLevelDebug; ++i) {
-        if (strcasecmp(strLevel.c_str(), kLevelNames[i]) == 0) {
-            return i;
-        }
-    }
-    return kLevelError;
-}
-
-std::string AbsolutePath(const std::string &strPath) {
-    char szExpanded[PATH_MAX];
-    if (dirutils_path_transform(strPath.c_str(), szExpanded, sizeof szExpanded) == 0 || szExpanded[0] == '\0') {
-        return {};
-    }
-    // Absolute, because the file is opened again at each rotation and the host may change its folder meanwhile.
-    std::error_code error;
-    return std::filesystem::absolute(szExpanded, error).native();
-}
-
-_LogSettings ReadSettings() {
-    const auto fromEnvironment = [](const char *pszName) -> std::optional<std::string> {
-        const char *pszValue = secure_getenv(pszName);
-        return pszValue == nullptr || pszValue[0] == '\0' ? std::nullopt : std::optional<std::string>(pszValue);
-    };
-    std::optional<std::string> level = fromEnvironment("TARN_LOG_LEVEL");
-    std::optional<std::string> file = fromEnvironment("TARN_LOG_FILE");
-    char szConfig[PATH_MAX];
-    if ((!level || !file) && dirutils_path_transform(kConfigPath, szConfig, sizeof szConfig) != 0) {
-        const std::unique_ptr<void, decltype(&ini_file_free)> ini(ini_file_load(szConfig), &ini_file_free);
-        const auto fromFile = [&ini](const char *pszKey) {
-            const char *pszValue = ini == nullptr ? nullptr : ini_file_get(ini.get(), kConfigSection, pszKey);
-            return std::string(pszValue == nullptr ? "" : pszValue);
-        };
-        level = level ? level : fromFile("level");
-        file = file ? file : fromFile("file");
-    }
-    return {ParseLevel(level.value_or("")), AbsolutePath(file.value_or(""))};
-}
 
 // True on a thread that is inside the logger. Whatever asks for a log line there, a replaced base service or a signal
 // handler, gets none: it would wait for itself.
-thread_local bool t_bInLogger = false;
+// In the memory that a thread starts with: other thread-local memory is allocated by its first use, which ends the
+// process when it cannot.
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool t_bInLogger = false;
 
 class CInLogger {
   public:
@@ -95,19 +52,20 @@ class CLogger {
     }
     void Write(int iLevel, const char *source, int line, const char *format, va_list arguments) noexcept
         __attribute__((format(printf, 5, 0)));
-    void Close() noexcept;
+    // At the end of the process: no line will come that the counts could be told with.
+    void TellTheRest() noexcept;
 
-    std::mutex m_mutex; // guards m_file and the first setting of m_iLevel; held across a fork
+    std::mutex m_mutex; // guards what has no lock of its own and the first setting of m_iLevel; held across a fork
 
   private:
     int ReadLevel() noexcept;
-    std::string WriteToFile(std::string strLine) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_file.Write(std::move(strLine));
-    }
+    std::string LinesToWrite(int iLevel, std::string_view source, int line, std::string_view message);
 
     std::atomic<int> m_iLevel = kLevelUnread;
+    std::chrono::steady_clock::time_point m_nextRead = {}; // of the settings
     CLogFile m_file;
+    CRepeats m_repeats;
+    const pid_t m_process = getpid();
 };
 
 // Made when the library is loaded and never destroyed: the host's threads and late destructors may still log at its
@@ -122,15 +80,15 @@ CLogger &Logger() noexcept {
     return g_forever.m_logger;
 }
 
-__attribute__((destructor)) void CloseLogger() noexcept {
-    Logger().Close();
+__attribute__((destructor)) void EndOfLog() noexcept {
+    Logger().TellTheRest();
 }
 
 CLogger::CLogger() noexcept {
     // A child must not inherit a mutex that a thread it does not have was holding, so the mutex is held across a fork.
     // A signal handler that forks in the middle of the logger would wait for itself; such a fork goes without the
     // mutex.
-    static thread_local bool t_bLocked = false;
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local bool t_bLocked = false;
     const auto lock = [] {
         if ((t_bLocked = !t_bInLogger)) {
             Logger().m_mutex.lock();
@@ -141,7 +99,13 @@ CLogger::CLogger() noexcept {
             Logger().m_mutex.unlock();
         }
     };
-    (void)pthread_atfork(lock, unlock, unlock);
+    const auto unlockInChild = [] {
+        if (std::exchange(t_bLocked, false)) {
+            Logger().m_repeats = {}; // what the parent has written, the child has not
+            Logger().m_mutex.unlock();
+        }
+    };
+    (void)pthread_atfork(lock, unlock, unlockInChild);
 }
 
 int CLogger::ReadLevel() noexcept {
@@ -152,18 +116,45 @@ int CLogger::ReadLevel() noexcept {
     const CCancelGuard noCancel;
     const int iError = errno;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_iLevel.load(std::memory_order_relaxed) == kLevelUnread) {
-        int iLevel = kLevelError;
+    int iLevel = m_iLevel.load(std::memory_order_relaxed);
+    const auto now = std::chrono::steady_clock::now();
+    if (iLevel == kLevelUnread && now >= m_nextRead) {
+        m_nextRead = now + kReadAgain;
         try {
-            _LogSettings settings = ReadSettings();
-            m_file.SetPath(std::move(settings.strFile));
-            iLevel = settings.iLevel;
-        } catch (...) { // out of memory: the defaults stand
+            if (std::optional<_LogSettings> settings = ReadLogSettings()) {
+                m_file.SetPath(std::move(settings->strFile));
+                iLevel = settings->iLevel;
+                m_iLevel.store(iLevel, std::memory_order_release);
+            }
+        } catch (...) { // out of memory: tried again
         }
-        m_iLevel.store(iLevel, std::memory_order_release);
     }
     errno = iError;
-    return m_iLevel.load(std::memory_order_relaxed);
+    return iLevel == kLevelUnread ? kLevelError : iLevel;
+}
+
+std::string LeftOutLine(const _LeftOut &leftOut) {
+    return leftOut.ullLines == 0 ? std::string()
+                                 : FormatLogLine(leftOut.iLevel, leftOut.szSource, leftOut.iLine,
+                                                 "and " + std::to_string(leftOut.ullLines) + " more lines like these");
+}
+
+// The finished lines, none or several. Whoever asks for debug lines gets all of them.
+std::string CLogger::LinesToWrite(int iLevel, std::string_view source, int line, std::string_view message) {
+    std::string strLines;
+    if (Level() != kLevelDebug) {
+        const auto now = std::chrono::steady_clock::now();
+        _LeftOut leftOut;
+        while (m_repeats.TakeOverdue(now, leftOut)) {
+            strLines += LeftOutLine(leftOut);
+        }
+        const bool bWrite = m_repeats.Admit(iLevel, source, line, message, now, leftOut);
+        strLines += LeftOutLine(leftOut);
+        if (!bWrite) {
+            return strLines;
+        }
+    }
+    return strLines + FormatLogLine(iLevel, source, line, message);
 }
 
 void CLogger::Write(int iLevel, const char *source, int line, const char *format, va_list arguments) noexcept {
@@ -183,21 +174,35 @@ void CLogger::Write(int iLevel, const char *source, int line, const char *format
         } else if (!message.empty() && message.back() == '\n') {
             message.remove_suffix(1);
         }
-        std::string strLine = FormatLogLine(std::clamp<int>(iLevel, kLevelSevere, kLevelDebug), source, line, message);
         const CWriteSignalGuard noWriteSignals;
-        WriteToStandardError(WriteToFile(std::move(strLine)));
+        std::string strLines;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            strLines =
+                m_file.Write(LinesToWrite(std::clamp<int>(iLevel, kLevelSevere, kLevelDebug), source, line, message));
+        }
+        WriteToStandardError(strLines);
     } catch (...) { // out of memory: the line is lost, the caller goes on
     }
     errno = iError;
 }
 
-void CLogger::Close() noexcept {
-    // A thread that is stuck in a write must not hold up the end of the process.
+void CLogger::TellTheRest() noexcept {
+    // A forked child has counted nothing, and a thread that is stuck in a write must not hold up the end of the
+    // process.
     const std::unique_lock<std::mutex> lock(m_mutex, std::try_to_lock);
-    if (lock.owns_lock()) {
-        const CWriteSignalGuard noWriteSignals;
-        m_file.Close();
+    if (!lock.owns_lock() || m_process != getpid()) {
+        return;
     }
+    const CWriteSignalGuard noWriteSignals;
+    try {
+        _LeftOut leftOut;
+        while (m_repeats.TakeOverdue(CRepeats::Time::max(), leftOut)) {
+            WriteToStandardError(m_file.Write(LeftOutLine(leftOut)));
+        }
+    } catch (...) { // out of memory
+    }
+    ReportDroppedLines();
 }
 
 } // namespace
