@@ -1,5 +1,5 @@
-// faults_fixture.h - one scenario, from start to shut-down with the key "protect", for every kind of fault. What a fault
-// cost is judged afterwards: by a start without one, by another connection, and by the files that are left.
+// faults_fixture.h - one scenario, from start to shut-down with the key "protect", for every kind of fault. What a
+// fault cost is judged afterwards: by a start without one, by another connection, and by the files that are left.
 #ifndef TARN_TESTS_FAULTS_FIXTURE_H
 #define TARN_TESTS_FAULTS_FIXTURE_H
 
