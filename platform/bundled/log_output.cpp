@@ -16,7 +16,7 @@ constexpr char kNotRenamed[] = "the log file cannot be renamed";
 
 } // namespace
 
-void CLogFile::SetPath(std::string strPath) {
+void CLogFile::SetPath(const std::string &strPath) {
     const size_t nName = strPath.rfind('/') + 1; // npos + 1 is 0
     m_strFolder = nName == 0 ? "." : strPath.substr(0, nName);
     m_strName = strPath.substr(nName);

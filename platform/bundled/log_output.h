@@ -13,7 +13,7 @@
 class CLogFile {
   public:
     // An absolute path, or empty for none. The file is opened by the first line.
-    void SetPath(std::string strPath);
+    void SetPath(const std::string &strPath);
     // Writes whole lines, line end included. Returns what is left for standard error: nothing when the file took them.
     [[nodiscard]] std::string Write(std::string strLines);
 

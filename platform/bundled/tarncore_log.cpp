@@ -122,7 +122,7 @@ int CLogger::ReadLevel() noexcept {
         m_nextRead = now + kReadAgain;
         try {
             if (std::optional<_LogSettings> settings = ReadLogSettings()) {
-                m_file.SetPath(std::move(settings->strFile));
+                m_file.SetPath(settings->strFile);
                 iLevel = settings->iLevel;
                 m_iLevel.store(iLevel, std::memory_order_release);
             }
