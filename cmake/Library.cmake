@@ -55,7 +55,7 @@ target_include_directories(tarncache INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/interface> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(tarncache PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION 1 INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON EXPORT_NAME tarncache)
-target_link_options(tarncache PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/tarncache.map)
+target_link_options(tarncache PRIVATE ${TARN_STAY_LOADED} -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/tarncache.map)
 set_property(TARGET tarncache APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/tarncache.map)
 # An undefined symbol is a build error, not a surprise in the host's process.
 if(NOT TARN_SANITIZE)

@@ -22,6 +22,10 @@ else()
   target_link_options(tarn_settings INTERFACE -Wl,-z,relro,-z,now)
 endif()
 
+# For the shared libraries: one that a host closes stays where it is. A thread of ours may be running in it, and handlers
+# of fork() and of a thread's end point into it.
+set(TARN_STAY_LOADED -Wl,-z,nodelete)
+
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)

@@ -20,4 +20,5 @@ add_dependencies(platform_log_test platform_log_child)
 tarn_platform_test(platform_ini_test nubbase)
 target_compile_definitions(platform_ini_test PRIVATE TARN_SHIPPED_CONFIG="${PROJECT_SOURCE_DIR}/config/tarncfg.ini")
 
-tarn_platform_test(platform_services_test tarn_support tarncore nubbase nubcl_ev Threads::Threads)
+tarn_platform_test(platform_services_test tarn_support tarncore nubbase nubcl_ev Threads::Threads ${CMAKE_DL_LIBS})
+target_compile_definitions(platform_services_test PRIVATE TARN_LIBRARY="$<TARGET_FILE:tarncache>")

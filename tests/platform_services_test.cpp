@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <dlfcn.h>
 #include <new>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -193,4 +194,15 @@ TEST_F(PlatformServices, ATimerRepeatsOnItsOwnThreadUntilStopped) {
     EXPECT_EQ(nFired, 2);
     cl_timerplus_close(pTimer);
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+TEST_F(PlatformServices, AHostMayCloseTheCacheWhileItRuns) {
+    void *pLibrary = dlopen(TARN_LIBRARY, RTLD_NOW);
+    ASSERT_NE(pLibrary, nullptr) << dlerror();
+    const auto pWaitReady = reinterpret_cast<uint32_t (*)(uint32_t)>(dlsym(pLibrary, "LocalCacheWaitReady"));
+    EXPECT_EQ(reinterpret_cast<uint32_t (*)()>(dlsym(pLibrary, "LocalCacheInit"))(), 0U);
+    EXPECT_EQ(dlclose(pLibrary), 0);
+    EXPECT_EQ(pWaitReady(60000), 0U) << "the writer goes on";
+    pLibrary = dlopen(TARN_LIBRARY, RTLD_NOW);
+    EXPECT_EQ(reinterpret_cast<uint32_t (*)()>(dlsym(pLibrary, "LocalCacheUnInit"))(), 0U) << "another library";
 }
