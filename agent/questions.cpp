@@ -3,6 +3,7 @@
 #include "agent/dbagent.h"
 
 #include "agent/stored_record.h"
+#include "support/fork_mark.h"
 #include "util/file_identity.h"
 #include "util/log.h"
 
@@ -138,7 +139,11 @@ uint32_t CDataBaseAgent::EnumerateRecords(int (*onRecord)(const _LOCAL_CACHE_REC
                 TARN_LOG_ERROR("[%s][cache] the records are out of order."); // a damaged index would never end
                 return TARN_E_FAIL;
             }
-            if (onRecord(&record, context) != 0) {
+            const bool bEnough = onRecord(&record, context) != 0;
+            if (!CForkMark::IsSet()) { // onRecord has forked, and this is the child
+                return TARN_E_NOT_INITIALIZED;
+            }
+            if (bEnough) {
                 return TARN_OK;
             }
             liAfter = record.liPathHash;

@@ -8,8 +8,8 @@
 
 #include <new>
 
-// Null while the library is not initialised. Read without a lock: the caller keeps entry points apart from the last
-// LocalCacheUnInit.
+// Null while the library is not initialised, and in a child that was forked while it was. Read without a lock: the
+// caller keeps entry points apart from the last LocalCacheUnInit.
 CDataBaseAgent *GlobalAgent();
 
 inline bool IsEmpty(const char *pszText) {

@@ -1,6 +1,7 @@
 // Start-up and shut-down of the one agent, and waiting for its writer.
 #include "interface/entry.h"
 
+#include "support/fork_mark.h"
 #include "util/log.h"
 
 #include <cstddef>
@@ -11,23 +12,48 @@ namespace {
 
 constexpr char kLogSource[] = "tarncache";
 
-// Guarded by g_DBMutex for start-up and shut-down; read without it elsewhere.
+// Changed under g_DBMutex; read without it elsewhere.
 std::atomic<CDataBaseAgent *> g_pAgent = nullptr;
-int64_t g_liInitCount = 0; // successful starts not yet matched; guarded by g_DBMutex
+std::atomic<int64_t> g_liInitCount = 0; // successful starts not yet matched
+std::atomic<int64_t> g_liInside = 0;    // starts and ends under way; changed without the mutex
 
 static_assert(sizeof(_SCAN_FILE_RESULT) == 169 && offsetof(_SCAN_FILE_RESULT, lEngineCode) == 8 &&
                   offsetof(_SCAN_FILE_RESULT, ulFlags) == 13 && offsetof(_SCAN_FILE_RESULT, szVirusDesc) == 105,
               "callers lay it out themselves");
 
+// True in a child that was forked while the cache was in use. Threads that it does not have may hold g_DBMutex, the
+// agent's locks and SQLite's, and SQLite believes that it holds file locks that stayed with the parent. So the child
+// takes no lock and touches nothing. One that was forked before the first start or after the last end is like any other
+// process.
+bool IsForkedInUse() {
+    // The counts first: whoever raised them in this process has set the mark before.
+    const bool bInUse = g_liInside != 0 || g_liInitCount != 0;
+    return bInUse && !CForkMark::IsSet();
+}
+
 class CInitLock {
   public:
-    CInitLock() { AbortOnLockError(pthread_mutex_lock(&g_DBMutex)); }
-    ~CInitLock() { AbortOnLockError(pthread_mutex_unlock(&g_DBMutex)); }
+    CInitLock() {
+        CForkMark::Set();
+        ++g_liInside;
+        AbortOnLockError(pthread_mutex_lock(&g_DBMutex));
+    }
+    ~CInitLock() {
+        AbortOnLockError(pthread_mutex_unlock(&g_DBMutex));
+        --g_liInside;
+    }
     CInitLock(const CInitLock &) = delete;
     CInitLock &operator=(const CInitLock &) = delete;
 };
 
 uint32_t CacheInit(EMode eMode) {
+    if (IsForkedInUse()) {
+        if (CForkMark::IsOrdinaryChild()) {
+            TARN_LOG_SEVERE("[%s][cache] this process was forked while the cache was in use, and can use it only after "
+                            "it has executed another program.");
+        }
+        return TARN_E_FAIL;
+    }
     return CallWithoutThrowing([eMode] {
         const CWriteSignalGuard noWriteSignals;
         const CInitLock lock;
@@ -59,7 +85,9 @@ void LogStatistics(const _DBStatistics &statistics) {
 } // namespace
 
 CDataBaseAgent *GlobalAgent() {
-    return g_pAgent;
+    // The agent first, as in IsForkedInUse.
+    CDataBaseAgent *const pAgent = g_pAgent;
+    return CForkMark::IsSet() ? pAgent : nullptr;
 }
 
 uint32_t LocalCacheInit(void) {
@@ -75,6 +103,9 @@ uint32_t LocalCacheInitReader(void) {
 }
 
 uint32_t LocalCacheUnInit(void) {
+    if (IsForkedInUse()) {
+        return TARN_E_NOT_MATCHED;
+    }
     return CallWithoutThrowing([] {
         const CWriteSignalGuard noWriteSignals;
         const CInitLock lock;

@@ -11,7 +11,12 @@
  * what could change unnoticed; who takes the status himself and calls LocalCacheAddStat must not add a file whose
  * status changed within the last two seconds. Wait with LocalCacheWaitReady before the first lookup, and ask
  * LocalCacheFlush at the end what was lost. To ask only, start with LocalCacheInitReader. Never open the database file
- * yourself: closing any descriptor of it drops the process's locks on it. Do not fork and use the cache on both sides.
+ * yourself: closing any descriptor of it drops the process's locks on it.
+ *
+ * fork: a child that is forked while the cache is in use, from a start to the end that matches it, has no cache: every
+ * call finds it uninitialised, starts are TARN_E_FAIL and ends TARN_E_NOT_MATCHED, until the child executes another
+ * program. So a daemon forks before its first start or after its last end; such a child starts the cache as any process
+ * does. Closing the library (dlclose) leaves it loaded and the cache running.
  */
 #ifndef TARNCACHE_H
 #define TARNCACHE_H
@@ -143,8 +148,8 @@ TARN_API uint32_t LocalCacheExplain(const char *path, _LOCAL_CACHE_EXPLANATION *
 
 /* Calls onRecord for every stored record, in ascending order of path hashes, until it returns non-zero. Records are
  * read in small groups and no lock is held during a call, so what is added or deleted meanwhile may show or not.
- * *record is valid during the call. TARN_OK, also when ended early; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED;
- * TARN_E_FAIL. */
+ * *record is valid during the call. TARN_OK, also when ended early; TARN_E_INVALIDARG; TARN_E_NOT_INITIALIZED, also in
+ * a child that onRecord has forked; TARN_E_FAIL. */
 TARN_API uint32_t LocalCacheEnumerate(int (*onRecord)(const _LOCAL_CACHE_RECORD *record, void *context), void *context);
 
 /* Checks the database file and the agreement of its tables and changes nothing. onFinding (may be NULL) is then

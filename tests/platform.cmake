@@ -22,3 +22,4 @@ target_compile_definitions(platform_ini_test PRIVATE TARN_SHIPPED_CONFIG="${PROJ
 
 tarn_platform_test(platform_services_test tarn_support tarncore nubbase nubcl_ev Threads::Threads ${CMAKE_DL_LIBS})
 target_compile_definitions(platform_services_test PRIVATE TARN_LIBRARY="$<TARGET_FILE:tarncache>")
+tarn_platform_test(fork_test tarncache)

@@ -123,25 +123,6 @@ TEST_F(Threads, EveryAnswerWasTrueAtSomeMomentOfTheCall) {
     }
 }
 
-TEST_F(Threads, StartsAndEndsNestInAnyOrder) {
-    MakeFiles(2);
-    RunThreads(16, [&](int iThread) {
-        for (int i = 0; i < 100; ++i) {
-            const int nDepth = 1 + (iThread + i) % 3;
-            for (int k = 0; k < nDepth; ++k) {
-                EXPECT_EQ(k % 2 == 0 ? LocalCacheInit() : LocalCacheInitEx(), TARN_OK);
-            }
-            EXPECT_EQ(AddFile(1), TARN_OK);
-            for (int k = 0; k < nDepth; ++k) {
-                EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
-            }
-        }
-    });
-    EXPECT_EQ(LocalCacheUnInit(), TARN_E_NOT_MATCHED);
-    EXPECT_EQ(RecordedLog::Count("tarncache: [LocalCacheUnInit]Weed out cache counts: 0"),
-              RecordedLog::Count("[AgentInit][cache] tables init success.")); // each agent that was built ended
-}
-
 TEST_F(Threads, AHostThatHoldsTheMutexHoldsUpStartsAndEnds) {
     for (uint32_t (*const pCall)() : {LocalCacheInit, LocalCacheInitEx, LocalCacheUnInit}) {
         std::atomic<bool> bReturned = false;
