@@ -3,9 +3,9 @@
 #include "agent/connection.h"
 
 #include "platform/nubbase.h"
-#include "tables/guarded_vfs.h"
 #include "util/log.h"
 
+#include <cstring>
 #include <sqlite3.h>
 
 namespace {
@@ -16,8 +16,7 @@ constexpr char kOpen[] = "OpenDB"; // the step of the start that all of this bel
 } // namespace
 
 bool CConnection::Open(const std::string &strPath) {
-    const bool bOpened = sqlite3_open_v2(strPath.c_str(), &m_pDB, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                                         GuardedVfsName()) == SQLITE_OK;
+    const bool bOpened = m_vfs.OpenConnection(strPath, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &m_pDB) == SQLITE_OK;
     if (bOpened) {
         CBusyDeadline::Attach(m_pDB);
     }
@@ -25,7 +24,7 @@ bool CConnection::Open(const std::string &strPath) {
 }
 
 uint32_t CConnection::OpenForReading(const std::string &strPath) {
-    bool bOpened = sqlite3_open_v2(strPath.c_str(), &m_pDB, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK;
+    bool bOpened = m_vfs.OpenConnection(strPath, SQLITE_OPEN_READONLY, &m_pDB) == SQLITE_OK;
     if (bOpened) {
         CBusyDeadline::Attach(m_pDB);
         // The file is opened by the first question, so that one is asked here.
@@ -55,6 +54,24 @@ bool CConnection::HasUsableMode() {
     return true;
 }
 
+void CConnection::Distrust() {
+    m_failures.Follow(m_pDB);
+#ifdef SQLITE_DBCONFIG_DEFENSIVE
+    (void)sqlite3_db_config(m_pDB, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+#endif
+#ifdef SQLITE_DBCONFIG_TRUSTED_SCHEMA
+    (void)sqlite3_db_config(m_pDB, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+#endif
+}
+
+std::string CConnection::LastFailure() const {
+    std::string strText = m_pDB != nullptr ? sqlite3_errmsg(m_pDB) : sqlite3_errstr(SQLITE_NOMEM);
+    if (const int iError = m_pDB != nullptr ? sqlite3_system_errno(m_pDB) : 0; iError != 0) {
+        strText += std::string(", ") + std::strerror(iError);
+    }
+    return strText;
+}
+
 uint32_t CConnection::Configure(int32_t lCachePages) {
     if (!HasUsableMode()) {
         (void)CloseDB();
@@ -71,7 +88,11 @@ uint32_t CConnection::Configure(int32_t lCachePages) {
     }
     // What is deleted holds no secrets; overwriting it would double the time that lookups wait for a large deletion.
     (void)sqlite3_exec(m_pDB, "pragma secure_delete=off;", nullptr, nullptr, nullptr);
-    return PrepareEndStatements();
+    const uint32_t ulResult = PrepareEndStatements();
+    if (ulResult != TARN_OK) {
+        (void)CloseDB();
+    }
+    return ulResult;
 }
 
 uint32_t CConnection::PrepareEndStatements() {
@@ -81,7 +102,6 @@ uint32_t CConnection::PrepareEndStatements() {
         TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] sqlite3_prepare_v2 failed with error code = %u",
                     static_cast<unsigned int>(iCommit | iRollback));
         FinalizeStatements();
-        (void)CloseDB();
         return TARN_E_FAIL;
     }
     TARN_LOG_DEBUG_AS(kOpen, "[%s][cache] open db success.");
@@ -89,8 +109,11 @@ uint32_t CConnection::PrepareEndStatements() {
 }
 
 void CConnection::Abandon() {
+    m_failures.Follow(nullptr);
     sqlite3_close(m_pDB);
     m_pDB = nullptr;
+    m_ownReading.Close();
+    m_vfs.Withdraw();
 }
 
 void CConnection::FinalizeStatements() {
@@ -115,6 +138,9 @@ uint32_t CConnection::CloseDB() {
         return TARN_E_FAIL;
     }
     m_pDB = nullptr;
+    m_ownReading.Close(); // drops the locks of this process, and there are none any more
+    m_failures.Follow(nullptr);
+    m_vfs.Withdraw();
     return TARN_OK;
 }
 

@@ -5,8 +5,11 @@
 #ifndef TARN_AGENT_CONNECTION_H
 #define TARN_AGENT_CONNECTION_H
 
+#include "agent/guarded_vfs.h"
+#include "agent/own_reading.h"
 #include "interface/tarncache.h"
 #include "tables/busy_deadline.h"
+#include "tables/failure_note.h"
 #include "util/locks.h"
 
 #include <string>
@@ -23,13 +26,25 @@ class TARN_API CConnection {
     CConnection(const CConnection &) = delete;
     CConnection &operator=(const CConnection &) = delete;
 
-    // Opens the file, making it when it is missing. False: the connection only reports its error; Abandon it.
+    // Opens the file, which must be regular and nobody else's, making it when it is missing. False: the connection only
+    // reports its error; Abandon it.
     [[nodiscard]] bool Open(const std::string &strPath);
     // Opens a file that is there, for reading alone; the caller's CBusyDeadline says how long it waits for a writer.
     // TARN_OK; TARN_E_FAIL (closed again).
     [[nodiscard]] uint32_t OpenForReading(const std::string &strPath);
+    // Notes failures from here on, and lets nothing in the file have a say beyond its rows.
+    void Distrust();
+    // Whatever failed on this connection since then; any thread.
+    [[nodiscard]] CFailureNote &Failures() { return m_failures; }
+    [[nodiscard]] const CFailureNote &Failures() const { return m_failures; }
+    // Another look at the file beside this connection; its descriptor is closed behind the connection.
+    [[nodiscard]] COwnReading &OwnReading() { return m_ownReading; }
+    // Why the last call failed, and what the system said.
+    [[nodiscard]] std::string LastFailure() const;
     // Sets the page cache (SQLite pages) and prepares commit and rollback. TARN_OK; TARN_E_FAIL (closed again).
     [[nodiscard]] uint32_t Configure(int32_t lCachePages);
+    // Commit and rollback. A host may have been kept from them by a lock at the start. TARN_OK; TARN_E_FAIL (logged).
+    [[nodiscard]] uint32_t PrepareEndStatements();
     // Closes a connection whose opening failed.
     void Abandon();
     void FinalizeStatements();
@@ -60,9 +75,11 @@ class TARN_API CConnection {
 
   private:
     bool HasUsableMode();
-    uint32_t PrepareEndStatements();
     uint32_t StepTransaction(_SQLStmt &stStep);
 
+    CGuardedVfs m_vfs; // outlives the connection
+    COwnReading m_ownReading;
+    CFailureNote m_failures;
     sqlite3 *m_pDB = nullptr; // set at start-up, cleared at shut-down
     bool m_bBusy = false;
     _SQLStmt m_stBegin; // the begin statement last used

@@ -1,6 +1,6 @@
 // The database file and its tables. Runs at start-up and shut-down only, on the caller's thread, before the writer
 // starts and after it has ended; takes no lock.
-#include "agent/dbagent.h"
+#include "agent/database_repair.h"
 
 #include "platform/nubbase.h"
 #include "util/log.h"
@@ -30,6 +30,10 @@ template <typename Table> uint32_t CheckTable(Table *pTable) {
 } // namespace
 
 uint32_t CDataBaseAgent::OpenDB() {
+    if (m_config.bProtect) {
+        m_health.BeginRun(DatabasePath(m_config));
+        return CRepair(*this).OpenDB();
+    }
     if (!m_connection.Open(DatabasePath(m_config))) {
         if (const uint32_t ulResult = RebuildDB(); ulResult != TARN_OK) {
             TARN_LOG_ERROR("[%s]RebuildDB failed.");
@@ -72,14 +76,7 @@ uint32_t CDataBaseAgent::DBTablesInit() {
         DBTablesUnInit();
         return TARN_E_OUTOFMEMORY;
     }
-    uint32_t ulResult = CheckTables();
-    if (ulResult == TARN_OK && CheckModuleVersion() != 0) {
-        TARN_LOG_ERROR("[%s][cache] CheckModuleVersion failed.");
-        ulResult = TARN_E_FAIL;
-    }
-    if (ulResult == TARN_OK && m_config.bProtect) {
-        ulResult = StartProtection();
-    }
+    const uint32_t ulResult = m_config.bProtect ? StartProtection() : CheckTables();
     if (ulResult != TARN_OK) {
         DBTablesUnInit();
     }
@@ -89,13 +86,19 @@ uint32_t CDataBaseAgent::DBTablesInit() {
 uint32_t CDataBaseAgent::StartProtection() {
     m_pProtection = std::make_unique<CProtection>(m_connection.Handle());
     m_pProtection->m_withdrawals.FindPending();
-    return m_pProtection->m_identity.Open(m_config, m_pCacheTable->m_strTableName);
+    const uint32_t ulResult = m_pProtection->m_identity.LoadKey(m_config);
+    return ulResult != TARN_OK ? ulResult : CRepair(*this).InitTables();
 }
 
 uint32_t CDataBaseAgent::CheckTables() {
     uint32_t ulResult = CheckTable(m_pCacheTable.get());
     ulResult = ulResult != TARN_OK ? ulResult : CheckTable(m_pVirusTable.get());
-    return ulResult != TARN_OK ? ulResult : CheckTable(m_pVersionTable.get());
+    ulResult = ulResult != TARN_OK ? ulResult : CheckTable(m_pVersionTable.get());
+    if (ulResult == TARN_OK && CheckModuleVersion() != 0) {
+        TARN_LOG_AS(ELogLevel::Error, "DBTablesInit", "[%s][cache] CheckModuleVersion failed.");
+        ulResult = TARN_E_FAIL;
+    }
+    return ulResult;
 }
 
 uint32_t CDataBaseAgent::OpenExistingDB() {
@@ -114,6 +117,8 @@ uint32_t CDataBaseAgent::OpenExistingTables() {
         m_pProtection = std::make_unique<CProtection>(m_connection.Handle());
         m_pProtection->m_withdrawals.FindPending();
         m_pProtection->m_identity.OpenForReading(m_config);
+        m_connection.Distrust();
+        m_health.NoteFile(DatabasePath(m_config));
     }
     return TARN_OK;
 }

@@ -147,5 +147,9 @@ uint32_t CDataBaseAgent::AgentUnInit() {
     }
     DBTablesUnInit();
     m_connection.FinalizeStatements();
-    return CloseDB();
+    const uint32_t ulResult = CloseDB();
+    if (ulResult == TARN_OK) {
+        m_health.EndRun();
+    }
+    return ulResult;
 }

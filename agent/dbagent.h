@@ -16,6 +16,7 @@
 
 #include "agent/connection.h"
 #include "agent/counters.h"
+#include "agent/database_health.h"
 #include "agent/find_progress.h"
 #include "agent/protection.h"
 #include "agent/scan_bracket.h"
@@ -61,7 +62,7 @@ class TARN_API CDataBaseAgent {
 
     // --- database_file.cpp: start-up and shut-down only, no lock
 
-    // Opens the database, rebuilding it when SQLite cannot. TARN_OK or TARN_E_FAIL (closed again).
+    // Opens the database, rebuilding it when SQLite cannot (not with "protect"). TARN_OK or TARN_E_FAIL (closed again).
     [[nodiscard]] uint32_t OpenDB();
     // Deletes the file, or moves to the fallback name when it cannot be deleted, and opens an empty database.
     [[nodiscard]] uint32_t RebuildDB();
@@ -149,7 +150,10 @@ class TARN_API CDataBaseAgent {
 
     // --- the connection's too: the writer thread
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
-    int64_t AdjustDBToActualSize() { return m_connection.AdjustDBToActualSize(m_config.lCacheSize); }
+    int64_t AdjustDBToActualSize() {
+        m_health.ExpectShorter();
+        return m_connection.AdjustDBToActualSize(m_config.lCacheSize);
+    }
     [[nodiscard]] int64_t CheckDBIntegrity(); // "pragma quick_check;". 1 sound (also without a connection), 0 not
 
     // --- engine_flags.cpp: the writer thread at its start
@@ -193,6 +197,9 @@ class TARN_API CDataBaseAgent {
   private:
     class CBatch; // batch.cpp: what one pass writes
 
+    class CRepair; // database_repair.h
+    // With "protect": the database is open, and nothing has found it damaged. Any thread.
+    bool MayServe() const { return m_health.IsServing() && !m_connection.Failures().HasDamage(); }
     uint32_t CreateLocks();
     uint32_t StartDatabase();
     uint32_t StartReader();
@@ -207,6 +214,7 @@ class TARN_API CDataBaseAgent {
     bool StartCleanTimer();
     bool MakeTables();
     uint32_t CheckTables() NO_THREAD_SAFETY_ANALYSIS;
+    bool MayAnswer();
     uint32_t AnswerLookup(const char *file, int64_t liPathHash, const struct stat &status, char *md5_text,
                           _SCAN_FILE_RESULT *out);
     // 0, 101 (no such row) or a SQLite code. bHasCode is false for a record that must not answer.
@@ -232,6 +240,7 @@ class TARN_API CDataBaseAgent {
     _DBConfig m_config = {};     // filled at start-up; its running values are then the writer thread's alone
     _Counters m_counters;
     CConnection m_connection;
+    CDatabaseHealth m_health;
     CWriteQueue m_queue;
     CStartGate m_startGate;
     CStartGate m_timerGate; // of the clean timer

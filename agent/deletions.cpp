@@ -20,7 +20,7 @@ uint32_t CDataBaseAgent::DeleteRecordByFileHash(const char *md5_text) {
     const CacheMD5 md5 = MD5Of(md5_text);
     const CBusyDeadline deadline(m_config.bProtect);
     const CWriteLock lock(m_connection.m_tableLock);
-    if (m_pCacheTable->DeleteRecordByMD5(md5.liHighMD5, md5.liLowMD5) == 0) {
+    if (!MayServe() || m_pCacheTable->DeleteRecordByMD5(md5.liHighMD5, md5.liLowMD5) == 0) {
         TARN_LOG_ERROR("[%s][cache] delete record by md5 failed.");
         return TARN_E_FAIL;
     }
@@ -29,7 +29,7 @@ uint32_t CDataBaseAgent::DeleteRecordByFileHash(const char *md5_text) {
 
 uint32_t CDataBaseAgent::DeleteAllRecords() {
     const CWriteLock lock(m_connection.m_tableLock);
-    if (m_pCacheTable->DeleteAllRecords() == 0) {
+    if (!MayServe() || m_pCacheTable->DeleteAllRecords() == 0) {
         TARN_LOG_ERROR("[%s][cache] delete all record failed.");
         return TARN_E_FAIL;
     }
@@ -39,7 +39,7 @@ uint32_t CDataBaseAgent::DeleteAllRecords() {
 uint32_t CDataBaseAgent::DeleteByEngine(int16_t sEngine) {
     const CBusyDeadline deadline(m_config.bProtect);
     const CWriteLock lock(m_connection.m_tableLock);
-    if (m_pCacheTable->DeleteRecordsByEngine(static_cast<uint16_t>(sEngine)) == 0) {
+    if (!MayServe() || m_pCacheTable->DeleteRecordsByEngine(static_cast<uint16_t>(sEngine)) == 0) {
         TARN_LOG_ERROR("[%s][cache] delete records of engine %d failed.", sEngine);
         return TARN_E_FAIL;
     }

@@ -17,13 +17,17 @@ std::string KeyPath(const _DBConfig &config) {
 
 } // namespace
 
-uint32_t CIdentity::Open(const _DBConfig &config, const std::string &strCacheTable) {
+uint32_t CIdentity::LoadKey(const _DBConfig &config) {
     std::string strError;
     m_bHasKey = m_key.Load(KeyPath(config), true, strError);
     if (!m_bHasKey) {
         TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] the identity key cannot be used: %s", strError.c_str());
         return TARN_E_FAIL;
     }
+    return TARN_OK;
+}
+
+uint32_t CIdentity::MakeTable(const std::string &strCacheTable) {
     if (m_table.Make() != TARN_OK || m_table.FollowDeletions(strCacheTable) != 0) {
         TARN_LOG_AS(ELogLevel::Error, kInit, "[%s][cache] Create Table %s failed.", m_table.m_strTableName.c_str());
         return TARN_E_FAIL;

@@ -14,8 +14,10 @@ class CIdentity {
 
     explicit CIdentity(sqlite3 *pDB) : m_table(pDB) {}
 
-    // Start-up. Reads or makes the key beside the database and makes the table. TARN_OK; TARN_E_FAIL (logged).
-    [[nodiscard]] uint32_t Open(const _DBConfig &config, const std::string &strCacheTable);
+    // Start-up. Reads or makes the key beside the database. TARN_OK; TARN_E_FAIL (logged).
+    [[nodiscard]] uint32_t LoadKey(const _DBConfig &config);
+    // Makes the table. TARN_OK; TARN_E_FAIL (logged).
+    [[nodiscard]] uint32_t MakeTable(const std::string &strCacheTable);
     // Start-up of a reader: makes nothing. Without key or table every question is answered with no.
     void OpenForReading(const _DBConfig &config);
 

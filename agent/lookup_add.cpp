@@ -70,7 +70,7 @@ uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, cons
     const _FileIdentity identity = {file, ullFileSystem, status};
     _CacheRecord record = {};
     record.liFilePathHash = liPathHash;
-    if (!bTold || !QueryHit(identity, record, md5_text, out)) {
+    if (!bTold || !MayAnswer() || !QueryHit(identity, record, md5_text, out)) {
         TARN_LOG_DEBUG_AS(kLookup, "[%s][cache] file:%s is not in cache.", file);
         m_counters.ulMisses.fetch_add(IsReader() ? 0 : 1, std::memory_order_relaxed);
         return TARN_NOT_CACHED;
@@ -79,6 +79,18 @@ uint32_t CDataBaseAgent::AnswerLookup(const char *file, int64_t liPathHash, cons
         NoteHit(liPathHash);
     }
     return TARN_OK;
+}
+
+bool CDataBaseAgent::MayAnswer() {
+    const bool bInPlace = m_pProtection == nullptr || !IsReader() || m_health.IsInPlace(DatabasePath(m_config));
+    if (bInPlace && MayServe()) {
+        return true;
+    }
+    if (m_eMode != EMode::Full && !m_health.m_bSaid.exchange(true)) { // the writer says more when it heals it
+        TARN_LOG_AS(ELogLevel::Error, kLookup,
+                    "[%s][cache] the database is damaged or gone; nothing is answered until the next start");
+    }
+    return false;
 }
 
 uint32_t CDataBaseAgent::ReadRecord(_CacheRecord &record, bool &bHasCode) {
@@ -154,7 +166,8 @@ uint32_t CDataBaseAgent::FindVirusIndex(const std::string &strVirusDesc, int16_t
         m_config.bProtect); // from before the lock, so that those who queue for it do not add up
     const CWriteLock lock(m_connection.m_tableLock); // the virus table may gain a row
     // An index beyond the record's 16 bits would come back as another description.
-    if (m_pVirusTable->GetIndexByVirusDesc(strVirusDesc.c_str(), &iVirusIndex) == 0 || iVirusIndex > INT16_MAX) {
+    if (!MayServe() || m_pVirusTable->GetIndexByVirusDesc(strVirusDesc.c_str(), &iVirusIndex) == 0 ||
+        iVirusIndex > INT16_MAX) {
         TARN_LOG_AS(ELogLevel::Error, kAdd, "[%s][cache] get virus id from virus desc failed.");
         return TARN_E_FAIL;
     }

@@ -60,6 +60,9 @@ uint32_t CConnection::CommitTransaction() {
         TARN_LOG_ERROR("[%s][cache] db or commit transmit is null.");
         return TARN_E_FAIL;
     }
+    if (m_failures.HasDamage()) {
+        return TARN_E_FAIL; // nothing more goes into a damaged file
+    }
     return StepTransaction(m_stCommit);
 }
 

@@ -117,6 +117,11 @@ uint64_t CWriteQueue::Waiting() {
     return m_ullQueued - m_ullSettled;
 }
 
+bool CWriteQueue::IsAwaited() {
+    const CMutexLock lock(m_mutex);
+    return !m_bRunning || m_nFlushing > 0 || m_lFlags != 0;
+}
+
 void CWriteQueue::WaitForWork() {
     if (m_bRunning && m_nFlushing == 0 && m_lFlags == 0 && (m_vecAddFront.empty() || m_mapHitFront.empty())) {
         (void)m_workCondition.WaitUntil(m_mutex, NextWholeSecond()); // without work a pass does little

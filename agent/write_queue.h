@@ -49,6 +49,7 @@ class CWriteQueue {
     [[nodiscard]] uint32_t WaitUntilSettled(uint32_t ulTimeoutMs);
     [[nodiscard]] uint64_t Lost() const { return m_ullLost; } // records dropped since the start
     [[nodiscard]] uint64_t Waiting();                         // records not settled yet
+    [[nodiscard]] bool IsAwaited();                           // does somebody wait for the coming pass?
 
     // --- the writer thread
 

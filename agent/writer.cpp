@@ -1,6 +1,6 @@
 // The writer thread: swaps the queues out under the queue mutex, then writes them under the table lock held for
 // writing.
-#include "agent/dbagent.h"
+#include "agent/database_repair.h"
 
 #include "formats/installation.h"
 #include "support/call_guard.h"
@@ -67,6 +67,7 @@ void CDataBaseAgent::UpdateRecords() {
         cl_ev_loop_nowait(1);
         cl_event_loop_once(); // the clean timer's callback runs here
         SweepCodes();
+        CRepair(*this).CheckAfterUncleanEnd();
         (void)RunStartStep([this] { RetryWithdrawals(); });
         if (cl_ev_cb_count() == 0) {
             m_queue.Pause();
@@ -103,7 +104,12 @@ void CDataBaseAgent::TakeUpdates() {
 
 bool CDataBaseAgent::RunWritePass(bool bWait) {
     const bool bRunning = m_queue.TakeBatch(bWait);
-    DoBatchWriteJobs();
+    CRepair(*this).HealIfNeeded();
+    if (MayServe()) {
+        DoBatchWriteJobs();
+    } else {
+        m_queue.Settle(0);
+    }
     return bRunning;
 }
 

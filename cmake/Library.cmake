@@ -13,6 +13,7 @@ add_library(tarncache SHARED
   tables/busy_deadline.cpp
   tables/cachetable.cpp
   tables/cachetable_bulk.cpp
+  tables/failure_note.cpp
   tables/guarded_vfs.cpp
   tables/identitytable.cpp
   tables/schema.cpp
@@ -25,16 +26,25 @@ add_library(tarncache SHARED
   agent/cleaning.cpp
   agent/compaction.cpp
   agent/connection.cpp
+  agent/damage_proof.cpp
   agent/database_file.cpp
+  agent/database_healing.cpp
+  agent/database_health.cpp
+  agent/database_repair.cpp
   agent/dbagent.cpp
   agent/deletions.cpp
   agent/engine_flags.cpp
+  agent/forwarding_vfs.cpp
+  agent/guarded_vfs.cpp
   agent/identity.cpp
   agent/lookup_add.cpp
   agent/markers.cpp
+  agent/own_reading.cpp
   agent/questions.cpp
   agent/reverse_lookup.cpp
   agent/scan_bracket.cpp
+  agent/schema_audit.cpp
+  agent/set_aside.cpp
   agent/start_gate.cpp
   agent/statistics.cpp
   agent/transactions.cpp

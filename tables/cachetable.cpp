@@ -69,9 +69,13 @@ uint32_t CCacheTable::OnCreate() {
     }
     // Without this index every deletion by MD5 reads the whole table. A failure is logged by the callee; the table
     // works without the index, so it is no failure of the start.
-    (void)__implExecDDL(m_pDB, "create index if not exists " + m_strTableName + "_MD5 on " + m_strTableName + "(" +
-                                   ColumnName(kColumnFHMD) + "," + ColumnName(kColumnFLMD) + ");");
+    (void)__implExecDDL(m_pDB, MD5IndexText());
     return 0;
+}
+
+std::string CCacheTable::MD5IndexText() const {
+    return "create index if not exists " + m_strTableName + "_MD5 on " + m_strTableName + "(" +
+           ColumnName(kColumnFHMD) + "," + ColumnName(kColumnFLMD) + ");";
 }
 
 // Every statement has to go before the connection is closed: SQLite refuses to close one with statements left.

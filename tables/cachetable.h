@@ -27,6 +27,7 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     // 0; 1 without a connection; else the SQLite code of the failed preparation.
     [[nodiscard]] uint32_t OnCreate() override;
     void OnRelease() override;
+    [[nodiscard]] std::string MD5IndexText() const; // what makes that index
 
     [[nodiscard]] uint32_t InsertRecord(_CacheRecord *pRecord) override;
     [[nodiscard]] uint32_t QueryRecord(_CacheRecord *pRecord) override;

@@ -12,10 +12,6 @@ uint32_t CIdentityTable::Make() {
     if (__implExecDDL(m_pDB, m_strCreateSQL) != 0) {
         return TARN_E_FAIL;
     }
-    // A check that meets a lock finds a difference too; dropping the table then fails at the same lock.
-    if (!IsThere() && (__implExecDDL(m_pDB, m_strDropSQL) != 0 || __implExecDDL(m_pDB, m_strCreateSQL) != 0)) {
-        return TARN_E_FAIL;
-    }
     return m_stInsert.Prepare(m_pDB) == SQLITE_OK ? TARN_OK : TARN_E_FAIL;
 }
 

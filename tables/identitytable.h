@@ -18,9 +18,13 @@ class TARN_API CIdentityTable : public CTableSchema {
     CIdentityTable &operator=(const CIdentityTable &) = delete;
     ~CIdentityTable() { FinalizeStatements(); }
 
-    // Makes the table where it is missing, and anew where its schema differs, which only costs misses. TARN_OK;
-    // TARN_E_FAIL (logged).
+    // Makes the table where it is missing. TARN_OK; TARN_E_FAIL.
     [[nodiscard]] uint32_t Make();
+    // As CTableBase::MoveTo.
+    void MoveTo(sqlite3 *pDB) {
+        FinalizeStatements();
+        m_pDB = pDB;
+    }
     // Whether it is there as expected.
     [[nodiscard]] bool IsThere() const { return __implCheckIntegrity(m_pDB, m_strCheckSQL, m_strCreateSQL) == 0; }
     // Replaces the code of this key. 0 or the SQLite code.

@@ -2,6 +2,7 @@
 
 #include "platform/nubbase.h"
 #include "tables/busy_deadline.h"
+#include "tables/failure_note.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -55,6 +56,7 @@ int __implExecDDL(sqlite3 *pDB, const std::string &strSQL) {
     }
     const std::unique_ptr<char, _SqliteFree> pError(pszError);
     if (iResult != SQLITE_OK) {
+        CFailureNote::Note(pDB, iResult);
         TARN_LOG_ERROR("[%s]Create SQL Stmt (%s) failed with error msg, %s", strSQL.c_str(),
                        pError != nullptr ? pError.get() : sqlite3_errstr(iResult));
         return 1;

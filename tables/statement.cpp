@@ -1,13 +1,18 @@
 #include "tables/statement.h"
 
 #include "tables/busy_deadline.h"
+#include "tables/failure_note.h"
 #include "tables/statement_pool.h"
 
 #include <new>
 #include <sqlite3.h>
 
 int _SQLStmt::Prepare(sqlite3 *pDB) {
-    return pStmt != nullptr ? SQLITE_OK : sqlite3_prepare_v2(pDB, strSQL.c_str(), -1, &pStmt, nullptr);
+    const int iResult = pStmt != nullptr ? SQLITE_OK : sqlite3_prepare_v2(pDB, strSQL.c_str(), -1, &pStmt, nullptr);
+    if (iResult != SQLITE_OK) {
+        CFailureNote::Note(pDB, iResult);
+    }
+    return iResult;
 }
 
 void _SQLStmt::Finalize() {
@@ -57,6 +62,10 @@ CStatement::~CStatement() {
 }
 
 void CStatement::Prepare(const char *pszSQL) {
+    if (m_pDB == nullptr) {
+        m_iResult = SQLITE_CANTOPEN; // the database is closed while it heals
+        return;
+    }
     const CConnectionGuard lock(m_pDB);
     NoteCall(sqlite3_prepare_v2(m_pDB, pszSQL, -1, &m_pStmt, nullptr));
     m_pOwn.reset(m_pStmt);
@@ -75,6 +84,7 @@ void CStatement::NoteCall(int iResult) noexcept {
     if (iResult == SQLITE_OK || iResult == SQLITE_ROW || iResult == SQLITE_DONE) {
         return;
     }
+    CFailureNote::Note(m_pDB, iResult);
     try {
         m_strError = sqlite3_errmsg(m_pDB);
     } catch (const std::bad_alloc &) {

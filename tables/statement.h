@@ -54,7 +54,7 @@ class CConnectionGuard {
 
 // One use of a statement, by one thread: prepare, bind, step, read. After a failure it stays inert: every later call
 // answers with the failing code and does not reach the database, so the result needs to be looked at once, at the end.
-// The connection (never null) and what is bound must outlive the use.
+// The connection and what is bound must outlive the use. Without a connection a text of its own fails.
 class TARN_API CStatement {
   public:
     // A text of its own: prepared here, finalized at the end.

@@ -96,6 +96,11 @@ bool CVirusTable::FindInMap(const std::string &strVirusDesc, int *pVirusIndex) {
     return true;
 }
 
+void CVirusTable::ForgetTexts() {
+    const std::lock_guard<std::mutex> lock(m_mapMutex);
+    m_mapVirusDesc.clear();
+}
+
 int CVirusTable::GetIndexByVirusDesc(const char *pszVirusDesc, int *pVirusIndex) {
     if (m_pDB == nullptr || pszVirusDesc == nullptr || pVirusIndex == nullptr) {
         TARN_LOG_ERROR("[%s]arg m_pDB or pMap or pszVirusDesc or pVirusIndex is null.");

@@ -41,6 +41,9 @@ class TARN_API CVirusTable : public CTableBase<_VirusRecord> {
     // mutex must not be held. 0 success, else a SQLite code or 1.
     [[nodiscard]] uint32_t LoadRecords(std::map<int, std::string> *pMap, const char *pszVirusDesc, int *pVirusIndex);
 
+    // Another database takes the place of the one that the map is about.
+    void ForgetTexts();
+
     std::map<int, std::string> m_mapVirusDesc; // what is known so far; only grows
 
   private:

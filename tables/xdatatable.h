@@ -51,6 +51,12 @@ template <typename Record> class CTableBase : public IBaseTable<Record>, public 
         }
         return this->OnCreate();
     }
+    // Lets go of the statements and goes over to another connection; null: to none.
+    void MoveTo(sqlite3 *pDB) {
+        FinalizeStatements();
+        this->OnRelease();
+        m_pDB = pDB;
+    }
     // Instead of CreateTable, on a connection for reading: looks whether the table is there as expected and prepares
     // what queries need. Executes and changes nothing; insertions and deletions stay refused. 0; 1 when the table is
     // absent, different or cannot be read; else the SQLite code of a failed preparation. Failed checks are logged.

@@ -1,0 +1,102 @@
+// A database that cannot be used: what is left alone, what is moved aside, and what the cache does meanwhile.
+#include "tests/agent_fixture.h"
+
+#include <sys/mman.h>
+
+namespace fs = std::filesystem;
+
+class DatabaseHealth : public CAgentTest {
+  protected:
+    DatabaseHealth() {
+        Configure("protect=1\nexpiretime=4102444800\n");
+        EXPECT_EQ(Start(), TARN_OK);
+        Write(m_strFile, Verdict(1, 1, "Some.Virus"));
+        EXPECT_EQ(Stop(), TARN_OK);
+        m_strGood = ReadWholeFile(m_install.Database());
+        RecordedLog::Clear();
+    }
+    void Put(const std::string &strContent) { m_install.WriteFile("engine/cache/morcache.db", strContent); }
+    std::string Damaged() const { return m_install.Database("morcache.db.damaged"); }
+    void Reset() {
+        (void)Stop();
+        for (const char *pszName : {"morcache.db", "morcache.db-journal", "morcache.db.damaged"}) {
+            fs::remove_all(m_install.Database(pszName));
+        }
+        Put(m_strGood);
+        RecordedLog::Clear();
+    }
+
+    const std::string m_strFile = File("file");
+    std::string m_strGood;
+};
+
+TEST_F(DatabaseHealth, WhatIsProvenDamagedOrForeignIsMovedAsideOnce) {
+    std::string strIndex = m_strGood; // its pages name themselves leaves of a table
+    const struct {
+        const char *pszCause;
+        std::function<void()> damage;
+    } cases[] = {
+        {"no database", [this] { Put(std::string(8192, '?')); }},
+        {"cut", [this] { Put(m_strGood.substr(0, 4096)); }},
+        {"a page of zeros", [this] { Put(m_strGood.substr(0, 4096) + std::string(m_strGood.size() - 4096, '\0')); }},
+        {"a trigger", [this] { Run("create trigger T after insert on CT begin delete from VDT; end"); }},
+        {"a view", [this] { Run("drop table VST; create view VST as select 1, 2, 3"); }},
+        {"another shape", [this] { Run("alter table CT add column X"); }},
+        {"names without a table", [this] { Run("drop table VDT"); }},
+        {"many tables",
+         [this] {
+             std::string strTables = "begin;";
+             for (int i = 0; i < 3000; ++i) {
+                 strTables += "create table T" + std::to_string(i) + "(a);";
+             }
+             Run(strTables + "commit");
+         }},
+    };
+    for (const auto &testCase : cases) {
+        SCOPED_TRACE(testCase.pszCause);
+        Reset();
+        testCase.damage();
+        m_install.WriteFile("engine/cache/morcache.db.damaged", "an earlier one");
+        const std::string strBefore = ReadWholeFile(m_install.Database());
+        ASSERT_EQ(Start(), TARN_OK);
+        EXPECT_EQ(ReadWholeFile(Damaged()), strBefore);
+        EXPECT_EQ(Moves(), 1U);
+        EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
+        Write(m_strFile);
+        EXPECT_EQ(Lookup(m_strFile), TARN_OK);
+        ASSERT_EQ(Start(), TARN_OK);
+        EXPECT_EQ(Lookup(m_strFile), TARN_OK);
+        EXPECT_EQ(Moves(), 1U);
+    }
+}
+
+TEST_F(DatabaseHealth, WhatCannotBeOpenedIsLeftAloneAndNamed) {
+    const struct {
+        std::string strReason;
+        std::function<void(const std::string &)> obstruct;
+    } cases[] = {
+        {"is a symbolic link",
+         [this](const std::string &s) {
+             fs::rename(s, File("x"));
+             fs::create_symlink(m_install.Path("x"), s);
+         }},
+        {"pipe",
+         [](const std::string &s) {
+             fs::remove(s);
+             ASSERT_EQ(mkfifo(s.c_str(), 0600), 0);
+         }},
+        {"journal", [](const std::string &s) { ASSERT_EQ(mkfifo((s + "-journal").c_str(), 0600), 0); }},
+        {"journal", [](const std::string &s) { fs::create_directory(s + "-journal"); }},
+        {"names", [this](const std::string &s) { fs::create_hard_link(s, m_install.Path("y")); }},
+        {"owner", [](const std::string &s) { ASSERT_EQ(chown(s.c_str(), 12345, 0), 0); }},
+    };
+    for (const auto &testCase : cases) {
+        SCOPED_TRACE(testCase.strReason);
+        Reset();
+        testCase.obstruct(m_install.Database());
+        EXPECT_EQ(Start(), TARN_E_FAIL);
+        for (auto &t : RecordedLog::Texts())
+            printf("   %s\n", t.c_str());
+        EXPECT_FALSE(Exists(Damaged()));
+    }
+}
