@@ -82,6 +82,11 @@ void CDataBaseAgent::CleanTimerCallback(cl_timerplus *pTimer) {
     }
 }
 
+int64_t CDataBaseAgent::AdjustDBToActualSize() {
+    m_health.ExpectShorter();
+    return m_connection.AdjustDBToActualSize(m_config.lCacheSize);
+}
+
 void CDataBaseAgent::TimerCleanCaches() {
     TARN_LOG_DEBUG("[%s][cache] Check max storage count to clean cache");
     (void)TrimRecords(); // logged there; the timer comes again

@@ -62,7 +62,7 @@ class TARN_API CDataBaseAgent {
 
     // --- database_file.cpp: start-up and shut-down only, no lock
 
-    // Opens the database, rebuilding it when SQLite cannot (not with "protect"). TARN_OK or TARN_E_FAIL (closed again).
+    // Opens the database, rebuilding it when SQLite cannot. TARN_OK or TARN_E_FAIL (closed again).
     [[nodiscard]] uint32_t OpenDB();
     // Deletes the file, or moves to the fallback name when it cannot be deleted, and opens an empty database.
     [[nodiscard]] uint32_t RebuildDB();
@@ -71,7 +71,7 @@ class TARN_API CDataBaseAgent {
     // Writes the version row when there is none. 0, a SQLite code, or 0xFFFFFFFF without a connection.
     [[nodiscard]] uint32_t CheckModuleVersion();
     void DBTablesUnInit();
-    uint32_t CloseDB() { return m_connection.CloseDB(); }
+    uint32_t CloseDB() { return m_connection.CloseDB(); } // TARN_OK, or TARN_E_FAIL: the connection stays
 
     // --- lookup_add.cpp: any thread. The forms with a status take it from the caller instead of the file system.
 
@@ -94,16 +94,15 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t CachePeek(const char *file, char *md5_text, _SCAN_FILE_RESULT *out, bool *pbCurrent);
     // Record, file and reason; the size field is not touched. TARN_OK or TARN_E_FAIL.
     [[nodiscard]] uint32_t Explain(const char *file, _LOCAL_CACHE_EXPLANATION &explanation);
-    // As LocalCacheEnumerate. No lock is held while onRecord runs.
+    // As LocalCacheEnumerate and LocalCacheCheck (check.cpp). No lock is held while the caller's function runs.
     [[nodiscard]] uint32_t EnumerateRecords(int (*onRecord)(const _LOCAL_CACHE_RECORD *, void *), void *context);
-    // As LocalCacheCheck (check.cpp).
     [[nodiscard]] uint32_t CheckSoundness(void (*onFinding)(const char *, void *), void *context);
 
     // --- writer.cpp: the writer thread
 
     static void *UpdateWorkThread(void *agent);
     void UpdateRecords();
-    // Decides what the coming pass writes, swapping front and back containers. Queue mutex held.
+    // Decides what the coming pass writes, swapping front and back containers.
     void PreDoJobs() REQUIRES(m_queue.m_mutex) { m_queue.SwapDue(); }
     // Writes the back containers in one transaction and empties them. Takes the table lock for writing.
     void DoBatchWriteJobs() EXCLUDES(m_connection.m_tableLock);
@@ -150,15 +149,12 @@ class TARN_API CDataBaseAgent {
 
     // --- the connection's too: the writer thread
     // "vacuum;", without the table lock. 1 success (also without a connection), 0 failure.
-    int64_t AdjustDBToActualSize() {
-        m_health.ExpectShorter();
-        return m_connection.AdjustDBToActualSize(m_config.lCacheSize);
-    }
+    int64_t AdjustDBToActualSize();
     [[nodiscard]] int64_t CheckDBIntegrity(); // "pragma quick_check;". 1 sound (also without a connection), 0 not
 
     // --- engine_flags.cpp: the writer thread at its start
 
-    // True when the named marker file exists; *flag then is the value it stands for.
+    // Does the named marker file exist? *flag then is the value it stands for.
     [[nodiscard]] bool ReadCleanCacheFlag(const char *name, int32_t *flag);
     // Removes the named marker (and the update-cache file with the hash marker). False only for a null name.
     bool ResetCleanCacheFlag(const char *name);
@@ -166,8 +162,7 @@ class TARN_API CDataBaseAgent {
     void GetEngineListByFlag(int32_t flag, EngineSet &engines);
     // Deletes the records of the flag's engines; 0 none, -1 every record. TARN_OK or TARN_E_FAIL.
     uint32_t CheckDeleteAllCacheRecordsByFlag(int32_t flag);
-    // Consumes the marker "clean_engine_flag". TARN_OK, or TARN_E_FAIL without a marker.
-    uint32_t CheckDeleteAllCacheRecords();
+    uint32_t CheckDeleteAllCacheRecords(); // consumes "clean_engine_flag". TARN_OK; TARN_E_FAIL without a marker
 
     // --- update_cache.cpp: the writer thread at its start
 
@@ -179,8 +174,7 @@ class TARN_API CDataBaseAgent {
     [[nodiscard]] uint32_t DeleteCacheRecordsByFileMD5();
     // Applies the digest lines of text, 1000 to a transaction. Codes as above.
     [[nodiscard]] uint32_t ParseAndDeleteCacheRecordsByFileMD5(char *text);
-    // One batch in one transaction, table lock for writing. The result of the rollback when it failed: a batch that was
-    // rolled back cleanly reports TARN_OK.
+    // One batch in one transaction, table lock for writing. A batch that was rolled back cleanly reports TARN_OK.
     [[nodiscard]] uint32_t BatchDeleteCacheRecordsByFileMD5(std::vector<CacheMD5> &batch);
 
     // With the key "protect" instead of the two checks: carries out what is withdrawn, and leaves in force what fails.
@@ -188,17 +182,15 @@ class TARN_API CDataBaseAgent {
 
     // --- reverse_lookup.cpp: any thread
 
-    // Fills each MD5's vector with its records and their paths; may take long. TARN_OK, or TARN_E_FAIL with every
-    // vector freed and empty. Table lock for reading, once per MD5; none during the walk. The caller frees the records.
+    // Fills each MD5's vector with records and paths, which the caller frees; may take long. TARN_OK; TARN_E_FAIL: all
+    // empty. Table lock for reading, once per MD5; none during the walk.
     [[nodiscard]] uint32_t LookupFilePathsByHashs(RecordMap &requests);
-    // Whom the walk tells of each folder. Any thread.
-    [[nodiscard]] CFindProgress &FindProgress() { return m_findProgress; }
+    [[nodiscard]] CFindProgress &FindProgress() { return m_findProgress; } // any thread: whom the walk tells
 
   private:
     class CBatch; // batch.cpp: what one pass writes
 
     class CRepair; // database_repair.h
-    // With "protect": the database is open, and nothing has found it damaged. Any thread.
     bool MayServe() const { return m_health.IsServing() && !m_connection.Failures().HasDamage(); }
     uint32_t CreateLocks();
     uint32_t StartDatabase();

@@ -1,8 +1,6 @@
 // A database that cannot be used: what is left alone, what is moved aside, and what the cache does meanwhile.
 #include "tests/agent_fixture.h"
 
-#include <sys/mman.h>
-
 namespace fs = std::filesystem;
 
 class DatabaseHealth : public CAgentTest {
@@ -16,6 +14,12 @@ class DatabaseHealth : public CAgentTest {
         RecordedLog::Clear();
     }
     void Put(const std::string &strContent) { m_install.WriteFile("engine/cache/morcache.db", strContent); }
+    static size_t Moves() {
+        const Texts vecTexts = RecordedLog::Texts(2);
+        return static_cast<size_t>(std::count_if(vecTexts.begin(), vecTexts.end(), [](const std::string &strText) {
+            return strText.find("moved to") != std::string::npos;
+        }));
+    }
     std::string Damaged() const { return m_install.Database("morcache.db.damaged"); }
     void Reset() {
         (void)Stop();
@@ -31,7 +35,6 @@ class DatabaseHealth : public CAgentTest {
 };
 
 TEST_F(DatabaseHealth, WhatIsProvenDamagedOrForeignIsMovedAsideOnce) {
-    std::string strIndex = m_strGood; // its pages name themselves leaves of a table
     const struct {
         const char *pszCause;
         std::function<void()> damage;
@@ -80,15 +83,17 @@ TEST_F(DatabaseHealth, WhatCannotBeOpenedIsLeftAloneAndNamed) {
              fs::rename(s, File("x"));
              fs::create_symlink(m_install.Path("x"), s);
          }},
-        {"pipe",
+        {"morcache.db is not opened: refused, it is not a regular file",
          [](const std::string &s) {
              fs::remove(s);
              ASSERT_EQ(mkfifo(s.c_str(), 0600), 0);
          }},
-        {"journal", [](const std::string &s) { ASSERT_EQ(mkfifo((s + "-journal").c_str(), 0600), 0); }},
-        {"journal", [](const std::string &s) { fs::create_directory(s + "-journal"); }},
-        {"names", [this](const std::string &s) { fs::create_hard_link(s, m_install.Path("y")); }},
-        {"owner", [](const std::string &s) { ASSERT_EQ(chown(s.c_str(), 12345, 0), 0); }},
+        {"morcache.db-journal is not opened: refused, it is not a regular file",
+         [](const std::string &s) { ASSERT_EQ(mkfifo((s + "-journal").c_str(), 0600), 0); }},
+        {"morcache.db-journal is not opened: refused, it is not a regular file",
+         [](const std::string &s) { fs::create_directory(s + "-journal"); }},
+        {"several names", [this](const std::string &s) { fs::create_hard_link(s, m_install.Path("y")); }},
+        {"belongs to another user", [](const std::string &s) { ASSERT_EQ(chown(s.c_str(), 12345, 0), 0); }},
     };
     for (const auto &testCase : cases) {
         SCOPED_TRACE(testCase.strReason);
@@ -97,6 +102,42 @@ TEST_F(DatabaseHealth, WhatCannotBeOpenedIsLeftAloneAndNamed) {
         EXPECT_EQ(Start(), TARN_E_FAIL);
         for (auto &t : RecordedLog::Texts())
             printf("   %s\n", t.c_str());
+        const Texts vecTexts = RecordedLog::Texts(2);
+        EXPECT_TRUE(std::any_of(vecTexts.begin(), vecTexts.end(), [&](const std::string &strText) {
+            return strText.find(testCase.strReason) != std::string::npos;
+        }));
         EXPECT_FALSE(Exists(Damaged()));
+    }
+}
+
+TEST_F(DatabaseHealth, WhatHappensToARunningCacheHealsInItsWriter) {
+    const struct {
+        const char *pszCause;
+        std::function<void(const std::string &)> damage;
+        bool bStays = false; // what was stored
+    } cases[] = {
+        {"removed", [](const std::string &s) { fs::remove(s); }},
+        {"cut", [](const std::string &s) { fs::resize_file(s, 8192); }},
+        {"emptied", [](const std::string &s) { fs::resize_file(s, 0); }},
+        {"replaced by its copy",
+         [this](const std::string &s) {
+             fs::remove(s);
+             Put(m_strGood);
+         },
+         true},
+    };
+    for (const auto &testCase : cases) {
+        SCOPED_TRACE(testCase.pszCause);
+        Reset();
+        ASSERT_EQ(Start(), TARN_OK);
+        ASSERT_EQ(Lookup(m_strFile), TARN_OK);
+        const std::string strOther = File("other");
+        ASSERT_EQ(Add(strOther, Verdict(1, 1, "Other.Virus")), TARN_OK); // its index counts in the former table
+        testCase.damage(m_install.Database());
+        m_pAgent->RunWritePass(false);
+        EXPECT_EQ(Lookup(m_strFile), testCase.bStays ? TARN_OK : TARN_NOT_CACHED);
+        Write(m_strFile, Verdict(1, 1, "New.Virus"));
+        EXPECT_EQ(Lookup(m_strFile), TARN_OK);
+        EXPECT_EQ(Lookup(strOther), TARN_NOT_CACHED);
     }
 }
