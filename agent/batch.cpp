@@ -130,6 +130,9 @@ uint32_t CDataBaseAgent::CBatch::InsertRecord(_CacheRecord &record) {
 // Up to the first record that cannot be inserted.
 void CDataBaseAgent::CBatch::Insert() {
     for (const std::unique_ptr<_CacheRecord> &pRecord : m_queue.Records()) {
+        if (pRecord->ulDatabase != m_agent.m_health.Generation()) {
+            continue; // the database has been made anew since, and the index means another description or none
+        }
         const uint32_t ulResult = InsertRecord(*pRecord);
         m_bHeld = ulResult == SQLITE_BUSY && m_bKeeps;
         if (ulResult != 0 && !m_bHeld) { // the rest of the batch is dropped; what was inserted is committed

@@ -48,7 +48,7 @@ void CDataBaseAgent::CRepair::HealIfNeeded() {
 // 1. Lookups miss already, without a look at the lock. Those on their way are waited for, then all is closed.
 // 2. Proving damage reads the whole file. No lock is held, and our own descriptor drops no lock of a connection.
 // 3. What is there now is opened, or an empty one made. Records that wait and name a description by its index in the
-//    former database are known by their generation and not written.
+//    former database are known by their generation and lost.
 bool CDataBaseAgent::CRepair::Heal() {
     {
         const CWriteLock lock(m_connection.m_tableLock);

@@ -39,7 +39,6 @@ enum class EMode : int { Full = TARN_MODE_FULL, Direct = TARN_MODE_DIRECT, Reade
 class TARN_API CDataBaseAgent {
   public:
     using TransactionType = ::TransactionType;
-
     CDataBaseAgent();
     virtual ~CDataBaseAgent(); // frees what is still queued, without writing it
     CDataBaseAgent(const CDataBaseAgent &) = delete;
@@ -217,7 +216,7 @@ class TARN_API CDataBaseAgent {
     void NoteHit(int64_t liPathHash);
     uint32_t QueueRecord(const char *file, const struct stat &status, std::unique_ptr<_CacheRecord> pRecord,
                          const char *md5_text, const _SCAN_FILE_RESULT *in);
-    uint32_t FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex);
+    uint32_t FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex, uint32_t &ulDatabase);
     void SweepCodes() EXCLUDES(m_connection.m_tableLock);
     bool CopyRecordOut(const _CacheRecord &stored, _LOCAL_CACHE_RECORD &record)
         REQUIRES_SHARED(m_connection.m_tableLock);

@@ -19,11 +19,18 @@ void MakeFile(const char *pszPath) {
 } // namespace
 
 int CGuardedVfs::OpenFile(const char *pszPath, sqlite3_file *pFile, int iFlags, int *piOutFlags) {
+    if ((iFlags & SQLITE_OPEN_MAIN_DB) != 0) {
+        m_pszRefused = nullptr;
+    }
     if (pszPath != nullptr && (iFlags & kOursByName) != 0) {
         // By its name: closing a descriptor of the database would drop this process's locks on it.
         const _FileCheck check = CheckFile(pszPath, 0);
         if (check.IsRefused()) {
-            TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] %s is not opened: %s", pszPath, check.Text());
+            if ((iFlags & SQLITE_OPEN_MAIN_DB) == 0) {
+                TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] %s is not opened: %s", pszPath, check.Text());
+            } else {
+                m_pszRefused = check.Text();
+            }
             errno = check.iError; // SQLite asks for it
             return SQLITE_CANTOPEN;
         }

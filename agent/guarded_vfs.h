@@ -9,9 +9,17 @@
 #include "agent/forwarding_vfs.h"
 
 class CGuardedVfs : public CForwardingVfs {
+  public:
+    // Why the database itself was not opened; null: that is not the reason. Who opened it says so.
+    [[nodiscard]] const char *Refusal() const { return m_pszRefused; }
+
   protected:
-    // A database that is missing is made with mode 0600. SQLITE_CANTOPEN (logged) for what must not be opened.
+    // A database that is missing is made with mode 0600. SQLITE_CANTOPEN for what must not be opened; logged for a
+    // journal.
     int OpenFile(const char *pszPath, sqlite3_file *pFile, int iFlags, int *piOutFlags) override;
+
+  private:
+    const char *m_pszRefused = nullptr; // set by the first opening alone
 };
 
 #endif

@@ -160,7 +160,7 @@ uint32_t CDataBaseAgent::CacheAddStat(const char *file, const struct stat &statu
     return QueueRecord(file, status, std::move(pRecord), md5_text, in);
 }
 
-uint32_t CDataBaseAgent::FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex) {
+uint32_t CDataBaseAgent::FindVirusIndex(const std::string &strVirusDesc, int16_t &sVirusIndex, uint32_t &ulDatabase) {
     int iVirusIndex = 0;
     const CBusyDeadline deadline(
         m_config.bProtect); // from before the lock, so that those who queue for it do not add up
@@ -172,6 +172,7 @@ uint32_t CDataBaseAgent::FindVirusIndex(const std::string &strVirusDesc, int16_t
         return TARN_E_FAIL;
     }
     sVirusIndex = static_cast<int16_t>(iVirusIndex);
+    ulDatabase = m_health.Generation();
     return TARN_OK;
 }
 
@@ -185,7 +186,7 @@ uint32_t CDataBaseAgent::QueueRecord(const char *file, const struct stat &status
     // The caller's field may be full without an end.
     const std::string strVirusDesc(in->szVirusDesc, strnlen(in->szVirusDesc, TARN_VIRUS_DESC_SIZE - 1));
     int16_t sVirusIndex = 0;
-    if (const uint32_t ulResult = FindVirusIndex(strVirusDesc, sVirusIndex); ulResult != TARN_OK) {
+    if (const uint32_t ulResult = FindVirusIndex(strVirusDesc, sVirusIndex, pRecord->ulDatabase); ulResult != TARN_OK) {
         return ulResult;
     }
     const uint32_t ulFlags = in->ulFlags;

@@ -17,7 +17,7 @@ TEST_F(Faults, WhatIsPlantedIsSeen) {
     }
 }
 
-TEST_F(Faults, DISABLED_EachSystemCallOfSQLiteFails) {
+TEST_F(Faults, EachSystemCallOfSQLiteFails) {
     EachPoint("system calls that fail once", EFault::File);
     EachPoint("system calls that fail from one on", EFault::File, true);
 }

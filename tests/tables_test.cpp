@@ -133,7 +133,7 @@ TEST_F(Tables, BusyDatabaseIsWaitedForAsOftenAsEachOperationSays) {
 }
 
 TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
-    _CacheRecordEx record = {{INT64_MIN, -1, 0x7766554433221100, -2, INT64_MAX, 41, 5000000000, 15, "/abcd", {}},
+    _CacheRecordEx record = {{INT64_MIN, -1, 0x7766554433221100, -2, INT64_MAX, 41, 5000000000, 15, "/abcd", {}, 0},
                              "behind"};
     ASSERT_EQ(cache.InsertRecord(&record), 0U);
     EXPECT_EQ(db.Text("select FPH||' '||FAH||' '||FTV||' '||FHMD||' '||FLMD||' '||QC||' '||TS||' '||RS||' '||"
@@ -149,7 +149,7 @@ TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
     read.liFilePathHash = 5;
     EXPECT_EQ(cache.InsertRecord(&read), 0U);
     EXPECT_EQ(db.Number("select count(*) from (select distinct FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI from CT)"), 1);
-    _CacheRecord replacement = {5, 1, 2, 3, 4, 0, 6, 7, "", {}};
+    _CacheRecord replacement = {5, 1, 2, 3, 4, 0, 6, 7, "", {}, 0};
     EXPECT_EQ((Results{cache.InsertRecord(&replacement), cache.QueryRecord(&read)}), (Results{0, 0}));
     EXPECT_STREQ(read.szFilePathIndex, "");
     EXPECT_EQ((Results{cache.DeleteRecord(&read), cache.DeleteRecord(&read)}), (Results{0, 0})); // absent: no failure

@@ -25,7 +25,9 @@ struct _CacheRecord {
     int64_t lTimeStamp;                         // TS: seconds since the epoch of the last write or hit
     int32_t lResultState;                       // RS: 4 significant bits
     char szFilePathIndex[kPathIndexLength + 1]; // FFI: NUL-terminated
-    IdentityCode code;                          // of a record on its way to the table; not a column of it
+    // Of a record on its way to the table; no columns of it.
+    IdentityCode code;
+    uint32_t ulDatabase; // in which the description has this index
 };
 
 // A record and the full path that the reverse lookup found for it (empty until then).
