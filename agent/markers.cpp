@@ -4,6 +4,7 @@
 #include "platform/nubbase.h"
 #include "util/log.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -95,6 +96,12 @@ bool IsFileThere(const char *pszPath) {
     char szExpanded[TARN_PATH_SIZE] = {};
     dirutils_path_transform(pszPath, szExpanded, sizeof szExpanded);
     return szExpanded[0] != '\0' && access(szExpanded, F_OK) == 0;
+}
+
+bool MayFileBeThere(const char *pszPath) {
+    char szExpanded[TARN_PATH_SIZE] = {};
+    dirutils_path_transform(pszPath, szExpanded, sizeof szExpanded);
+    return szExpanded[0] == '\0' || access(szExpanded, F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 bool MoveFile(const char *pszFrom, const char *pszTo) {

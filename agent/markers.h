@@ -26,6 +26,8 @@ TARN_API bool GetUpdateCacheFilePath(char *path, int32_t size);
 
 // One of the installation's paths, with its "@". Nothing of these is logged.
 [[nodiscard]] bool IsFileThere(const char *pszPath);
+// Also when that cannot be found out, as without memory for the path.
+[[nodiscard]] bool MayFileBeThere(const char *pszPath);
 bool MoveFile(const char *pszFrom, const char *pszTo); // false when there is nothing to move, or it cannot be moved
 void RemoveFile(const char *pszPath);                  // whether there was something makes no difference
 

@@ -119,11 +119,9 @@ void CDataBaseAgent::ApplyBatch(std::vector<CacheMD5> &batch) {
 }
 
 void CDataBaseAgent::ApplyWithdrawals() {
-    if (m_pProtection->m_withdrawals.IsEnginePending()) {
-        m_pProtection->m_withdrawals.TakeEngine();
-        if (DeleteByEngine(kWithdrawnEngine) == TARN_OK) {
-            m_pProtection->m_withdrawals.EngineDone();
-        }
+    if (m_pProtection->m_withdrawals.IsEnginePending() && m_pProtection->m_withdrawals.TakeEngine() &&
+        DeleteByEngine(kWithdrawnEngine) == TARN_OK) {
+        m_pProtection->m_withdrawals.EngineDone();
     }
     m_bListRefused = false;
     // Until a list is read nothing answers, so one that came while its forerunner was worked off is taken at once.
@@ -142,7 +140,7 @@ bool CDataBaseAgent::ApplyList() {
     const uint32_t ulResult = m_pProtection->m_withdrawals.TakeList(isRunning);
     m_bListRefused = ulResult == TARN_E_INVALIDARG;
     if (ulResult != TARN_OK) {
-        return m_bListRefused;
+        return m_bListRefused || ulResult == TARN_NOT_CACHED;
     }
     const auto deleteDigests = [this](const std::vector<CacheMD5> &digests) { return DeleteDigests(digests); };
     if (m_pProtection->m_withdrawals.IsTooLong() ? !DeleteLongList(isRunning, deleteDigests)

@@ -19,9 +19,10 @@ bool IsLess(const CacheMD5 &first, const CacheMD5 &second) {
 } // namespace
 
 void CWithdrawals::FindPending() {
-    m_bEngine = IsFileThere(kEngineMarkerPath) || IsFileThere(kEngineTakenPath);
-    const bool bList = IsFileThere(kHashMarkerPath) && IsFileThere(kUpdateCachePath);
-    m_eList = bList || IsFileThere(kListTakenPath) ? EList::Unread : EList::None;
+    // In doubt they are in force until it is known better.
+    m_bEngine = MayFileBeThere(kEngineMarkerPath) || MayFileBeThere(kEngineTakenPath);
+    const bool bList = MayFileBeThere(kHashMarkerPath) && MayFileBeThere(kUpdateCachePath);
+    m_eList = bList || MayFileBeThere(kListTakenPath) ? EList::Unread : EList::None;
 }
 
 bool CWithdrawals::Covers(const _CacheRecord &record) const {
@@ -37,13 +38,18 @@ bool CWithdrawals::Covers(const _CacheRecord &record) const {
                                                          CacheMD5{record.liHighMD5, record.liLowMD5}, IsLess));
 }
 
-void CWithdrawals::TakeEngine() {
+bool CWithdrawals::TakeEngine() {
     (void)MoveFile(kEngineMarkerPath, kEngineTakenPath); // an earlier one that is there means the same
+    if (IsFileThere(kEngineTakenPath) || IsFileThere(kEngineMarkerPath)) {
+        return true;
+    }
+    m_bEngine = MayFileBeThere(kEngineMarkerPath) || MayFileBeThere(kEngineTakenPath);
+    return false;
 }
 
 void CWithdrawals::EngineDone() {
     RemoveFile(kEngineTakenPath);
-    m_bEngine = IsFileThere(kEngineMarkerPath);
+    m_bEngine = MayFileBeThere(kEngineMarkerPath);
 }
 
 // 1. The list is renamed, so that an updater who leaves another one does not lose it to our removal.
@@ -54,11 +60,18 @@ uint32_t CWithdrawals::TakeList(const std::function<bool()> &isRunning) {
     if (m_eList == EList::Read) {
         return TARN_OK;
     }
+    if (!MayFileBeThere(kListTakenPath) && !MayFileBeThere(kUpdateCachePath)) {
+        m_eList = EList::None; // there was only doubt
+        return TARN_NOT_CACHED;
+    }
     if (!IsFileThere(kListTakenPath) && !MoveFile(kUpdateCachePath, kListTakenPath)) {
         TARN_LOG_ERROR("[%s][cache] the list of digests cannot be set aside.");
         return TARN_E_FAIL;
     }
-    const uint32_t ulResult = ReadList(isRunning);
+    uint32_t ulResult = ReadList(isRunning);
+    if (ulResult == TARN_E_INVALIDARG) {
+        ulResult = ReadList(isRunning); // without memory for its key, a list looks like none too
+    }
     if (ulResult == TARN_OK) {
         if (!IsFileThere(kUpdateCachePath)) {
             RemoveFile(kHashMarkerPath);
@@ -103,7 +116,10 @@ uint32_t CWithdrawals::ReadList(const std::function<bool()> &isRunning) {
 
 void CWithdrawals::ListDone() {
     RemoveFile(kListTakenPath);
-    const bool bAnother = IsFileThere(kHashMarkerPath) && IsFileThere(kUpdateCachePath);
+    if (!MayFileBeThere(kUpdateCachePath)) {
+        RemoveFile(kHashMarkerPath); // it may have been kept before
+    }
+    const bool bAnother = MayFileBeThere(kHashMarkerPath) && MayFileBeThere(kUpdateCachePath);
     const std::lock_guard<std::mutex> guard(m_mutex);
     m_eList = bAnother ? EList::Unread : EList::None;
     m_vecDigests.clear();

@@ -31,13 +31,13 @@ class CWithdrawals {
 
     [[nodiscard]] bool IsEnginePending() const { return m_bEngine; }
     [[nodiscard]] bool IsListPending() const { return m_eList != EList::None; }
-    // Sets the engine's marker aside.
-    void TakeEngine();
+    // Sets the engine's marker aside. False: there is none, or none that can be seen; then nothing is to be deleted.
+    [[nodiscard]] bool TakeEngine();
     // Its deletions are committed. A marker that could not be set aside, or that came meanwhile, is then in force.
     void EngineDone();
     // Sets the list aside where that has not happened and reads it into force. TARN_OK; TARN_E_INVALIDARG: it is none
     // and not in force, and is back in its place unless a newer one is there; TARN_E_FAIL: it could not be read and
-    // withdraws everything.
+    // withdraws everything. TARN_NOT_CACHED: there is none.
     // isRunning: as with CUpdateListFile.
     [[nodiscard]] uint32_t TakeList(const std::function<bool()> &isRunning);
     [[nodiscard]] const std::vector<CacheMD5> &Digests() const { return m_vecDigests; }

@@ -22,7 +22,7 @@ TEST_F(Faults, EachSystemCallOfSQLiteFails) {
     EachPoint("system calls that fail from one on", EFault::File, true);
 }
 
-TEST_F(Faults, DISABLED_EachAllocationFails) {
+TEST_F(Faults, EachAllocationFails) {
     EachPoint("allocations that fail once", EFault::Memory);
     EachPoint("allocations that fail from one on", EFault::Memory, true);
 }
