@@ -73,6 +73,8 @@ void CDataBaseAgent::UpdateRecords() {
             m_queue.Pause();
         }
     }
+    // The last pass may have found damage that the next start would know nothing of.
+    (void)RunStartStep([this] { CRepair(*this).HealIfNeeded(); });
     TARN_LOG_DEBUG("[%s]UpdateRecords work thread exit normally!");
     cl_timerplus_stop(m_pCleanTimer);
     cl_timerplus_close(m_pCleanTimer);

@@ -151,6 +151,9 @@ class Faults : public testing::Test {
             m_model.aeFiles[i] = i < kUnused ? EExpected::Gone : EExpected::Either;
         }
         std::fill_n(m_model.aeFiles, kMarked, EExpected::Stored);
+        if (bDamage) { // an index that has forgotten a digest lets its record go on answering, and rightly
+            std::fill(&m_model.aeFiles[kListed], &m_model.aeFiles[kUnused], EExpected::Either);
+        }
         m_model.nWrong = 0;
         std::string strWrong = run();
         for (int iStart = 0; iStart == 0 || (iStart == 1 && bDamage && !m_model.bUsable); ++iStart) {
