@@ -12,6 +12,8 @@
 struct _OpenFolder {
     CDescriptor descriptor;
     std::string strPath;
+
+    std::string PathOf(const std::string &strName) const { return (strPath == "/" ? "" : strPath) + "/" + strName; }
 };
 
 struct _ScanJob {
@@ -20,12 +22,7 @@ struct _ScanJob {
     std::string strArgumentPath;                // the absolute path of an argument
 
     int FolderFd() const { return pFolder == nullptr ? AT_FDCWD : pFolder->descriptor.Get(); }
-    std::string Path() const {
-        if (pFolder == nullptr) {
-            return strArgumentPath;
-        }
-        return (pFolder->strPath == "/" ? "" : pFolder->strPath) + "/" + strName;
-    }
+    std::string Path() const { return pFolder == nullptr ? strArgumentPath : pFolder->PathOf(strName); }
 };
 
 #endif

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <optional>
 #include <sys/resource.h>
 #include <system_error>
@@ -53,7 +54,10 @@ bool CScanRun::Run(const CScanEngine &engine, std::string &strError) {
         thread.join();
     }
     m_shared.report.Progress("");
-    return bStarted;
+    if (m_bOutOfMemory) {
+        strError = "out of memory";
+    }
+    return bStarted && !m_bOutOfMemory;
 }
 
 bool CScanRun::StartThreads(const CScanEngine &engine, std::vector<std::thread> &vecThreads) {
@@ -79,7 +83,12 @@ template <typename Work> void CScanRun::Launch(std::vector<std::thread> &vecThre
     ++m_nRunning;
     try {
         vecThreads.emplace_back([this, work] {
-            work();
+            try {
+                work();
+            } catch (const std::bad_alloc &) { // what the other threads hold is theirs to finish
+                m_bOutOfMemory = true;
+                CInterrupt::RequestStop();
+            }
             --m_nRunning;
             CInterrupt::Wake();
         });

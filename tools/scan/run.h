@@ -27,7 +27,7 @@ class CScanRun {
         : m_targets(targets), m_shared(shared), m_nThreads(nThreads), m_queue(nThreads) {}
 
     // Scans until everything is done or a stop is asked for, and shows the progress meanwhile. False when the threads
-    // cannot be started, with the reason in strError.
+    // cannot be started or run out of memory, with the reason in strError.
     bool Run(const CScanEngine &engine, std::string &strError);
 
   private:
@@ -41,6 +41,7 @@ class CScanRun {
     const unsigned m_nThreads;
     CJobQueue m_queue;
     std::atomic<int> m_nRunning = 0; // threads
+    std::atomic<bool> m_bOutOfMemory = false;
 };
 
 #endif

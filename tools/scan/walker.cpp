@@ -18,6 +18,9 @@ namespace {
 
 constexpr size_t kBatch = 64; // files that go to the queue at once
 constexpr dev_t kNoDevice = ~dev_t{0};
+// Each folder on the way down is kept open with its path, so memory grows with the square of the depth: a user could
+// make a tree that is too much for any machine.
+constexpr size_t kLongestPath = 16 * 1024; // bytes, four times what the system takes at once
 
 struct _CloseFolder {
     void operator()(DIR *pFolder) const { (void)closedir(pFolder); }
@@ -68,6 +71,10 @@ bool CTreeWalker::IsExcludedArgument(const std::string &strPath) const {
         nStart = nEnd + 1;
     }
     return false;
+}
+
+std::string CTreeWalker::_PendingFolder::Path() const {
+    return pParent == nullptr ? strArgumentPath : pParent->PathOf(strName);
 }
 
 void CTreeWalker::TellProblem(const std::string &strPath, int iError) const {
@@ -135,16 +142,21 @@ bool CTreeWalker::WalkTree(_PendingFolder root) {
 }
 
 bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_PendingFolder> &vecPending) {
+    const std::string strPath = pending.Path();
+    if (strPath.size() > kLongestPath) {
+        TellProblem(strPath, ENAMETOOLONG);
+        return true;
+    }
     const int fdParent = pending.pParent == nullptr ? AT_FDCWD : pending.pParent->descriptor.Get();
     auto pFolder = std::make_shared<_OpenFolder>();
     pFolder->descriptor = OpenForReading(fdParent, pending.strName.c_str(), ELastLink::Refuse, O_DIRECTORY);
-    pFolder->strPath = pending.strPath;
+    pFolder->strPath = strPath;
     struct stat status = {};
     if (!pFolder->descriptor.IsOpen() || fstat(pFolder->descriptor.Get(), &status) != 0) {
         // A folder that was removed, or replaced by something else, since its parent was read is no error.
         const bool bVanished = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
         if (pending.pParent == nullptr || !bVanished) {
-            TellProblem(pending.strPath, errno);
+            TellProblem(strPath, errno);
         }
         return true;
     }
@@ -153,13 +165,13 @@ bool CTreeWalker::ReadFolder(const _PendingFolder &pending, std::vector<_Pending
 
 bool CTreeWalker::IsSkipped(const _PendingFolder &pending, const _OpenFolder &folder, const struct stat &status) const {
     const bool bOwn = m_ownFiles.IsOwnFolder(status);
-    const bool bKernel = IsKernelPath(pending.strPath) ||
+    const bool bKernel = IsKernelPath(folder.strPath) ||
                          (status.st_dev != pending.parentDevice && IsInKernelFileSystem(folder.descriptor.Get()));
     if (!bOwn && !bKernel) {
         return false;
     }
     if (pending.pParent == nullptr) {
-        m_listener.onNote(EscapeName(pending.strPath) + " holds no files to scan; skipped");
+        m_listener.onNote(EscapeName(folder.strPath) + " holds no files to scan; skipped");
     }
     m_listener.onSkipped(bOwn ? ESkipped::OwnFiles : ESkipped::KernelFiles);
     return true;
@@ -208,6 +220,6 @@ bool CTreeWalker::TakeEntry(const std::shared_ptr<const _OpenFolder> &pFolder, c
     if (type == DT_REG) {
         return PushFile(std::move(job));
     }
-    vecPending.push_back({pFolder, std::string(name), job.Path(), folderStatus.st_dev});
+    vecPending.push_back({pFolder, std::string(name), {}, folderStatus.st_dev});
     return true;
 }

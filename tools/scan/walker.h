@@ -38,8 +38,10 @@ class CTreeWalker {
     struct _PendingFolder {
         std::shared_ptr<const _OpenFolder> pParent; // null for an argument
         std::string strName;
-        std::string strPath;
+        std::string strArgumentPath; // the absolute path of an argument; below it the parent has all but the name
         dev_t parentDevice = 0;
+
+        std::string Path() const;
     };
 
     bool WalkArgument(const std::string &strArgument);
