@@ -27,7 +27,8 @@ struct _IdentityBlock {
     int64_t liLowMD5;
 };
 static_assert(sizeof(_IdentityBlock) == 88, "hashed as it lies in memory; codes are stored");
-static_assert(kIdentityKeySize == crypto_generichash_KEYBYTES && sizeof(IdentityCode) == crypto_generichash_BYTES_MIN);
+static_assert(sizeof(IdentityCode) == crypto_shorthash_siphashx24_BYTES);
+constexpr char kCodeKeyUse[] = "identity code"; // what the key in the file is used for
 
 // 0, ENOENT, or another errno value: EPERM stands for a file that others may have read or written.
 int ReadKey(const std::string &strPath, std::string &strKey) {
@@ -45,7 +46,7 @@ int ReadKey(const std::string &strPath, std::string &strKey) {
 } // namespace
 
 CIdentityKey::~CIdentityKey() {
-    sodium_memzero(m_abKey.data(), m_abKey.size());
+    sodium_memzero(m_abCodeKey.data(), m_abCodeKey.size());
 }
 
 bool CIdentityKey::Load(const std::string &strPath, bool bMake, std::string &strError) {
@@ -70,7 +71,9 @@ bool CIdentityKey::Load(const std::string &strPath, bool bMake, std::string &str
         strError = strPath + ": " + std::strerror(iError);
         return false;
     }
-    std::memcpy(m_abKey.data(), strKey.data(), m_abKey.size());
+    (void)crypto_generichash(m_abCodeKey.data(), m_abCodeKey.size(), // cannot fail with these sizes
+                             reinterpret_cast<const unsigned char *>(kCodeKeyUse), sizeof kCodeKeyUse - 1,
+                             reinterpret_cast<const unsigned char *>(strKey.data()), strKey.size());
     sodium_memzero(strKey.data(), strKey.size());
     return true;
 }
@@ -89,14 +92,11 @@ IdentityCode CIdentityKey::CodeOf(const _FileIdentity &file, const _CacheRecord 
                                   record.lResultState,
                                   record.liHighMD5,
                                   record.liLowMD5};
-    crypto_generichash_state state;
+    std::string strText;
+    strText.reserve(sizeof block + path.size() + description.size());
+    strText.append(reinterpret_cast<const char *>(&block), sizeof block).append(path).append(description);
     IdentityCode code = {};
-    // None of these can fail with these sizes.
-    (void)crypto_generichash_init(&state, m_abKey.data(), m_abKey.size(), code.size());
-    (void)crypto_generichash_update(&state, reinterpret_cast<const unsigned char *>(&block), sizeof block);
-    (void)crypto_generichash_update(&state, reinterpret_cast<const unsigned char *>(path.data()), path.size());
-    (void)crypto_generichash_update(&state, reinterpret_cast<const unsigned char *>(description.data()),
-                                    description.size());
-    (void)crypto_generichash_final(&state, code.data(), code.size());
+    (void)crypto_shorthash_siphashx24(code.data(), reinterpret_cast<const unsigned char *>(strText.data()),
+                                      strText.size(), m_abCodeKey.data()); // cannot fail
     return code;
 }

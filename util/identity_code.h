@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 constexpr size_t kIdentityKeySize = 32; // bytes
+constexpr size_t kCodeKeySize = 16;
 
 // A file as one moment saw it.
 struct _FileIdentity {
@@ -31,13 +32,13 @@ class CIdentityKey {
     // once. False with the reason in strError.
     [[nodiscard]] bool Load(const std::string &strPath, bool bMake, std::string &strError);
 
-    // The code of a record and of the file that it is about: keyed BLAKE2b over the path, the file's identity and all
-    // that a lookup would answer with.
+    // The code of a record and of the file that it is about: SipHash-2-4 with 128 bits, which is made for short texts,
+    // over the path, the file's identity and all that a lookup would answer with. Throws std::bad_alloc.
     [[nodiscard]] IdentityCode CodeOf(const _FileIdentity &file, const _CacheRecord &record,
                                       std::string_view description) const;
 
   private:
-    std::array<unsigned char, kIdentityKeySize> m_abKey = {};
+    std::array<unsigned char, kCodeKeySize> m_abCodeKey = {}; // made of the key in the file
 };
 
 #endif
