@@ -100,13 +100,15 @@ uint32_t CDataBaseAgent::ReadRecord(_CacheRecord &record, bool &bHasCode) {
 }
 
 bool CDataBaseAgent::QueryHit(const _FileIdentity &file, _CacheRecord &record, char *md5_text, _SCAN_FILE_RESULT *out) {
-    bool bHasCode = false;
+    bool bHasCode = m_pProtection == nullptr; // where no codes are kept, none is missed
     char szDescription[TARN_VIRUS_DESC_SIZE] = {};
     std::memcpy(szDescription, out->szVirusDesc, sizeof szDescription); // bytes behind the text stay the caller's
     const CBusyDeadline deadline(IsReader());
     const CReadLockWithin lock(m_connection.m_tableLock, m_config.bProtect ? kBusyTimeoutMs : kForeverMs);
-    if (!lock.IsHeld() || ReadRecord(record, bHasCode) != 0 || !bHasCode ||
-        record.lFileAttrHash != AttrHashOf(file.status) ||
+    if (!lock.IsHeld() ||
+        (m_pProtection == nullptr ? m_pCacheTable->QueryRecord(&record)
+                                  : m_pCacheTable->QueryRecordAndCode(&record, &record.code, &bHasCode, true)) != 0 ||
+        !bHasCode || record.lFileAttrHash != AttrHashOf(file.status) ||
         m_pVirusTable->GetVirusDescByIndex(VerdictVirusIndex(record.liTreatVirus), szDescription,
                                            sizeof szDescription) == 0 ||
         (m_pProtection != nullptr && !m_pProtection->Allows(file, record, szDescription))) {

@@ -12,6 +12,15 @@
 namespace {
 
 constexpr char kLogSource[] = "cachetable";
+constexpr int kAnswerColumns = 5;
+
+void ReadAnswer(const CStatement &query, _CacheRecord &record) {
+    record.lFileAttrHash = query.Int(0);
+    record.liTreatVirus = query.Int64(1);
+    record.liHighMD5 = query.Int64(2);
+    record.liLowMD5 = query.Int64(3);
+    record.lResultState = query.Int(4);
+}
 
 } // namespace
 
@@ -84,6 +93,7 @@ void CCacheTable::OnRelease() {
     m_stDeleteByMD5.Finalize();
     m_queryPool.Clear();
     m_codePool.Clear();
+    m_answerPool.Clear();
 }
 
 uint32_t CCacheTable::InsertRecord(_CacheRecord *pRecord) {
@@ -127,21 +137,23 @@ uint32_t CCacheTable::QueryRecord(_CacheRecord *pRecord) {
     return 0;
 }
 
-uint32_t CCacheTable::QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode) {
+uint32_t CCacheTable::QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode, bool bAnswer) {
     if (!CanRun(m_stQuery, pRecord)) {
         TARN_LOG_ERROR("[%s]m_pDB or m_stQuery.pStmt or pRecord is null.");
         return 1;
     }
     // One statement for both tables: each would take and release the locks on the file.
-    constexpr char kSQL[] = "select CT.*, CIT.IC from CT left join CIT on CIT.FPH = CT.FPH where CT.FPH = ?;";
-    CStatement query(m_pDB, m_codePool, kSQL);
+    constexpr char kAll[] = "select CT.*, CIT.IC from CT left join CIT on CIT.FPH = CT.FPH where CT.FPH = ?;";
+    constexpr char kAnswer[] = "select CT.FAH, CT.FTV, CT.FHMD, CT.FLMD, CT.RS, CIT.IC "
+                               "from CT left join CIT on CIT.FPH = CT.FPH where CT.FPH = ?;";
+    CStatement query(m_pDB, bAnswer ? m_answerPool : m_codePool, bAnswer ? kAnswer : kAll);
     query.Bind(1, pRecord->liFilePathHash);
     if (const uint32_t ulResult = query.FetchRow(); ulResult != 0) {
         return ulResult;
     }
-    ReadCacheRow(query, *pRecord);
+    bAnswer ? ReadAnswer(query, *pRecord) : ReadCacheRow(query, *pRecord);
     // The code stands behind the columns of the cache table; none is NULL, which reads as no bytes.
-    const std::string_view code = query.Blob(kColumnFFI + 1);
+    const std::string_view code = query.Blob(bAnswer ? kAnswerColumns : kColumnFFI + 1);
     *pbHasCode = code.size() == pCode->size();
     if (*pbHasCode) {
         std::copy(code.begin(), code.end(), pCode->begin());

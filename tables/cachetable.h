@@ -31,8 +31,10 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
 
     [[nodiscard]] uint32_t InsertRecord(_CacheRecord *pRecord) override;
     [[nodiscard]] uint32_t QueryRecord(_CacheRecord *pRecord) override;
-    // As QueryRecord, with the record's code from the identity table in the same read. *pbHasCode: there is one.
-    [[nodiscard]] uint32_t QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode);
+    // As QueryRecord, with the record's code from the identity table in the same read. *pbHasCode: there is one. For a
+    // lookup (bAnswer) only what the file is compared with and what it is answered with is read, which costs less.
+    [[nodiscard]] uint32_t QueryRecordAndCode(_CacheRecord *pRecord, IdentityCode *pCode, bool *pbHasCode,
+                                              bool bAnswer = false);
     [[nodiscard]] uint32_t DeleteRecord(_CacheRecord *pRecord) override;
 
     // Adds 1 to the row's query count and sets its time stamp (seconds). An absent row changes nothing.
@@ -84,7 +86,8 @@ class TARN_API CCacheTable : public CTableBase<_CacheRecord> {
     void FormatMD5Query(char (&szSQL)[kStatementSize], const char *pszWhat, int64_t liHighMD5, int64_t liLowMD5) const;
 
     CStatementPool m_queryPool;
-    CStatementPool m_codePool; // of QueryRecordAndCode
+    CStatementPool m_codePool;   // of QueryRecordAndCode
+    CStatementPool m_answerPool; // likewise, for lookups
 };
 
 #endif
