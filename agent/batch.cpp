@@ -130,7 +130,7 @@ uint32_t CDataBaseAgent::CBatch::InsertRecord(_CacheRecord &record) {
 // Up to the first record that cannot be inserted.
 void CDataBaseAgent::CBatch::Insert() {
     for (const std::unique_ptr<_CacheRecord> &pRecord : m_queue.Records()) {
-        if (pRecord->ulDatabase != m_agent.m_health.Generation()) {
+        if (VerdictVirusIndex(pRecord->liTreatVirus) >= 0 && pRecord->ulDatabase != m_agent.m_health.Generation()) {
             continue; // the database has been made anew since, and the index means another description or none
         }
         const uint32_t ulResult = InsertRecord(*pRecord);

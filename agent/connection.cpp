@@ -65,9 +65,6 @@ void CConnection::Distrust() {
 }
 
 std::string CConnection::LastFailure() const {
-    if (m_vfs.Refusal() != nullptr) {
-        return m_vfs.Refusal();
-    }
     std::string strText = m_pDB != nullptr ? sqlite3_errmsg(m_pDB) : sqlite3_errstr(SQLITE_NOMEM);
     if (const int iError = m_pDB != nullptr ? sqlite3_system_errno(m_pDB) : 0; iError != 0) {
         strText += std::string(", ") + std::strerror(iError);

@@ -5,7 +5,7 @@
 #ifndef TARN_AGENT_CONNECTION_H
 #define TARN_AGENT_CONNECTION_H
 
-#include "agent/guarded_vfs.h"
+#include "agent/checked_vfs.h"
 #include "agent/own_reading.h"
 #include "interface/tarncache.h"
 #include "tables/busy_deadline.h"
@@ -29,6 +29,7 @@ class TARN_API CConnection {
     // Opens the file, which must be regular and nobody else's, making it when it is missing. False: the connection only
     // reports its error; Abandon it.
     [[nodiscard]] bool Open(const std::string &strPath);
+    void RefuseStrangers() { m_vfs.RefuseStrangers(); } // when it is opened
     // Opens a file that is there, for reading alone; the caller's CBusyDeadline says how long it waits for a writer.
     // TARN_OK; TARN_E_FAIL (closed again).
     [[nodiscard]] uint32_t OpenForReading(const std::string &strPath);
@@ -77,7 +78,7 @@ class TARN_API CConnection {
     bool HasUsableMode();
     uint32_t StepTransaction(_SQLStmt &stStep);
 
-    CGuardedVfs m_vfs; // outlives the connection
+    CCheckedVfs m_vfs; // outlives the connection
     COwnReading m_ownReading;
     CFailureNote m_failures;
     sqlite3 *m_pDB = nullptr; // set at start-up, cleared at shut-down

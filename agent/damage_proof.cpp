@@ -1,6 +1,6 @@
 #include "agent/damage_proof.h"
 
-#include "agent/guarded_vfs.h"
+#include "agent/checked_vfs.h"
 #include "agent/own_reading.h"
 #include "tables/statement.h"
 
@@ -32,7 +32,7 @@ class CFreshConnection {
     }
 
   private:
-    CGuardedVfs m_vfs; // outlives the connection
+    CCheckedVfs m_vfs; // outlives the connection
     sqlite3 *m_pDB = nullptr;
     int m_iResult;
 };

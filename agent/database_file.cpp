@@ -31,8 +31,9 @@ template <typename Table> uint32_t CheckTable(Table *pTable) {
 
 uint32_t CDataBaseAgent::OpenDB() {
     if (m_config.bProtect) {
-        m_health.BeginRun(DatabasePath(m_config));
-        return CRepair(*this).OpenDB();
+        CRepair repair(*this);
+        repair.PrepareStart();
+        return repair.OpenDB();
     }
     if (!m_connection.Open(DatabasePath(m_config))) {
         if (const uint32_t ulResult = RebuildDB(); ulResult != TARN_OK) {

@@ -1,7 +1,6 @@
 // Healing while the cache runs, on the writer thread. Each step takes the table lock itself; the long ones hold none.
 #include "agent/database_repair.h"
 
-#include "agent/damage_proof.h"
 #include "util/log.h"
 
 #include <sqlite3.h>
@@ -48,7 +47,7 @@ void CDataBaseAgent::CRepair::HealIfNeeded() {
 // 1. Lookups miss already, without a look at the lock. Those on their way are waited for, then all is closed.
 // 2. Proving damage reads the whole file. No lock is held, and our own descriptor drops no lock of a connection.
 // 3. What is there now is opened, or an empty one made. Records that wait and name a description by its index in the
-//    former database are known by their generation and lost.
+//    former database are known by their generation and not written.
 bool CDataBaseAgent::CRepair::Heal() {
     {
         const CWriteLock lock(m_connection.m_tableLock);
@@ -60,9 +59,11 @@ bool CDataBaseAgent::CRepair::Heal() {
         SayUnusable();
         return false;
     }
+    const CBusyDeadline deadline(true);
     const CWriteLock lock(m_connection.m_tableLock);
     m_agent.m_health.NextGeneration();
     m_agent.m_health.m_bSuspect = false;
+    m_agent.m_health.m_bUnclean = true; // whatever file is there now
     if (OpenDB() != TARN_OK) {
         return false;
     }
@@ -71,13 +72,11 @@ bool CDataBaseAgent::CRepair::Heal() {
         return false;
     }
     m_agent.m_pProtection->m_bSwept = false;
-    m_agent.m_health.m_bUnclean = true;
     TARN_LOG_AS(ELogLevel::Error, kHeal, "[%s][cache] the database is in use again");
     return true;
 }
 
-// After an end that was none, the whole database is checked while nobody waits for the writer. It is read by ourselves
-// and without locks, so lookups, deletions and other processes are not held up either.
+// While nobody waits for the writer.
 void CDataBaseAgent::CRepair::CheckAfterUncleanEnd() {
     CDatabaseHealth &health = m_agent.m_health;
     const auto begin = std::chrono::steady_clock::now();
@@ -90,17 +89,11 @@ void CDataBaseAgent::CRepair::CheckAfterUncleanEnd() {
                (std::chrono::steady_clock::now() - begin > kCheckPatience && m_agent.m_queue.Waiting() > 0);
     };
     const int64_t liBefore = Changes();
-    COwnReading &reading = m_connection.OwnReading();
-    ESoundness eSound = ESoundness::Unknown;
-    if (reading.Open(DatabasePath(m_agent.m_config), isAwaited) == SQLITE_OK) {
-        eSound = AskForDamage(reading.Handle(), "quick_check", m_strReason);
+    const ESoundness eSound = CheckWhole(isAwaited);
+    if (Changes() != liBefore) {
+        health.m_bUnclean = true; // somebody has written meanwhile: it says nothing
+        return;
     }
-    const bool bFailed = reading.HasFailed();
-    reading.CloseConnection();
-    if (eSound == ESoundness::Unknown || bFailed || Changes() != liBefore) {
-        return; // it was interrupted, or somebody has written meanwhile
-    }
-    health.m_bUnclean = false;
     if (eSound == ESoundness::Damaged) {
         m_connection.Failures().SuspectDamage(); // the next pass proves it
     }

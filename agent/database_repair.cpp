@@ -1,9 +1,10 @@
 #include "agent/database_repair.h"
 
-#include "agent/damage_proof.h"
 #include "agent/own_reading.h"
 #include "agent/schema_audit.h"
 #include "agent/set_aside.h"
+#include "support/checked_file.h"
+#include "support/temporary_file.h"
 #include "util/log.h"
 
 #include <cstring>
@@ -12,7 +13,8 @@
 namespace {
 
 constexpr char kLogSource[] = "dbagent";
-constexpr char kOpen[] = "OpenDB"; // the step of the start that this belongs to
+constexpr std::chrono::milliseconds kCheckAtStart(50); // enough for some ten thousand records
+constexpr char kOpen[] = "OpenDB";                     // the step of the start that this belongs to
 
 bool IsFolder(const std::string &strPath) {
     struct stat status = {};
@@ -20,6 +22,26 @@ bool IsFolder(const std::string &strPath) {
 }
 
 } // namespace
+
+// A database made by others than this version may be readable for everybody. Nothing has it open yet.
+void CDataBaseAgent::CRepair::PrepareStart() {
+    const std::string strFolder = m_agent.m_config.szDBDir;
+    const std::string strPath = DatabasePath(m_agent.m_config);
+    struct stat status = {};
+    // Whoever may write into a folder without the right to search it can do nothing there.
+    const bool bGroupToo = stat(strFolder.c_str(), &status) != 0 || (status.st_mode & S_IXGRP) != 0;
+    if (const _FileCheck check = CheckFolder(strFolder.c_str(), bGroupToo); check.IsRefused()) {
+        TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] the cache in %s cannot be trusted: %s", strFolder.c_str(),
+                    check.Text());
+    }
+    SweepTemporaryFiles(CIdentity::KeyPath(m_agent.m_config));
+    CDescriptor file;
+    if (lstat(strPath.c_str(), &status) == 0 && (status.st_mode & kSharedMode) != 0 &&
+        OpenChecked(AT_FDCWD, strPath.c_str(), O_RDONLY, 0, file).IsGood()) {
+        (void)fchmod(file.Get(), status.st_mode & ~kSharedMode & ALLPERMS); // on failure it stays as it was
+    }
+    m_agent.m_health.BeginRun(strPath);
+}
 
 uint32_t CDataBaseAgent::CRepair::OpenDB() {
     const EOpened eFirst = OpenOnce();
@@ -43,6 +65,7 @@ void CDataBaseAgent::CRepair::SayUnusable() {
 
 CDataBaseAgent::CRepair::EOpened CDataBaseAgent::CRepair::OpenOnce() {
     const std::string strPath = DatabasePath(m_agent.m_config);
+    m_connection.RefuseStrangers();
     if (IsFolder(strPath)) {
         if (m_agent.RebuildDB() != TARN_OK) {
             m_strReason = m_connection.LastFailure();
@@ -50,7 +73,8 @@ CDataBaseAgent::CRepair::EOpened CDataBaseAgent::CRepair::OpenOnce() {
             return EOpened::Failed;
         }
     } else if (!m_connection.Open(strPath)) {
-        m_strReason = m_connection.LastFailure();
+        const _FileCheck check = CheckFile(strPath.c_str(), 0);
+        m_strReason = check.IsRefused() ? check.Text() : m_connection.LastFailure();
         m_connection.Abandon();
         return EOpened::Failed;
     }
@@ -78,7 +102,26 @@ CDataBaseAgent::CRepair::EOpened CDataBaseAgent::CRepair::OpenForSchema() {
         return EOpened::Failed;
     }
     m_agent.m_health.NoteFile(DatabasePath(m_agent.m_config)); // a folder in its place may have changed the name
+    if (m_agent.m_health.m_bUnclean) {
+        const auto end = std::chrono::steady_clock::now() + kCheckAtStart;
+        return CheckWhole([end] { return std::chrono::steady_clock::now() > end; }) == ESoundness::Damaged
+                   ? EOpened::Suspect
+                   : EOpened::Ready; // a large one goes on being checked by the writer
+    }
     return EOpened::Ready;
+}
+
+// Reads the file by ourselves and without locks, so that nobody is held up by it. Unknown also when it was stopped.
+ESoundness CDataBaseAgent::CRepair::CheckWhole(const std::function<bool()> &mustStop) {
+    COwnReading &reading = m_connection.OwnReading();
+    ESoundness eSound = ESoundness::Unknown;
+    if (reading.Open(DatabasePath(m_agent.m_config), mustStop) == SQLITE_OK) {
+        eSound = AskForDamage(reading.Handle(), "quick_check", m_strReason);
+    }
+    reading.CloseConnection();
+    eSound = reading.HasFailed() ? ESoundness::Unknown : eSound;
+    m_agent.m_health.m_bUnclean = eSound != ESoundness::Sound;
+    return eSound;
 }
 
 // Whether the path is free now, or was taken wrongly for damaged, so that another try makes sense.
@@ -94,6 +137,7 @@ bool CDataBaseAgent::CRepair::MakeRoom(EOpened eOpened) {
     case ESoundness::Damaged:
         return MoveAside(strPath, "is damaged");
     case ESoundness::Sound:
+        m_agent.m_health.m_bUnclean = false;
         return true;
     default:
         return false;

@@ -5,7 +5,10 @@
 #ifndef TARN_AGENT_DATABASE_REPAIR_H
 #define TARN_AGENT_DATABASE_REPAIR_H
 
+#include "agent/damage_proof.h"
 #include "agent/dbagent.h"
+
+#include <functional>
 
 class CDataBaseAgent::CRepair {
   public:
@@ -13,6 +16,9 @@ class CDataBaseAgent::CRepair {
     CRepair(const CRepair &) = delete;
     CRepair &operator=(const CRepair &) = delete;
 
+    // Before the first opening: reports a folder that others can write into, takes away what a killed start has left,
+    // and begins the run.
+    void PrepareStart();
     // Opens the database; makes one where none is, or a folder. One that is proven damaged, or that holds what is not
     // ours, is moved aside. TARN_OK; TARN_E_FAIL (logged): closed, and the file as it was.
     [[nodiscard]] uint32_t OpenDB();
@@ -39,6 +45,7 @@ class CDataBaseAgent::CRepair {
     uint32_t MakeTables() NO_THREAD_SAFETY_ANALYSIS;
 
     bool Disconnect();
+    ESoundness CheckWhole(const std::function<bool()> &mustStop);
     void SayUnusable();
     bool Heal() EXCLUDES(m_connection.m_tableLock);
     int64_t Changes() EXCLUDES(m_connection.m_tableLock);

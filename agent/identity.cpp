@@ -11,11 +11,11 @@ constexpr char kLogSource[] = "dbagent";
 constexpr char kInit[] = "AgentInit";
 constexpr char kKeyFile[] = "morcache.key";
 
-std::string KeyPath(const _DBConfig &config) {
+} // namespace
+
+std::string CIdentity::KeyPath(const _DBConfig &config) {
     return std::string(config.szDBDir) + kKeyFile;
 }
-
-} // namespace
 
 uint32_t CIdentity::LoadKey(const _DBConfig &config) {
     std::string strError;

@@ -12,6 +12,8 @@ class CIdentity {
   public:
     CIdentityTable m_table; // guarded by the table lock, as the cache table is
 
+    [[nodiscard]] static std::string KeyPath(const _DBConfig &config);
+
     explicit CIdentity(sqlite3 *pDB) : m_table(pDB) {}
 
     // Start-up. Reads or makes the key beside the database. TARN_OK; TARN_E_FAIL (logged).

@@ -67,7 +67,7 @@ void CDataBaseAgent::UpdateRecords() {
         cl_ev_loop_nowait(1);
         cl_event_loop_once(); // the clean timer's callback runs here
         SweepCodes();
-        CRepair(*this).CheckAfterUncleanEnd();
+        (void)RunStartStep([this] { CRepair(*this).CheckAfterUncleanEnd(); });
         (void)RunStartStep([this] { RetryWithdrawals(); });
         if (cl_ev_cb_count() == 0) {
             m_queue.Pause();
@@ -106,7 +106,7 @@ void CDataBaseAgent::TakeUpdates() {
 
 bool CDataBaseAgent::RunWritePass(bool bWait) {
     const bool bRunning = m_queue.TakeBatch(bWait);
-    CRepair(*this).HealIfNeeded();
+    (void)RunStartStep([this] { CRepair(*this).HealIfNeeded(); }); // one that is cut short is begun again
     if (MayServe()) {
         DoBatchWriteJobs();
     } else {

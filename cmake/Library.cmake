@@ -35,7 +35,7 @@ add_library(tarncache SHARED
   agent/deletions.cpp
   agent/engine_flags.cpp
   agent/forwarding_vfs.cpp
-  agent/guarded_vfs.cpp
+  agent/checked_vfs.cpp
   agent/identity.cpp
   agent/lookup_add.cpp
   agent/markers.cpp

@@ -139,3 +139,22 @@ TEST_F(DatabaseHealth, WhatHappensToARunningCacheHealsInItsWriter) {
         EXPECT_EQ(Lookup(strOther), TARN_NOT_CACHED);
     }
 }
+
+TEST_F(DatabaseHealth, AnEndThatWasNoneIsFollowedByACheckOfTheWhole) {
+    const size_t nPage = std::stoul("0" + Query("select rootpage from sqlite_master where name = 'CT_MD5'"));
+    const std::string strMark = m_install.Database("morcache.db.open");
+    ASSERT_GT(nPage, 1U);
+    fs::permissions(m_install.Database(), fs::perms{0644});
+    fs::permissions(m_install.Path("engine/cache"), fs::perms{0777});
+    Put(m_strGood.replace((nPage - 1) * 4096, 4096, 4096, '\0'));
+    for (const bool bClean : {true, false}) {
+        bClean ? "" : File(strMark);
+        ASSERT_EQ(Start(), TARN_OK);
+        EXPECT_TRUE(Exists(strMark));
+        EXPECT_EQ(StatusOf(m_install.Database()).st_mode & 0777U, 0600U);
+        EXPECT_EQ(Moves(), bClean ? 0U : 1U);
+        EXPECT_EQ(Stop(), TARN_OK);
+        EXPECT_FALSE(Exists(strMark));
+    }
+    EXPECT_EQ(RecordedLog::Texts(2).size(), 3U); // and each start names the folder
+}

@@ -1,4 +1,4 @@
-#include "agent/guarded_vfs.h"
+#include "agent/checked_vfs.h"
 
 #include "support/checked_file.h"
 #include "util/log.h"
@@ -18,18 +18,14 @@ void MakeFile(const char *pszPath) {
 
 } // namespace
 
-int CGuardedVfs::OpenFile(const char *pszPath, sqlite3_file *pFile, int iFlags, int *piOutFlags) {
-    if ((iFlags & SQLITE_OPEN_MAIN_DB) != 0) {
-        m_pszRefused = nullptr;
-    }
+int CCheckedVfs::OpenFile(const char *pszPath, sqlite3_file *pFile, int iFlags, int *piOutFlags) {
     if (pszPath != nullptr && (iFlags & kOursByName) != 0) {
         // By its name: closing a descriptor of the database would drop this process's locks on it.
         const _FileCheck check = CheckFile(pszPath, 0);
-        if (check.IsRefused()) {
-            if ((iFlags & SQLITE_OPEN_MAIN_DB) == 0) {
+        const bool bIsStranger = check.eFault == EFileFault::SeveralNames || check.eFault == EFileFault::ForeignOwner;
+        if (check.IsRefused() && (m_bStrict || !bIsStranger)) {
+            if ((iFlags & SQLITE_OPEN_MAIN_DB) == 0) { // whoever opens the database says so himself
                 TARN_LOG_AS(ELogLevel::Error, kOpen, "[%s][cache] %s is not opened: %s", pszPath, check.Text());
-            } else {
-                m_pszRefused = check.Text();
             }
             errno = check.iError; // SQLite asks for it
             return SQLITE_CANTOPEN;
