@@ -4,6 +4,8 @@
 
 #include "tests/agent_fixture.h"
 
+using Codes = std::vector<uint32_t>; // what calls answered, one after the other
+
 class CCacheTest : public testing::Test {
   protected:
     CCacheTest() { RecordedLog::SetSource("tarncache"); }

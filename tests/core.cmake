@@ -1,5 +1,5 @@
 # Tests of util/, tables/ and interface/.
-foreach(name IN ITEMS cachetable_bulk dbconfig entry_points identity_hash medium tables vsdesctable walk)
+foreach(name IN ITEMS cachetable_bulk dbconfig entry_points identity_hash medium tables walk)
   tarn_add_test(${name}_test)
 endforeach()
 target_link_libraries(identity_hash_test PRIVATE ZLIB::ZLIB) # a CRC-32 that is not the library's own

@@ -1,6 +1,8 @@
 // The exported functions as a scanner calls them.
 #include "tests/cache_fixture.h"
 
+#include <set>
+
 namespace fs = std::filesystem;
 
 constexpr char kMD5A[] = "00112233445566778899aabbccddeeff";
@@ -17,22 +19,24 @@ class EntryPoints : public CCacheTest {
 };
 
 TEST_F(EntryPoints, CheckArgumentsFirst) {
-    EXPECT_EQ(LocalCacheLookup(nullptr, m_szMD5, &m_found), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheLookup("", m_szMD5, &m_found), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheLookup("/f", nullptr, &m_found), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheLookup("/f", m_szMD5, nullptr), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCachePeek("/f", m_szMD5, &m_found, nullptr), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheAdd("/f", kMD5A, nullptr), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheAdd("/f", nullptr, &m_found), TARN_E_INVALIDARG);
-    EXPECT_EQ(Add(""), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheGetStatistic(nullptr), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheDeleteByFileHash(nullptr), TARN_E_INVALIDARG);
+    const Codes refused(4, TARN_E_INVALIDARG);
+    EXPECT_EQ((Codes{LocalCacheLookup(nullptr, m_szMD5, &m_found), LocalCacheLookup("", m_szMD5, &m_found),
+                     LocalCacheLookup("/f", nullptr, &m_found), LocalCacheLookup("/f", m_szMD5, nullptr)}),
+              refused);
+    EXPECT_EQ((Codes{LocalCacheAdd("", kMD5A, &m_found), LocalCacheAdd("/f", nullptr, &m_found),
+                     LocalCacheAdd("/f", kMD5A, nullptr), LocalCacheAddStat("/f", nullptr, "", &m_found)}),
+              refused);
+    EXPECT_EQ((Codes{LocalCacheLookupStat("/f", nullptr, m_szMD5, &m_found), LocalCacheGetStatistic(nullptr),
+                     LocalCachePeek("/f", m_szMD5, &m_found, nullptr), LocalCacheDeleteByFileHash(nullptr)}),
+              refused);
+    EXPECT_EQ((Codes{LocalCacheFindFilesByHash(nullptr, 1, &m_pInfos, &m_ullCount),
+                     LocalCacheFindFilesByHash("", 0, &m_pInfos, &m_ullCount),
+                     LocalCacheFindFilesByHash("", 1, nullptr, &m_ullCount),
+                     LocalCacheFindFilesByHash("", 1, &m_pInfos, nullptr)}),
+              refused);
     EXPECT_EQ(LocalCacheLookUpByHashes(nullptr, 1, m_mapFlags), TARN_E_INVALIDARG);
     EXPECT_EQ(LocalCacheLookUpByHashes("", 0, m_mapFlags), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheFindFilesByHash(nullptr, 1, &m_pInfos, &m_ullCount), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheFindFilesByHash("", 0, &m_pInfos, &m_ullCount), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheFindFilesByHash("", 1, nullptr, &m_ullCount), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheFindFilesByHash("", 1, &m_pInfos, nullptr), TARN_E_INVALIDARG);
+    EXPECT_STRNE(LocalCacheErrorText(TARN_E_INVALIDARG), LocalCacheErrorText(0x12345U)); // nobody's code
 }
 
 TEST_F(EntryPoints, FillInNothingWhenTheyFail) {
@@ -42,15 +46,17 @@ TEST_F(EntryPoints, FillInNothingWhenTheyFail) {
         if (ulCode == TARN_E_FAIL) {
             EXPECT_EQ(RecordedLog::Texts(), Texts{});
             ASSERT_EQ(LocalCacheInitEx(), TARN_OK);
+            ASSERT_EQ(LocalCacheInit(), TARN_OK); // too late for a writer
+            EXPECT_EQ(Add(m_strFile), TARN_OK);
+            EXPECT_EQ(LocalCacheFlush(0, nullptr), TARN_E_FAIL);
+            ASSERT_EQ(LocalCacheUnInit(), TARN_OK);
             ASSERT_TRUE(Run("drop table CT"));
         }
-        EXPECT_EQ(LocalCacheDeleteByFileHash(kMD5A), ulCode);
-        EXPECT_EQ(LocalCacheGetStatistic(&statistic), ulCode);
-        EXPECT_EQ(LocalCacheFindFilesByHash(kMD5A, 1, &m_pInfos, &m_ullCount), ulCode);
-        EXPECT_EQ(LocalCacheLookUpByHashes(kMD5A, 1, m_mapFlags), ulCode);
-        EXPECT_EQ(Add(m_strFile, Verdict(1, 1, "\"")), ulCode);
-        EXPECT_EQ(LocalCachePeek("/f", m_szMD5, &m_found, &ulState), ulCode);
-        EXPECT_EQ(Lookup("relative"), ulCode);
+        EXPECT_EQ((Codes{LocalCacheDeleteByFileHash(kMD5A), LocalCacheLookUpByHashes(kMD5A, 1, m_mapFlags),
+                         LocalCacheFindFilesByHash(kMD5A, 1, &m_pInfos, &m_ullCount),
+                         LocalCachePeek("/f", m_szMD5, &m_found, &ulState), LocalCacheGetStatistic(&statistic),
+                         Add(m_strFile, Verdict(1, 1, "\"")), Lookup("relative")}),
+                  Codes(7, ulCode));
         EXPECT_EQ(statistic.ulCacheSize, 78U);
         EXPECT_EQ(m_pInfos, nullptr);
         EXPECT_EQ(m_ullCount, 77U);
@@ -85,14 +91,6 @@ TEST_F(EntryPoints, CountUsersDeleteByHashAndReportAtTheLastUser) {
     const Texts vecExpected = {"[LocalCacheUnInit]current cache size: 1.", "[LocalCacheUnInit]hit cache times: 2",
                                "[LocalCacheUnInit]Weed out cache counts: 0", "[LocalCacheUnInit]Weed out times: 1"};
     EXPECT_EQ(RecordedLog::Texts(3), vecExpected);
-}
-
-TEST_F(EntryPoints, AStartWithoutAWriterKeepsNothing) {
-    ASSERT_EQ(LocalCacheInitEx(), TARN_OK);
-    ASSERT_EQ(LocalCacheInit(), TARN_OK); // too late for a writer
-    EXPECT_EQ(Add(m_strFile), TARN_OK);
-    EXPECT_EQ(LocalCacheFlush(0, nullptr), TARN_E_FAIL);
-    EXPECT_EQ(LocalCacheUnInit(), TARN_OK);
 }
 
 TEST_F(EntryPoints, GiveBackTheVerdictAndTouchNothingElse) {
@@ -134,6 +132,11 @@ TEST_F(EntryPoints, FilesByHashComeInMd5OrderWithTheirPathsJoined) {
     Remember(strGone, Verdict(1, 0x80000000), kMD5C);
     fs::remove(strGone);
     const std::string strSlots = std::string(kMD5B) + '\0' + kUnknown + '\0' + kMD5A + '\0' + kMD5C + '\0' + kMD5B;
+    std::set<std::string> setFolders;
+    const auto note = [](const char *pszFolder, void *pSet) {
+        static_cast<std::set<std::string> *>(pSet)->insert(pszFolder);
+    };
+    ASSERT_EQ(LocalCacheSetFindProgress(note, &setFolders), TARN_OK);
     ASSERT_EQ(LocalCacheFindFilesByHash(strSlots.c_str(), 5, &m_pInfos, &m_ullCount), TARN_OK);
     std::vector<std::pair<std::string, std::string>> vecFound;
     for (uint64_t i = 0; i < m_ullCount; ++i) {
@@ -152,7 +155,12 @@ TEST_F(EntryPoints, FilesByHashComeInMd5OrderWithTheirPathsJoined) {
     EXPECT_EQ(pszKept, strJoined); // the caller's still
     std::free(pszKept);
 
+    EXPECT_EQ(setFolders.count("/"), 1U);
+    EXPECT_EQ(setFolders.count(m_install.Path("")), 1U);
+    setFolders.clear();
+    ASSERT_EQ(LocalCacheSetFindProgress(nullptr, &setFolders), TARN_OK);
     m_mapFlags = {{kMD5A, -5}, {"other", 6}};
     EXPECT_EQ(LocalCacheLookUpByHashes(strSlots.c_str(), 5, m_mapFlags), TARN_OK);
     EXPECT_EQ(m_mapFlags, (std::map<std::string, int32_t>{{kMD5A, -5}, {"other", 6}, {kMD5B, 0}, {kMD5C, INT32_MIN}}));
+    EXPECT_TRUE(setFolders.empty());
 }

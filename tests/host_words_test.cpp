@@ -1,8 +1,6 @@
 // What hosts ask of a running cache beyond lookup and add.
 #include "tests/cache_fixture.h"
 
-#include <set>
-
 namespace fs = std::filesystem;
 
 class HostWords : public CCacheTest {
@@ -15,7 +13,7 @@ class HostWords : public CCacheTest {
                      DigestText(7 + i % 2));
         }
     }
-    uint64_t Count(int iDigest) {
+    static uint64_t Count(int iDigest) {
         uint64_t ullCount = 77;
         EXPECT_EQ(LocalCacheCountByFileHash(DigestText(iDigest).c_str(), &ullCount), TARN_OK);
         return ullCount;
@@ -30,19 +28,6 @@ class HostWords : public CCacheTest {
         return vecFindings;
     }
 };
-
-TEST_F(HostWords, AStatusFromTheCallerIsWhatCounts) {
-    const struct stat before = StatusOf(m_strFile);
-    Start();
-    m_install.WriteFile("file", "changed while it was scanned");
-    const _SCAN_FILE_RESULT verdict = Verdict(1);
-    ASSERT_EQ(LocalCacheAddStat(m_strFile.c_str(), &before, DigestText(7).c_str(), &verdict), TARN_OK);
-    ASSERT_EQ(LocalCacheFlush(60000, nullptr), TARN_OK);
-    EXPECT_EQ(Lookup(m_strFile), TARN_NOT_CACHED);
-    EXPECT_EQ(Lookup(m_strFile, before), TARN_OK);
-    EXPECT_EQ(LocalCacheLookupStat(m_strFile.c_str(), nullptr, m_szMD5, &m_found), TARN_E_INVALIDARG);
-    EXPECT_EQ(LocalCacheAddStat(m_strFile.c_str(), nullptr, "", &verdict), TARN_E_INVALIDARG);
-}
 
 TEST_F(HostWords, DeletionsTakeWhatTheyNameAndNothingElse) {
     StartWith(6);
@@ -63,9 +48,8 @@ TEST_F(HostWords, DeletionsTakeWhatTheyNameAndNothingElse) {
     EXPECT_EQ(Info().ullRecords, 0U);
     const CSecondConnection other(m_install.Database());
     ASSERT_TRUE(other.Run("begin exclusive"));
-    EXPECT_EQ(LocalCacheDeleteByPath(m_install.Path("1").c_str()), TARN_E_FAIL);
-    EXPECT_EQ(LocalCacheDeleteByEngine(1), TARN_E_FAIL);
-    EXPECT_EQ(LocalCacheClear(), TARN_E_FAIL);
+    EXPECT_EQ((Codes{LocalCacheDeleteByPath("/1"), LocalCacheDeleteByEngine(1), LocalCacheClear()}),
+              Codes(3, TARN_E_FAIL));
 }
 
 TEST_F(HostWords, EnumerationShowsEveryRecordOnceAndLetsOthersWork) {
@@ -130,7 +114,6 @@ TEST_F(HostWords, RecordsThatGrowKeepToTheCallersSize) {
     EXPECT_EQ(LocalCacheGetInfo(&info), TARN_OK);
     EXPECT_EQ(info.ullRecords, 2U);
     EXPECT_EQ(info.ullRecordCap, 0xA5A5A5A5A5A5A5A5U);
-    EXPECT_EQ(info.size, offsetof(_LOCAL_CACHE_INFO, ullRecordCap));
     info.size = 7;
     EXPECT_EQ(LocalCacheGetInfo(&info), TARN_E_INVALIDARG);
     EXPECT_EQ(Lookup(m_install.Path("0")), TARN_OK);
@@ -155,30 +138,4 @@ TEST_F(HostWords, TheCheckFindsWhatIsWrongAndChangesNothing) {
     EXPECT_EQ(other.Number("pragma data_version"), liChanges);
     ASSERT_TRUE(other.Run("alter table VST add column X"));
     EXPECT_EQ(Findings().back(), "a table is missing or has another schema; the next start makes it anew, empty");
-}
-
-TEST_F(HostWords, AWalkTellsWhereItIs) {
-    StartWith(1);
-    static std::set<std::string> s_setFolders; // the function may not carry state of its own
-    const auto walk = [](void (*onFolder)(const char *, void *)) {
-        _CacheFileInfo *pInfos = nullptr;
-        uint64_t ullCount = 0;
-        s_setFolders.clear();
-        ASSERT_EQ(LocalCacheSetFindProgress(onFolder, nullptr), TARN_OK);
-        ASSERT_EQ(LocalCacheFindFilesByHash(DigestText(7).c_str(), 1, &pInfos, &ullCount), TARN_OK);
-        LocalCacheFree(pInfos, ullCount);
-    };
-    walk([](const char *pszFolder, void *) { s_setFolders.insert(pszFolder); });
-    EXPECT_EQ(s_setFolders.count("/"), 1U);
-    EXPECT_EQ(s_setFolders.count(m_install.Path("")), 1U);
-    walk(nullptr);
-    EXPECT_TRUE(s_setFolders.empty());
-}
-
-TEST_F(HostWords, EveryCodeHasAText) {
-    std::set<std::string> setTexts;
-    for (const uint32_t ulCode : {TARN_OK, TARN_NOT_CACHED, TARN_E_INVALIDARG, TARN_E_OUTOFMEMORY, TARN_E_FAIL,
-                                  TARN_E_ABORT, TARN_E_NOT_INITIALIZED, TARN_E_NOT_MATCHED, TARN_E_TIMEOUT, 0x12345U}) {
-        EXPECT_TRUE(setTexts.insert(LocalCacheErrorText(ulCode)).second) << ulCode;
-    }
 }

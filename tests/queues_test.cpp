@@ -1,8 +1,6 @@
 // What fills the queues, what wakes the writer, and which queue it writes first.
 #include "tests/agent_fixture.h"
 
-#include <set>
-
 namespace {
 std::atomic<bool> g_bLongWaits = false;              // only a signal ends the writer's waits for work
 std::atomic<pthread_cond_t *> g_pWorkCond = nullptr; // the condition of the first of them
@@ -25,35 +23,31 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t *pCond, pthread_mutex_t *pM
 class Queues : public CAgentTest {
   protected:
     Queues() { g_bLongWaits = false; }
-    // As many additions as fill the hit map once they are looked up; returns their paths: those of 200 files, every
-    // spelling of whose folder makes other files of them.
-    Texts AddFiles() {
-        Texts vecFiles;
-        std::set<uint32_t> setFolders;
-        for (std::string strFolder = m_install.Path("engine/"); vecFiles.size() < 20000; strFolder += "./") {
-            uint32_t aulKey[2] = {};
-            EXPECT_EQ(CalcFilePathCrc32(strFolder.c_str(), aulKey), 1);
-            for (int i = setFolders.insert(aulKey[1]).second ? 100 : 300; i < 300; ++i) { // two may hash alike
-                (void)(vecFiles.size() < 200 ? File("engine/" + std::to_string(i)) : "");
-                vecFiles.push_back(strFolder + std::to_string(i));
-                EXPECT_EQ(Add(vecFiles.back()), TARN_OK);
-            }
+    uint32_t Add(int iFile, _SCAN_FILE_RESULT verdict = Verdict(1)) {
+        return m_pAgent->CacheAddStat(Path(iFile).c_str(), m_status, "", &verdict);
+    }
+    uint32_t Lookup(int iFile) { return m_pAgent->CacheLookupStat(Path(iFile).c_str(), m_status, m_szMD5, &m_found); }
+    static std::string Path(int iFile) { return "/" + std::to_string(iFile); }
+    // As many additions as fill the hit map once they are looked up.
+    void AddFiles() {
+        for (int i = 0; i < 20000; ++i) {
+            EXPECT_EQ(Add(i), TARN_OK);
         }
         m_pAgent->RunWritePass(false);
         EXPECT_EQ(RowsOfEngine(1), 20000);
-        return vecFiles;
     }
+    const struct stat m_status = StatusOf(m_install.Config());
 };
 
 TEST_F(Queues, FullQueuesAreWrittenBeforeHalfFullOnes) {
     ASSERT_EQ(Start(), TARN_OK);
-    const Texts vecFiles = AddFiles();
-    const auto pass = [&](size_t nHits, size_t nAdds, int iEngine) {
-        for (size_t i = 0; i < nHits; ++i) {
-            EXPECT_EQ(Lookup(vecFiles[i]), TARN_OK);
+    AddFiles();
+    const auto pass = [&](int nHits, int nAdds, int iEngine) {
+        for (int i = 0; i < nHits; ++i) {
+            EXPECT_EQ(Lookup(i), TARN_OK);
         }
-        for (size_t i = 0; i < nAdds; ++i) {
-            EXPECT_EQ(Add(vecFiles[i], Verdict(iEngine)), TARN_OK);
+        for (int i = 0; i < nAdds; ++i) {
+            EXPECT_EQ(Add(i, Verdict(iEngine)), TARN_OK);
         }
         m_pAgent->RunWritePass(false);
         return RowsOfEngine(iEngine);
@@ -71,7 +65,7 @@ TEST_F(Queues, FullQueuesAreWrittenBeforeHalfFullOnes) {
 
 TEST_F(Queues, FullQueuesAnUrgentFileStatisticsAndShutDownWakeTheWriter) {
     ASSERT_EQ(Start(), TARN_OK);
-    const Texts vecFiles = AddFiles();
+    AddFiles();
     g_bLongWaits = true;
     g_pWorkCond = nullptr;
     g_nWorkWaits = g_nPauses = 0;
@@ -84,25 +78,25 @@ TEST_F(Queues, FullQueuesAnUrgentFileStatisticsAndShutDownWakeTheWriter) {
         EXPECT_TRUE(WaitFor([&] { return Rows(strWhere) == liRows; })) << strWhere;
     };
     wakes(1, "QC = 1", 20000, [&] {
-        for (const std::string &strFile : vecFiles) {
-            EXPECT_EQ(Lookup(strFile), TARN_OK);
+        for (int i = 0; i < 20000; ++i) {
+            EXPECT_EQ(Lookup(i), TARN_OK);
         }
     });
     wakes(2, "QC = 0", 1, [&] {
         for (int i = 0; i < 10000; ++i) {
-            EXPECT_EQ(Add(vecFiles[0]), TARN_OK);
+            EXPECT_EQ(Add(0), TARN_OK);
         }
     });
-    wakes(3, "FTV & 0x100", 1, [&] { EXPECT_EQ(Add(vecFiles[1], Verdict(1, 0x100)), TARN_OK); });
+    wakes(3, "FTV & 0x100", 1, [&] { EXPECT_EQ(Add(1, Verdict(1, 0x100)), TARN_OK); });
     wakes(4, "FTV & 4", 1, [&] {
         EXPECT_EQ(g_nPauses, 0);
         TestLoop::s_iDueCallbacks = 0;
-        EXPECT_EQ(Add(vecFiles[2], Verdict(1, 4)), TARN_OK); // wakes nobody
+        EXPECT_EQ(Add(2, Verdict(1, 4)), TARN_OK); // wakes nobody
         (void)Statistics();
     });
     wakes(5, "FTV & 4", 1, [] { EXPECT_EQ(g_nPauses, 1); });
-    ASSERT_EQ(Add(File("last")), TARN_OK);
-    ASSERT_EQ(Lookup(vecFiles[0]), TARN_OK);
+    ASSERT_EQ(Add(20000), TARN_OK);
+    ASSERT_EQ(Lookup(0), TARN_OK);
     EXPECT_EQ(Stop(), TARN_OK);
     EXPECT_EQ(Rows(), 20001);
     EXPECT_EQ(Rows("QC = 1"), 19998);

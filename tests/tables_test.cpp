@@ -1,4 +1,4 @@
-// The table framework, and the single-record operations of the cache and version tables.
+// The table framework, and the operations of the tables on single records.
 #include "tables/cachetable.h"
 #include "tables/versiontable.h"
 #include "tables/vsdesctable.h"
@@ -27,6 +27,24 @@ int OnBusy(void *, int) {
     return 0;
 }
 
+// A table that answers with values: -99 and "?" stand for a failure that left the output.
+class CTestVirusTable : public CVirusTable {
+  public:
+    using CVirusTable::CVirusTable;
+    int Index(const std::string &strDesc) {
+        int iIndex = -99;
+        const int iResult = GetIndexByVirusDesc(strDesc.c_str(), &iIndex);
+        EXPECT_EQ(iResult, iIndex == -99 ? 0 : 1) << strDesc;
+        return iIndex;
+    }
+    std::string Desc(int iIndex, unsigned int nSize = TARN_VIRUS_DESC_SIZE) {
+        char szDesc[TARN_VIRUS_DESC_SIZE] = "?";
+        const int iResult = GetVirusDescByIndex(iIndex, szDesc, nSize);
+        EXPECT_EQ(iResult, std::strcmp(szDesc, "?") == 0 ? 0 : 1) << iIndex;
+        return szDesc;
+    }
+};
+
 class Tables : public testing::Test {
   protected:
     void SetUp() override {
@@ -37,7 +55,7 @@ class Tables : public testing::Test {
     const CTempInstall install;
     const CSecondConnection db = CSecondConnection(install.Database());
     CCacheTable cache = CCacheTable(db.m_pDB);
-    CVirusTable virus = CVirusTable(db.m_pDB);
+    CTestVirusTable virus = CTestVirusTable(db.m_pDB);
     CVersionTable version = CVersionTable(db.m_pDB);
 };
 
@@ -49,33 +67,13 @@ extern "C" int sqlite3_busy_timeout(sqlite3 *, int ms) {
     return SQLITE_OK;
 }
 
-TEST_F(Tables, StatementTextsAreTheExpectedOnesAndAcceptedBySqlite) {
-    std::vector<std::string> vecTexts = {CCacheTable().m_stSetQueryTime.strSQL}; // built with the table
-    for (const CTableSchema *p : std::initializer_list<const CTableSchema *>{&cache, &virus, &version}) {
-        vecTexts.insert(vecTexts.end(), {p->m_strCheckSQL, p->m_strCreateSQL, p->m_strDropSQL, p->m_stInsert.strSQL,
-                                         p->m_stDelete.strSQL, p->m_stQuery.strSQL});
-    }
-    std::string strAll;
-    for (const std::string &strSQL : vecTexts) {
-        EXPECT_EQ(_SQLStmt(strSQL).Prepare(db.m_pDB), SQLITE_OK) << strSQL;
-        strAll += strSQL;
-    }
-    EXPECT_EQ(
-        strAll,
-        "update CT set QC = QC+1, TS = ? where FPH = ?;"
-        "select sql from sqlite_master where type = \"table\" and name = \"CT\";"
-        "create table if not exists CT(FPH integer(8) primary key,FAH integer(4) not null,FTV integer(8) not null,"
-        "FHMD integer(8) not null,FLMD integer(8) not null,QC integer(4) not null,TS integer(8) not null,"
-        "RS integer(4) not null,FFI varchar(6) not null);drop table if exists CT;"
-        "replace into CT values(?,?,?,?,?,?,?,?,?);delete from CT where FPH = ?;select * from CT where FPH = ?;"
-        "select sql from sqlite_master where type = \"table\" and name = \"VDT\";"
-        "create table if not exists VDT(VID integer(4) primary key,VD varchar(64) not null);drop table if exists VDT;"
-        "replace into VDT values(?,?);delete from VDT where VID = ?;select * from VDT where VID = ?;"
-        "select sql from sqlite_master where type = \"table\" and name = \"VST\";"
-        "create table if not exists VST(FV integer(4) primary key,VN integer(4) not null,LDT integer(8) not null);"
-        "drop table if exists VST;replace into VST values(?,?,?);delete from VST where FV = ?;"
-        "select * from VST where FV = ?;");
-    EXPECT_EQ(db.Text("select sql from sqlite_master where name = 'CT_MD5'"), "CREATE INDEX CT_MD5 on CT(FHMD,FLMD)");
+TEST_F(Tables, TheStoredSchemaIsTheOneThatInstalledDatabasesHave) {
+    EXPECT_EQ(db.Text("select group_concat(sql, ';') from sqlite_master where sql is not null"),
+              "CREATE TABLE CT(FPH integer(8) primary key,FAH integer(4) not null,FTV integer(8) not null,"
+              "FHMD integer(8) not null,FLMD integer(8) not null,QC integer(4) not null,TS integer(8) not null,"
+              "RS integer(4) not null,FFI varchar(6) not null);CREATE INDEX CT_MD5 on CT(FHMD,FLMD);"
+              "CREATE TABLE VDT(VID integer(4) primary key,VD varchar(64) not null);"
+              "CREATE TABLE VST(FV integer(4) primary key,VN integer(4) not null,LDT integer(8) not null)");
 }
 
 TEST_F(Tables, SchemaIsKeptWhenItMatchesAndElseDroppedAndMadeAnew) {
@@ -92,18 +90,20 @@ TEST_F(Tables, SchemaIsKeptWhenItMatchesAndElseDroppedAndMadeAnew) {
         _VersionRecord record = {7, 8, 9};
         EXPECT_EQ(table.InsertRecord(&record), 0U) << strStored;
     }
-    CVersionTable table(db.m_pDB);
-    ASSERT_TRUE(db.Run("drop table VST; create view VST as select 1")); // cannot be dropped as a table
-    EXPECT_EQ(TableCreateCheckRebuild(&table), TARN_E_FAIL);
-    EXPECT_EQ(table.CheckTableIntegrity(), 1U);
-    EXPECT_EQ(RecordedLog::Texts(2).back(),
-              "xdatatable: [__implCheckIntegrity]step table failed with error msg = SQL logic error");
 }
 
-TEST_F(Tables, BusyDatabaseIsWaitedForAsOftenAsEachOperationSays) {
+TEST_F(Tables, BusyDatabaseIsWaitedForAsOftenAsEachOperationSaysAndKeepsItsRows) {
+    ASSERT_TRUE(db.Run("insert into CT values(1,0,0,0,0,6,7,0,'')"));
     const CSecondConnection blocker(install.Database());
     g_pBlocker = &blocker;
     sqlite3_busy_handler(db.m_pDB, OnBusy, nullptr);
+    // A lock that lasts through the creation and ends before a drop could be tried must not cost the rows.
+    ASSERT_TRUE(blocker.Run("begin exclusive"));
+    g_nReleaseAt = (g_nBusyAttempts = 0) + 3; // two are the creation's
+    CCacheTable starting(db.m_pDB);
+    EXPECT_EQ(TableCreateCheckRebuild(&starting), TARN_E_FAIL);
+    (void)blocker.Run("rollback");
+    EXPECT_EQ(db.Number("select count(*) from CT"), 1);
     std::set<int16_t> setIds = {5};
     std::vector<_CacheRecordEx *> vecRecords;
     int iIndex = 0;
@@ -149,46 +149,11 @@ TEST_F(Tables, CacheRecordGoesIntoItsColumnsAndBack) {
     read.liFilePathHash = 5;
     EXPECT_EQ(cache.InsertRecord(&read), 0U);
     EXPECT_EQ(db.Number("select count(*) from (select distinct FAH,FTV,FHMD,FLMD,QC,TS,RS,FFI from CT)"), 1);
-    _CacheRecord replacement = {5, 1, 2, 3, 4, 0, 6, 7, "", {}, 0};
-    EXPECT_EQ((Results{cache.InsertRecord(&replacement), cache.QueryRecord(&read)}), (Results{0, 0}));
-    EXPECT_STREQ(read.szFilePathIndex, "");
     EXPECT_EQ((Results{cache.DeleteRecord(&read), cache.DeleteRecord(&read)}), (Results{0, 0})); // absent: no failure
     ASSERT_TRUE(db.Run("insert into CT values(5,2,3,4,5,6,7,8,'/abcdefghijklmnopqrstuvwxyz')")); // by someone else
     EXPECT_EQ(cache.QueryRecord(&read), 0U);
     EXPECT_STREQ(read.szFilePathIndex, "/abcd");
     EXPECT_EQ(read.szFilePath[0], 0x5A);
-}
-
-TEST_F(Tables, VersionIsReadBackAndReplaced) {
-    _VersionRecord first = {0, 1, 2}, second = {0, INT32_MIN, 5000000000}, read = {};
-    EXPECT_EQ(version.InsertRecord(&first), 0U);
-    EXPECT_EQ(version.InsertRecord(&second), 0U);
-    EXPECT_EQ(version.QueryRecord(&read), 0U);
-    EXPECT_EQ((Results{read.iVersionNo, read.liCreateTime}), (Results{INT32_MIN, 5000000000}));
-}
-
-// A lock that lasts through the creation and ends before a drop could be tried must not cost the rows.
-TEST_F(Tables, ADatabaseLockedAtTheStartKeepsItsRows) {
-    ASSERT_TRUE(db.Run("insert into CT values(1,0,0,0,0,6,7,0,'')"));
-    const CSecondConnection blocker(install.Database());
-    const CSecondConnection starting(install.Database());
-    g_pBlocker = &blocker;
-    ASSERT_TRUE(blocker.Run("begin exclusive"));
-    sqlite3_busy_handler(starting.m_pDB, OnBusy, nullptr);
-    g_nReleaseAt = (g_nBusyAttempts = 0) + 3; // two are the creation's
-    CCacheTable table(starting.m_pDB);
-    EXPECT_EQ(TableCreateCheckRebuild(&table), TARN_E_FAIL);
-    g_nReleaseAt = 0;
-    (void)blocker.Run("rollback");
-    EXPECT_EQ(db.Number("select count(*) from CT"), 1);
-}
-
-TEST_F(Tables, AFailedCreationLeavesNoStatement) {
-    const CSecondConnection other(install.Database());
-    CCacheTable table(other.m_pDB);
-    table.m_stDelete.strSQL = "no statement";
-    EXPECT_EQ(table.CreateTable(), static_cast<uint32_t>(SQLITE_ERROR));
-    EXPECT_EQ(sqlite3_next_stmt(other.m_pDB, nullptr), nullptr);
 }
 
 TEST_F(Tables, AStatementStaysInertAfterItsFirstFailure) {
@@ -200,6 +165,51 @@ TEST_F(Tables, AStatementStaysInertAfterItsFirstFailure) {
     EXPECT_EQ(unbound.Run(), static_cast<uint32_t>(SQLITE_RANGE));
     EXPECT_STREQ(unprepared.ErrorText(), "no such column: X"); // its own, whatever came later
     EXPECT_EQ(db.Number("select count(*) from VST"), 0);
-    CStatement done(db.m_pDB, "insert into VST values(1,2,3)");
-    EXPECT_EQ((Results{done.Run(), done.Run()}), (Results{0, 0})); // not run again: the key would be taken
+}
+
+TEST_F(Tables, NumbersDescriptionsInOrderOfArrivalAndAsksTheDatabaseOnce) {
+    ASSERT_TRUE(db.Run("insert into VDT values(0,'Win.Test.A')"));
+    EXPECT_EQ(virus.Index("win.test.a"), 1); // case counts
+    EXPECT_EQ(virus.Index("a'b; drop table VDT; --"), 2);
+    EXPECT_EQ(virus.Desc(0), "Win.Test.A");
+    ASSERT_TRUE(db.Run("delete from VDT"));
+    EXPECT_EQ(virus.Index("Win.Test.A"), 0); // from the map
+    EXPECT_EQ(virus.Desc(2), "a'b; drop table VDT; --");
+    EXPECT_EQ(db.Number("select count(*) from VDT"), 0);
+}
+
+TEST_F(Tables, ReusesAnIndexAfterADeletion) {
+    EXPECT_EQ((Results{virus.Index("A"), virus.Index("B"), virus.Index("C")}), (Results{0, 1, 2}));
+    _VirusRecord record = {0, ""};
+    ASSERT_EQ(virus.DeleteRecord(&record), 0U);
+    EXPECT_EQ(virus.Index("D"), 2); // the row count
+    EXPECT_EQ(virus.Desc(2), "C");  // what was known stays known
+    CTestVirusTable later(db.m_pDB);
+    ASSERT_EQ(later.CreateTable(), 0U);
+    ASSERT_TRUE(db.Run("insert into VDT values(4,'')"));
+    EXPECT_EQ(later.Desc(2) + later.Desc(0) + later.Desc(4), "D??"); // unknown, and empty
+}
+
+TEST_F(Tables, CutsDescriptionsToTheirField) {
+    const std::string str63(63, 'x');
+    EXPECT_EQ((Results{virus.Index(str63), virus.Index(str63 + "x"), virus.Index(str63 + "yy")}), (Results(3)));
+    EXPECT_EQ(db.Text("select VD from VDT"), str63);
+    ASSERT_TRUE(db.Run("insert into VDT values(5,'" + str63 + "xxx')")); // not written by this library
+    EXPECT_EQ(virus.Desc(5), str63);
+    EXPECT_EQ(virus.Desc(0, 5), "xxxx");
+    _VirusRecord full; // no NUL within the field
+    std::memset(&full, 'y', sizeof full);
+    EXPECT_EQ(virus.InsertRecord(&full), 0U);
+    EXPECT_EQ(db.Number("select max(length(VD)) from VDT where VD like 'y%'"), 64);
+}
+
+// SQLite takes such a text in double quotes for a column, which every row or none would meet.
+TEST_F(Tables, NumbersDescriptionsThatAreNamesOfColumns) {
+    CTestVirusTable later(db.m_pDB); // its map is as empty as after a restart
+    ASSERT_EQ(later.CreateTable(), 0U);
+    int iNext = 0;
+    for (const char *pszDesc : {"First", "VD", "vd", "VID", "rowid", "OID", "_rowid_", "VDT"}) {
+        EXPECT_EQ(virus.Index(pszDesc), iNext) << pszDesc;
+        EXPECT_EQ(later.Index(pszDesc), iNext++) << pszDesc;
+    }
 }
