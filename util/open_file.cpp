@@ -167,6 +167,11 @@ bool WriteBack(int fd, EFileSystem eKind) noexcept {
 }
 
 bool DropPages(int fd, uint64_t ullSize) noexcept {
+    // A file of holes costs its maker nothing, and a look at all of it many minutes that no signal ends.
+    constexpr uint64_t kMostLookedAt = uint64_t{64} << 30U; // bytes; takes about a second
+    if (ullSize > kMostLookedAt) {
+        return false;
+    }
     (void)sync_file_range(fd, 0, 0, kWriteAndWait); // dirty pages stay, and are then seen below
     if (posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED) != 0) {
         return false;

@@ -9,7 +9,8 @@
 
 namespace {
 
-constexpr int kPollStep = 100; // milliseconds
+constexpr int kPollStep = 100;            // milliseconds
+constexpr size_t kLongestLine = 1u << 20; // bytes; no path that can be opened is that long
 
 enum class ERead { Piece, End, Stopped, Failed };
 
@@ -61,7 +62,8 @@ bool TakePaths(std::string &strText, size_t nSearched, char cSeparator,
 bool ReadPathLines(const std::string &strList, char cSeparator, const std::atomic<bool> &bStop,
                    const std::function<bool(const std::string &strPath)> &onPath, std::string &strError) {
     const bool bStandardInput = strList == "-";
-    const CDescriptor file(bStandardInput ? -1 : open(strList.c_str(), O_RDONLY | O_CLOEXEC));
+    // A pipe that nobody has opened for writing yet is waited for in ReadPiece, where a signal ends it.
+    const CDescriptor file(bStandardInput ? -1 : open(strList.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     std::string strText;
     ERead eRead = bStandardInput || file.IsOpen() ? ERead::Piece : ERead::Failed;
     bool bWanted = true;
@@ -69,6 +71,10 @@ bool ReadPathLines(const std::string &strList, char cSeparator, const std::atomi
         const size_t nSearched = strText.size();
         eRead = ReadPiece(bStandardInput ? STDIN_FILENO : file.Get(), bStop, strText);
         bWanted = eRead != ERead::Piece || TakePaths(strText, nSearched, cSeparator, onPath);
+        if (strText.size() > kLongestLine) { // somebody else's list must not take all memory
+            strError = "a line is longer than any path";
+            return false;
+        }
     }
     if (eRead == ERead::Failed) {
         strError = std::generic_category().message(errno);
