@@ -72,6 +72,8 @@ bool CDataBaseAgent::CRepair::Heal() {
         return false;
     }
     m_agent.m_pProtection->m_bSwept = false;
+    m_agent.m_pProtection->m_liSweptTo = INT64_MIN;
+    m_agent.m_pProtection->m_nFailedSweeps = 0;
     TARN_LOG_AS(ELogLevel::Error, kHeal, "[%s][cache] the database is in use again");
     return true;
 }

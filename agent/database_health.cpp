@@ -17,8 +17,8 @@ void CDatabaseHealth::BeginRun(const std::string &strPath) {
     m_bUnclean = (!mark.IsOpen() && errno == EEXIST) || lstat((strPath + "-journal").c_str(), &status) == 0;
 }
 
-void CDatabaseHealth::EndRun() {
-    if (!m_strMark.empty() && !m_bUnclean) {
+void CDatabaseHealth::EndRun(bool bDamage) {
+    if (!m_strMark.empty() && !m_bUnclean && !m_bSuspect && !bDamage) {
         (void)unlink(m_strMark.c_str()); // what stays costs a check
     }
     m_strMark.clear();

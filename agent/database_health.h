@@ -21,8 +21,9 @@ class CDatabaseHealth {
 
     // Start-up: leaves a mark beside the database that goes with a clean end; the one of a run that had none says so.
     void BeginRun(const std::string &strPath);
-    // Shut-down, after closing. The mark stays until the database has been checked.
-    void EndRun();
+    // Shut-down, after closing. The mark stays until the database has been checked, and with bDamage, which says that
+    // the run found it damaged.
+    void EndRun(bool bDamage);
 
     // Notes which file has been opened under this path.
     void NoteFile(const std::string &strPath);

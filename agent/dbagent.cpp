@@ -147,9 +147,10 @@ uint32_t CDataBaseAgent::AgentUnInit() {
     }
     DBTablesUnInit();
     m_connection.FinalizeStatements();
+    const bool bDamage = m_connection.Failures().HasDamage(); // forgotten with the connection
     const uint32_t ulResult = CloseDB();
     if (ulResult == TARN_OK) {
-        m_health.EndRun();
+        m_health.EndRun(bDamage);
     }
     return ulResult;
 }

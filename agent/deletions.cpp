@@ -28,6 +28,7 @@ uint32_t CDataBaseAgent::DeleteRecordByFileHash(const char *md5_text) {
 }
 
 uint32_t CDataBaseAgent::DeleteAllRecords() {
+    const CBusyDeadline deadline(m_config.bProtect);
     const CWriteLock lock(m_connection.m_tableLock);
     if (!MayServe() || m_pCacheTable->DeleteAllRecords() == 0) {
         TARN_LOG_ERROR("[%s][cache] delete all record failed.");

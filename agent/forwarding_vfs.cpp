@@ -44,8 +44,10 @@ void CForwardingVfs::Fill() {
     m_vfs.xRandomness = Forward<&sqlite3_vfs::xRandomness>;
     m_vfs.xSleep = Forward<&sqlite3_vfs::xSleep>;
     m_vfs.xCurrentTime = Forward<&sqlite3_vfs::xCurrentTime>;
-    m_vfs.xGetLastError = Forward<&sqlite3_vfs::xGetLastError>;
-    if (m_vfs.iVersion > 1) {
+    if (m_pSystem->xGetLastError != nullptr) { // a host's own layer may lack it, and the next
+        m_vfs.xGetLastError = Forward<&sqlite3_vfs::xGetLastError>;
+    }
+    if (m_vfs.iVersion > 1 && m_pSystem->xCurrentTimeInt64 != nullptr) {
         m_vfs.xCurrentTimeInt64 = Forward<&sqlite3_vfs::xCurrentTimeInt64>;
     }
 }

@@ -16,7 +16,11 @@ struct _OwnFile : sqlite3_file {
 } // namespace
 
 int COwnReading::Open(const std::string &strPath, std::function<bool()> mustStop) {
-    if (!m_file.IsOpen() && !OpenChecked(AT_FDCWD, strPath.c_str(), O_RDONLY, 0, m_file).IsGood()) {
+    if (!m_file.IsOpen()) {
+        m_file = CDescriptor(open(strPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    }
+    // One that is refused stays open too: a second name of the database must not make us drop its locks.
+    if (!CheckOpenFile(m_file.Get(), 0).IsGood()) {
         return SQLITE_CANTOPEN;
     }
     m_bFailed = false;

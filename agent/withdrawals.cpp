@@ -79,10 +79,11 @@ uint32_t CWithdrawals::TakeList(const std::function<bool()> &isRunning) {
         m_eList = m_vecDigests.empty() ? EList::Unread : EList::Read;
     } else if (ulResult == TARN_E_INVALIDARG) {
         const bool bNewer = IsFileThere(kUpdateCachePath); // has taken its place
-        if (!bNewer) {
-            (void)MoveFile(kListTakenPath, kUpdateCachePath);
+        if (bNewer) {
+            RemoveFile(kListTakenPath);
+        } else {
+            (void)MoveFile(kListTakenPath, kUpdateCachePath); // one that cannot go back is read again by the next start
         }
-        RemoveFile(kListTakenPath);
         m_eList = bNewer ? EList::Unread : EList::None;
     }
     return ulResult;

@@ -51,7 +51,7 @@ constexpr sqlite3_io_methods Methods(int iVersion) {
             _Pass<&M::xFileControl>::On,
             _Pass<&M::xSectorSize>::On,
             _Pass<&M::xDeviceCharacteristics>::On,
-            _Pass<&M::xShmMap>::On,
+            _Pass<&M::xShmMap>::Guarded,
             _Pass<&M::xShmLock>::On,
             _Pass<&M::xShmBarrier>::On,
             _Pass<&M::xShmUnmap>::On,
