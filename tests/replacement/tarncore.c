@@ -1,28 +1,23 @@
-/* A product's own libtarncore, as small as can be: log lines go to the file in REPLACED_LOG, hashing is an FNV-1a that
- * continues from its seed, the other services have nothing to give. Proves that libtarncache takes whatever library of
- * this name the dynamic linker finds. */
+/* A product's own libtarncore, as small as can be: log lines go to stderr, the other services have nothing to give.
+ * Proves that libtarncache takes whatever library of this name the dynamic linker finds. */
+#define _POSIX_C_SOURCE 200809L /* flockfile */
 #include "platform/tarncore.h"
 
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #define EXPORTED __attribute__((visibility("default")))
 
 EXPORTED void error_output(int level, const char *source, int line, const char *format, ...) {
-    const char *path = getenv("REPLACED_LOG");
-    FILE *log = path != NULL ? fopen(path, "ae") : NULL;
     va_list arguments;
-    if (log == NULL) {
-        return;
-    }
-    (void)fprintf(log, "replaced %d %s:%d ", level, source, line);
     va_start(arguments, format);
-    (void)vfprintf(log, format, arguments);
+    flockfile(stderr); /* other threads write too */
+    (void)fprintf(stderr, "replaced %d %s:%d ", level, source, line);
+    (void)vfprintf(stderr, format, arguments);
+    (void)fputc('\n', stderr);
+    funlockfile(stderr);
     va_end(arguments);
-    (void)fputc('\n', log);
-    (void)fclose(log);
 }
 
 EXPORTED int is_open_debug_log_avscan(void) {
@@ -36,11 +31,8 @@ EXPORTED int get_business_value(const char *section, const char *name, int reser
 }
 
 EXPORTED uint32_t Crc32(uint32_t seed, const unsigned char *data, uint64_t length) {
-    uint32_t hash = seed ^ 2166136261U;
-    for (uint64_t i = 0; i < length; ++i) {
-        hash = (hash ^ data[i]) * 16777619U;
-    }
-    return hash;
+    (void)data;
+    return seed ^ (uint32_t)length;
 }
 
 EXPORTED int MD5_StrResultConvert(const char *hex32, void *out16) {
