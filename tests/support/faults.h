@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <dlfcn.h>
 #include <functional>
 #include <new>
 #include <sqlite3.h>
@@ -35,8 +36,10 @@ struct _FaultPlan {
 };
 inline _FaultPlan g_plan;
 
+inline thread_local bool t_bSpared = false; // this thread's allocations
+
 inline bool IsDue(bool bMemory) {
-    if (g_plan.eKind == EFault::None || (g_plan.eKind == EFault::Memory) != bMemory) {
+    if (t_bSpared || g_plan.eKind == EFault::None || (g_plan.eKind == EFault::Memory) != bMemory) {
         return false;
     }
     const uint64_t nPoint = ++*g_plan.pPoints;
@@ -85,8 +88,17 @@ const char *__asan_default_options() {
     return "alloc_dealloc_mismatch=0"; // operator new below
 }
 const char *__lsan_default_suppressions() {
-    return "leak:CSimpleIniTempl*LoadData"; // the parser's own: the text that it was parsing when memory ran out
+    return "leak:CSimpleIniTempl"; // the parser's own: the texts that it held when memory ran out
 }
+}
+// A sanitizer asks for this at the start of a thread, and aborts when there is no memory for the answer.
+extern "C" int pthread_getattr_np(pthread_t thread, pthread_attr_t *pAttributes) noexcept {
+    static const auto pNext =
+        reinterpret_cast<int (*)(pthread_t, pthread_attr_t *)>(dlsym(RTLD_NEXT, "pthread_getattr_np"));
+    t_bSpared = true;
+    const int iError = pNext(thread, pAttributes);
+    t_bSpared = false;
+    return iError;
 }
 void *operator new(size_t nBytes) {
     void *pMemory = malloc(nBytes);
