@@ -1,9 +1,7 @@
-#include "platform/tarncore.h"
 #include "tests/platform_fixture.h"
 
 #include <algorithm>
 #include <sys/wait.h>
-#include <thread>
 
 class PlatformLog : public PlatformTest {
   protected:
@@ -96,27 +94,4 @@ TEST_F(PlatformLog, AFloodIsCountedAndAFullPipeDropsLinesInsteadOfWaiting) {
     EXPECT_EQ(RunChild("timeout 20", "full text"), 0);
     EXPECT_TRUE(Shown(" lines dropped: ")) << m_strOutput;
     EXPECT_TRUE(m_strOutput.ends_with(" child:1 after\n")) << m_strOutput;
-}
-
-TEST_F(PlatformLog, AForkAmongLoggingThreadsLosesNoLine) {
-    setenv("TARN_LOG_FILE", Path("fork.log").c_str(), 1); // the only case that logs in this process
-    const auto logLines = [](int nLines) {
-        for (; nLines > 0; --nLines) {
-            error_output(2, "load", nLines, "text");
-        }
-    };
-    std::thread load(logLines, 4000);
-    for (int i = 0; i < 50; ++i) {
-        if (fork() == 0) {
-            alarm(20); // a child that waits for a lock for ever is a failure, not a hanging test
-            logLines(1);
-            execlp("true", "true", nullptr);
-        }
-        int nStatus = -1;
-        EXPECT_GT(wait(&nStatus), 0);
-        EXPECT_EQ(nStatus, 0);
-    }
-    load.join();
-    const std::string strLog = Read("fork.log");
-    EXPECT_EQ(std::count(strLog.begin(), strLog.end(), '\n'), 4000 + 50);
 }
