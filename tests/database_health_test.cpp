@@ -34,30 +34,26 @@ class DatabaseHealth : public CAgentTest {
 };
 
 TEST_F(DatabaseHealth, WhatIsProvenDamagedOrForeignIsMovedAsideOnce) {
-    const struct {
-        const char *pszCause;
-        std::function<void()> damage;
-    } cases[] = {
-        {"no database", [this] { Put(std::string(8192, '?')); }},
-        {"cut", [this] { Put(m_strGood.substr(0, 4096)); }},
-        {"a page of zeros", [this] { Put(m_strGood.substr(0, 4096) + std::string(m_strGood.size() - 4096, '\0')); }},
-        {"a trigger", [this] { Run("create trigger T after insert on CT begin delete from VDT; end"); }},
-        {"a view", [this] { Run("drop table VST; create view VST as select 1, 2, 3"); }},
-        {"another shape", [this] { Run("alter table CT add column X"); }},
-        {"names without a table", [this] { Run("drop table VDT"); }},
-        {"many tables",
-         [this] {
-             std::string strTables = "begin;";
-             for (int i = 0; i < 3000; ++i) {
-                 strTables += "create table T" + std::to_string(i) + "(a);";
-             }
-             Run(strTables + "commit");
-         }},
+    std::string strTables = "begin;";
+    for (int i = 0; i < 3000; ++i) {
+        strTables += "create table T" + std::to_string(i) + "(a);";
+    }
+    const std::string strPage = m_strGood.substr(0, 4096);
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(8192, '?'), ""}, // no database
+        {strPage, ""},                // cut
+        {strPage + std::string(m_strGood.size() - 4096, '\0'), ""},
+        {m_strGood, "create trigger T after insert on CT begin delete from VDT; end"},
+        {m_strGood, "drop table VST; create view VST as select 1, 2, 3"},
+        {m_strGood, "alter table CT add column X"},
+        {m_strGood, "drop table VDT"}, // of which records have names
+        {m_strGood, strTables + "commit"},
     };
-    for (const auto &testCase : cases) {
-        SCOPED_TRACE(testCase.pszCause);
+    for (const auto &[strContent, strSQL] : cases) {
+        SCOPED_TRACE(strSQL.substr(0, 60) + std::to_string(strContent.size()));
         Reset();
-        testCase.damage();
+        Put(strContent);
+        ASSERT_TRUE(strSQL.empty() || Run(strSQL));
         m_install.WriteFile("engine/cache/morcache.db.damaged", "an earlier one");
         const std::string strBefore = ReadWholeFile(m_install.Database());
         ASSERT_EQ(Start(), TARN_OK);
@@ -73,63 +69,47 @@ TEST_F(DatabaseHealth, WhatIsProvenDamagedOrForeignIsMovedAsideOnce) {
 }
 
 TEST_F(DatabaseHealth, WhatCannotBeOpenedIsLeftAloneAndNamed) {
-    const struct {
-        std::string strReason;
-        std::function<void(const std::string &)> obstruct;
-    } cases[] = {
-        {"is a symbolic link",
-         [this](const std::string &s) {
-             fs::rename(s, File("x"));
-             fs::create_symlink(m_install.Path("x"), s);
-         }},
-        {"left as it is: it is not a regular file",
-         [](const std::string &s) {
-             fs::remove(s);
-             ASSERT_EQ(mkfifo(s.c_str(), 0600), 0);
-         }},
-        {"morcache.db-journal is not opened: it is not a regular file",
-         [](const std::string &s) { ASSERT_EQ(mkfifo((s + "-journal").c_str(), 0600), 0); }},
-        {"morcache.db-journal is not opened: it is not a regular file",
-         [](const std::string &s) { fs::create_directory(s + "-journal"); }},
-        {"several names", [this](const std::string &s) { fs::create_hard_link(s, m_install.Path("y")); }},
-        {"belongs to another user", [](const std::string &s) { ASSERT_EQ(chown(s.c_str(), 12345, 0), 0); }},
+    const std::string strPath = m_install.Database();
+    const std::string strJournal = strPath + "-journal";
+    const std::string strOther = m_install.Path("other");
+    const std::pair<std::string, std::function<void()>> cases[] = {
+        {"is a symbolic link", [&] { fs::rename(strPath, strOther), fs::create_symlink(strOther, strPath); }},
+        {"left as it is: it is not a regular file", [&] { fs::remove(strPath), (void)mkfifo(strPath.c_str(), 0600); }},
+        {"journal is not opened: it is not a regular file", [&] { (void)mkfifo(strJournal.c_str(), 0600); }},
+        {"journal is not opened: it is not a regular file",
+         [&] { fs::remove(strJournal), fs::create_directory(strJournal); }},
+        {"belongs to another user", [&] { (void)chown(strPath.c_str(), 12345, 0); }},
+        {"several names", [&] { fs::remove(strOther), fs::create_hard_link(strPath, strOther); }},
     };
-    for (const auto &testCase : cases) {
-        SCOPED_TRACE(testCase.strReason);
+    for (const auto &[strReason, obstruct] : cases) {
+        SCOPED_TRACE(strReason);
         Reset();
-        testCase.obstruct(m_install.Database());
+        obstruct();
         EXPECT_EQ(Start(), TARN_E_FAIL);
-        EXPECT_GT(Warnings(testCase.strReason), 0);
+        EXPECT_GT(Warnings(strReason), 0);
         EXPECT_FALSE(Exists(Damaged()));
     }
+    Configure("");
+    EXPECT_EQ(Start(), TARN_OK); // without the key it would otherwise be deleted
+    EXPECT_EQ(Lookup(m_strFile), TARN_OK);
 }
 
 TEST_F(DatabaseHealth, WhatHappensToARunningCacheHealsInItsWriter) {
-    const struct {
-        const char *pszCause;
-        std::function<void(const std::string &)> damage;
-        bool bStays = false; // what was stored
-    } cases[] = {
-        {"removed", [](const std::string &s) { fs::remove(s); }},
-        {"cut", [](const std::string &s) { fs::resize_file(s, 8192); }},
-        {"emptied", [](const std::string &s) { fs::resize_file(s, 0); }},
-        {"replaced by its copy",
-         [this](const std::string &s) {
-             fs::remove(s);
-             Put(m_strGood);
-         },
-         true},
-    };
-    for (const auto &testCase : cases) {
-        SCOPED_TRACE(testCase.pszCause);
+    const std::string strPath = m_install.Database();
+    const std::function<void()> cases[] = {[&] { fs::remove(strPath); }, [&] { fs::resize_file(strPath, 8192); },
+                                           [&] { fs::resize_file(strPath, 0); },
+                                           [&] { fs::remove(strPath), Put(m_strGood); }};
+    for (const auto &damage : cases) {
+        const bool bStays = &damage == std::end(cases) - 1; // what was stored
+        SCOPED_TRACE(&damage - cases);
         Reset();
         ASSERT_EQ(Start(), TARN_OK);
         ASSERT_EQ(Lookup(m_strFile), TARN_OK);
         const std::string strOther = File("other");
         ASSERT_EQ(Add(strOther, Verdict(1, 1, "Other.Virus")), TARN_OK); // its index counts in the former table
-        testCase.damage(m_install.Database());
+        damage();
         m_pAgent->RunWritePass(false);
-        EXPECT_EQ(Lookup(m_strFile), testCase.bStays ? TARN_OK : TARN_NOT_CACHED);
+        EXPECT_EQ(Lookup(m_strFile), bStays ? TARN_OK : TARN_NOT_CACHED);
         Write(m_strFile, Verdict(1, 1, "New.Virus"));
         EXPECT_EQ(Lookup(m_strFile), TARN_OK);
         EXPECT_EQ(Lookup(strOther), TARN_NOT_CACHED);
