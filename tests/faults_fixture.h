@@ -182,7 +182,7 @@ class Faults : public testing::Test {
             }
         }
         std::cout << pszWhat << ": " << nRuns << " runs, " << vecWrong.size() << " with a complaint, slowest start "
-                  << m_dSlowest << " s, seed " << m_ulSeed << "\n";
+                  << m_dSlowest << " s, seed " << m_ulSeed << std::endl;
         EXPECT_EQ(vecWrong, Texts()) << pszWhat << ", seed " << m_ulSeed;
     }
     std::string PlayWith(EFault eKind, uint64_t nAt, bool bForEver = false) {

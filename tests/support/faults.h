@@ -75,6 +75,7 @@ extern "C" {
 int fdatasync(int) {
     return IsDue(false) ? -1 : 0; // a kill takes nothing from the kernel, and thousands of runs have no time
 }
+#ifndef __SANITIZE_THREAD__ // which calls them before it is ready for a function of ours
 void *malloc(size_t nBytes) {
     return IsDue(true) ? nullptr : REAL(malloc)(nBytes);
 }
@@ -84,14 +85,19 @@ void *calloc(size_t nCount, size_t nBytes) {
 void *realloc(void *pMemory, size_t nBytes) {
     return IsDue(true) ? nullptr : REAL(realloc)(pMemory, nBytes);
 }
+#endif
 const char *__asan_default_options() {
     return "alloc_dealloc_mismatch=0"; // operator new below
+}
+const char *__tsan_default_options() {
+    return "atexit_sleep_ms=0"; // of each child
 }
 const char *__lsan_default_suppressions() {
     return "leak:CSimpleIniTempl"; // the parser's own: the texts that it held when memory ran out
 }
 }
-// A sanitizer asks for this at the start of a thread, and aborts when there is no memory for the answer.
+#ifdef __SANITIZE_ADDRESS__
+// It asks for this at the start of a thread, and aborts when there is no memory for the answer.
 extern "C" int pthread_getattr_np(pthread_t thread, pthread_attr_t *pAttributes) noexcept {
     static const auto pNext =
         reinterpret_cast<int (*)(pthread_t, pthread_attr_t *)>(dlsym(RTLD_NEXT, "pthread_getattr_np"));
@@ -100,6 +106,7 @@ extern "C" int pthread_getattr_np(pthread_t thread, pthread_attr_t *pAttributes)
     t_bSpared = false;
     return iError;
 }
+#endif
 void *operator new(size_t nBytes) {
     void *pMemory = malloc(nBytes);
     return pMemory != nullptr ? pMemory : throw std::bad_alloc();
