@@ -20,7 +20,7 @@ constexpr size_t kBatch = 64; // files that go to the queue at once
 constexpr dev_t kNoDevice = ~dev_t{0};
 // Each folder on the way down is kept open with its path, so memory grows with the square of the depth: a user could
 // make a tree that is too much for any machine.
-constexpr size_t kLongestPath = 16 * 1024; // bytes, four times what the system takes at once
+constexpr size_t kLongestPath = size_t{16} * 1024; // bytes, four times what the system takes at once
 
 struct _CloseFolder {
     void operator()(DIR *pFolder) const { (void)closedir(pFolder); }
