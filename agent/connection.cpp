@@ -109,6 +109,7 @@ uint32_t CConnection::PrepareEndStatements() {
 }
 
 void CConnection::Abandon() {
+    FinalizeStatements(); // SQLite keeps a connection that has some
     m_failures.Follow(nullptr);
     sqlite3_close(m_pDB);
     m_pDB = nullptr;
