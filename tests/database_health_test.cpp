@@ -78,7 +78,7 @@ TEST_F(DatabaseHealth, WhatCannotBeOpenedIsLeftAloneAndNamed) {
         {"journal is not opened: it is not a regular file", [&] { (void)mkfifo(strJournal.c_str(), 0600); }},
         {"journal is not opened: it is not a regular file",
          [&] { fs::remove(strJournal), fs::create_directory(strJournal); }},
-        {"belongs to another user", [&] { (void)chown(strPath.c_str(), 12345, 0); }},
+        {"belongs to another user", [&] { [[maybe_unused]] const int iError = chown(strPath.c_str(), 12345, 0); }},
         {"several names", [&] { fs::remove(strOther), fs::create_hard_link(strPath, strOther); }},
     };
     for (const auto &[strReason, obstruct] : cases) {
