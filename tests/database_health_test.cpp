@@ -82,6 +82,9 @@ TEST_F(DatabaseHealth, WhatCannotBeOpenedIsLeftAloneAndNamed) {
         {"several names", [&] { fs::remove(strOther), fs::create_hard_link(strPath, strOther); }},
     };
     for (const auto &[strReason, obstruct] : cases) {
+        if (geteuid() != 0 && strReason == "belongs to another user") {
+            continue; // only root can give a file away
+        }
         SCOPED_TRACE(strReason);
         Reset();
         obstruct();
