@@ -53,8 +53,9 @@ TEST_F(Bracket, AWriteThatWaitsForItsDataIsSeen) {
         m_install.WriteFile("file", "clean");
         ASSERT_EQ(madvise(pPage, 4096, MADV_DONTNEED), 0);
         auto pMap = bMapGone ? std::make_unique<_Map>(m_strFile) : nullptr;
+        char *const pchTarget = bMapGone ? pMap->pPage : nullptr;
         std::thread writer([&] {
-            const iovec from = {pPage, 5}, to = {bMapGone ? pMap->pPage : nullptr, 5};
+            const iovec from = {pPage, 5}, to = {pchTarget, 5};
             EXPECT_EQ(bMapGone ? process_vm_writev(getpid(), &from, 1, &to, 1, 0)
                                : pwrite(Writer(m_strFile).Get(), pPage, 5, 0),
                       5);
